@@ -1,0 +1,82 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include <qor/serialization/msgpack/buffer.hpp>
+
+namespace qor::serialization::msgpack {
+
+// Every function appends the MessagePack form of one value to `out`. The form chosen for
+// each type is part of the wire contract with the server: keep it byte for byte.
+
+/// Appends `n` zero bytes and returns the index of the first of them.
+uint64_t grow_tail(std::vector<uint8_t>& out, uint64_t n);
+
+/// fixarray, array 16 or array 32; "array too large" above 4294967295.
+void pack_array_header(std::vector<uint8_t>& out, uint64_t count);
+/// fixmap, map 16 or map 32; "map too large" above 4294967295.
+void pack_map_header(std::vector<uint8_t>& out, uint64_t count);
+
+/// 0xC2 or 0xC3.
+void pack(std::vector<uint8_t>& out, bool value);
+/// Smallest form; the negative bounds are one step narrower than the format allows.
+void pack(std::vector<uint8_t>& out, int value);
+/// Smallest form, 64-bit forms allowed (int64_t is `long` here).
+void pack(std::vector<uint8_t>& out, long value);
+/// Smallest form, 64-bit forms allowed.
+void pack(std::vector<uint8_t>& out, long long value);
+/// Always uint 32: five bytes whatever the value (mesh index fields).
+void pack(std::vector<uint8_t>& out, uint32_t value);
+/// Smallest unsigned form (WAMP ids and other unsigned counters).
+void pack(std::vector<uint8_t>& out, unsigned long value);
+/// Always float 64, nine bytes.
+void pack(std::vector<uint8_t>& out, double value);
+/// Single precision is only ever read, never written.
+void pack(std::vector<uint8_t>& out, float value) = delete;
+/// fixstr, str 8, str 16 or str 32; "string too long" above 4294967295 bytes.
+void pack(std::vector<uint8_t>& out, const std::string& value);
+/// Same as the std::string form (keeps literals from decaying to bool).
+void pack(std::vector<uint8_t>& out, const char* value);
+/// One bin value (bin 8, 16 or 32); "binary data too large" above 4294967295 bytes.
+void pack(std::vector<uint8_t>& out, const buffer& value);
+/// Array of single-byte booleans.
+void pack(std::vector<uint8_t>& out, const std::vector<bool>& values);
+
+/// Array header, then each element by its own rule.
+template <class T>
+void pack(std::vector<uint8_t>& out, const std::vector<T>& values) {
+    pack_array_header(out, values.size());
+    for (const T& v : values) pack(out, v);
+}
+
+/// Map header, then each key and value in the map's key order.
+template <class V>
+void pack(std::vector<uint8_t>& out, const std::map<std::string, V>& values) {
+    pack_map_header(out, values.size());
+    for (const auto& [k, v] : values) {
+        pack(out, k);
+        pack(out, v);
+    }
+}
+
+/// Array of N, then each member.
+template <class... Ts>
+void pack(std::vector<uint8_t>& out, const std::tuple<Ts...>& values) {
+    pack_array_header(out, sizeof...(Ts));
+    std::apply([&out](const auto&... v) { (pack(out, v), ...); }, values);
+}
+
+/// Array of 2, then both members.
+template <class A, class B>
+void pack(std::vector<uint8_t>& out, const std::pair<A, B>& value) {
+    pack_array_header(out, 2);
+    pack(out, value.first);
+    pack(out, value.second);
+}
+
+}  // namespace qor::serialization::msgpack

@@ -1,0 +1,106 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include <qor/serialization/msgpack/buffer.hpp>
+
+namespace qor::serialization::msgpack {
+
+/// A non-owning decoding cursor. Every reader checks the bytes it needs against `size`:
+/// a value that runs past the end raises "unexpected end of data" and nothing outside
+/// [data, data + size) is ever read. Used from one thread at a time.
+struct ReadBuffer {
+    const uint8_t* data;  ///< first encoded byte; not owned
+    uint64_t size;        ///< number of readable bytes at `data`
+    uint64_t position;    ///< index of the next byte to read
+
+    /// A cursor over the bytes of `block`, at position 0.
+    explicit ReadBuffer(const buffer& block);
+    /// A cursor over `count` bytes at `bytes`, at position 0.
+    ReadBuffer(const uint8_t* bytes, uint64_t count);
+
+    /// Bytes not yet read.
+    uint64_t remaining() const { return size - position; }
+    /// Pointer to the next byte to read.
+    const uint8_t* current() const { return data + position; }
+};
+
+/// Array header count: fixarray, array 16, array 32. Refuses a count larger than the bytes left.
+uint64_t read_array_header(ReadBuffer& in);
+/// Map header count: fixmap, map 16, map 32. Refuses a count larger than the bytes left.
+uint64_t read_map_header(ReadBuffer& in);
+
+/// Any integer form; uint 64 and int 64 are taken as their eight bytes.
+void read(ReadBuffer& in, long& value);
+/// Any integer form.
+void read(ReadBuffer& in, long long& value);
+/// Any integer form, kept to its low 32 bits.
+void read(ReadBuffer& in, int& value);
+/// Any integer form, kept to its low 32 bits.
+void read(ReadBuffer& in, uint32_t& value);
+/// Any integer form, as unsigned 64 bits (WAMP ids).
+void read(ReadBuffer& in, unsigned long& value);
+/// float 32, or float 64 narrowed to the nearest single-precision value.
+void read(ReadBuffer& in, float& value);
+/// float 64, or float 32 widened exactly.
+void read(ReadBuffer& in, double& value);
+/// Any single byte: only 0xC3 is true. Never fails on content.
+void read(ReadBuffer& in, bool& value);
+/// fixstr, str 8, str 16, str 32.
+void read(ReadBuffer& in, std::string& value);
+/// bin 8, bin 16, bin 32; the payload is copied into a fresh block.
+void read(ReadBuffer& in, buffer& value);
+/// Array of single-byte booleans.
+void read(ReadBuffer& in, std::vector<bool>& values);
+
+/// Skips one complete value of any form and returns its size in bytes; nesting depth is bounded.
+uint64_t skip(ReadBuffer& in);
+
+/// Throws the record error: "reading struct : wrong number of fields. N fields in message, F in struct".
+[[noreturn]] void throw_struct_count(uint64_t in_message, uint64_t in_struct);
+/// Throws the tuple error: "reading tuple : wrong number of fields. N fields in message, F in tuple".
+[[noreturn]] void throw_tuple_count(uint64_t in_message, uint64_t in_struct);
+
+/// Array header, resize to exactly its count, then each element in place.
+template <class T>
+void read(ReadBuffer& in, std::vector<T>& values) {
+    const uint64_t count = read_array_header(in);
+    values.resize(count);
+    for (T& v : values) read(in, v);
+}
+
+/// Map header, then keys and values; an existing key is overwritten.
+template <class K, class V>
+void read(ReadBuffer& in, std::map<K, V>& values) {
+    const uint64_t count = read_map_header(in);
+    values.clear();
+    for (uint64_t i = 0; i < count; ++i) {
+        K key{};
+        read(in, key);
+        read(in, values[key]);
+    }
+}
+
+/// Array header that must count exactly N, then each member.
+template <class... Ts>
+void read(ReadBuffer& in, std::tuple<Ts...>& values) {
+    const uint64_t count = read_array_header(in);
+    if (count != sizeof...(Ts)) throw_tuple_count(count, sizeof...(Ts));
+    std::apply([&in](auto&... v) { (read(in, v), ...); }, values);
+}
+
+/// Array header that must count exactly 2, then both members.
+template <class A, class B>
+void read(ReadBuffer& in, std::pair<A, B>& value) {
+    const uint64_t count = read_array_header(in);
+    if (count != 2) throw_tuple_count(count, 2);
+    read(in, value.first);
+    read(in, value.second);
+}
+
+}  // namespace qor::serialization::msgpack
