@@ -1,0 +1,125 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <qor/serialization/msgpack/buffer.hpp>
+
+namespace spdlog {
+class logger;
+}
+
+namespace qor::wamp {
+struct Message;
+}
+
+namespace qor::transport {
+
+/// What the server accepts from one authid. A credential with neither secret set lets that
+/// authid join without a challenge.
+struct Credential {
+    std::string authid;              ///< the HELLO authid this entry answers
+    std::string authrole = "user";   ///< announced in WELCOME
+    std::string ticket;              ///< accepted "ticket" secret; empty: ticket not offered
+    std::string wampcra_secret;      ///< "wampcra" secret; empty: wampcra not offered
+    std::string wampcra_salt;        ///< non-empty: the key is derived with PBKDF2-HMAC-SHA256
+    int wampcra_iterations = 1000;   ///< PBKDF2 iterations for a salted secret
+    int wampcra_keylen = 32;         ///< PBKDF2 key length in bytes for a salted secret
+};
+
+/// Listening and session-opening settings of a `Server`.
+struct ServerOptions {
+    std::string host = "127.0.0.1";  ///< address both listeners bind
+    bool rawsocket = true;           ///< accept WAMP over RawSocket
+    uint16_t rawsocket_port = 0;     ///< 0 picks a free port (see `Server::rawsocket_port`)
+    bool websocket = true;           ///< accept WAMP over WebSocket ("wamp.2.msgpack")
+    uint16_t websocket_port = 0;     ///< 0 picks a free port (see `Server::websocket_port`)
+    std::string realm = "realm1";    ///< the one realm sessions may join
+    /// Empty: anyone joins anonymously. Otherwise only these authids join, by their method.
+    std::vector<Credential> credentials;
+    std::string tls_certificate_file;  ///< PEM chain; with the key, both listeners speak TLS
+    std::string tls_private_key_file;  ///< PEM private key
+    uint32_t max_message_size = 16u * 1024u * 1024u;  ///< larger incoming messages end the session
+    /// A peer that has not finished the opening (transport handshake to WELCOME) by then is dropped.
+    std::chrono::milliseconds opening_timeout{10000};
+    std::shared_ptr<spdlog::logger> logger;  ///< may be null: nothing is logged
+};
+
+/// A session that has joined (WELCOME sent).
+struct SessionInfo {
+    uint64_t id = 0;          ///< the WAMP session id sent in WELCOME
+    std::string transport;    ///< "rawsocket" or "websocket"
+    std::string peer;         ///< remote address and port
+    std::string authid;       ///< empty for anonymous sessions
+    std::string authrole;     ///< "anonymous" for anonymous sessions
+    std::string authmethod;   ///< "anonymous", "ticket" or "wampcra"
+};
+
+/// The router half of WAMP over RawSocket and WebSocket (optionally TLS): accepts
+/// connections, checks the realm and credentials, answers WELCOME or ABORT, answers
+/// GOODBYE and keepalive pings, and hands every other message of a joined session to the
+/// owner. Routing (calls, subscriptions) is the owner's business.
+///
+/// Threading: `start` spawns one I/O thread; every handler runs on it, one at a time, and
+/// must not block. `send`, `send_encoded`, `close`, `drop`, `post`, `sessions` and
+/// `set_silent` may be called from any thread, handlers included. Handlers are set before
+/// `start`. An exception escaping a handler is logged and closes that session.
+class Server {
+public:
+    using JoinHandler = std::function<void(const SessionInfo&)>;
+    using MessageHandler = std::function<void(uint64_t session, const wamp::Message&)>;
+    using LeaveHandler = std::function<void(uint64_t session, const std::string& reason)>;
+
+    /// A stopped server with these settings.
+    explicit Server(ServerOptions options = {});
+    /// Stops the server (see `stop`).
+    ~Server();
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+
+    /// Called once per session after its WELCOME was sent.
+    void on_join(JoinHandler handler);
+    /// Called with each message of a joined session other than GOODBYE.
+    void on_message(MessageHandler handler);
+    /// Called once per joined session when it ends; `reason` is the GOODBYE reason or the cause.
+    void on_leave(LeaveHandler handler);
+
+    /// Binds the listeners and starts the I/O thread; throws std::runtime_error when it cannot.
+    void start();
+    /// Closes every connection at once, without GOODBYE, and joins the I/O thread. Idempotent.
+    void stop();
+    /// Sends GOODBYE with `reason` to every session, waits up to `grace` for them to go, then stops.
+    void shutdown(const std::string& reason = "wamp.close.system_shutdown",
+                  std::chrono::milliseconds grace = std::chrono::milliseconds(1000));
+
+    /// The bound RawSocket port (0 when not listening).
+    uint16_t rawsocket_port() const;
+    /// The bound WebSocket port (0 when not listening).
+    uint16_t websocket_port() const;
+
+    /// Queues one message to a joined session; false when no such session exists.
+    bool send(uint64_t session, const wamp::Message& message);
+    /// Queues one already serialized message (lets one EVENT be encoded once for many sessions).
+    bool send_encoded(uint64_t session, const serialization::msgpack::buffer& encoded);
+    /// Sends GOODBYE with `reason` and ends the session once the peer answers (or at once if it is gone).
+    void close(uint64_t session, const std::string& reason = "wamp.close.close_realm");
+    /// Ends a session at once, without GOODBYE, as if the network broke.
+    void drop(uint64_t session);
+    /// Runs `task` on the I/O thread (for owners that keep their state on it).
+    void post(std::function<void()> task);
+    /// The ids of the sessions joined now.
+    std::vector<uint64_t> sessions() const;
+    /// While true the server reads nothing and answers nothing, pings included, like a hung
+    /// process; connections stay open. Lets clients' keepalive be exercised.
+    void set_silent(bool silent);
+
+private:
+    struct Impl;
+    std::shared_ptr<Impl> impl_;
+};
+
+}  // namespace qor::transport
