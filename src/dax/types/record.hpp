@@ -1,0 +1,252 @@
+#pragma once
+
+// The record mechanism shared by every dax::types structure: a record names its fields once
+// with DAX_RECORD_FIELDS, and the MessagePack writer and reader below derive the field count
+// and the field order from that list. A record travels as an array of its fields in
+// declaration order, never as a map.
+//
+// Single-precision fields are written as float 64: the codec has no float 32 writer, float 64
+// holds every float exactly, and every reader of a float field accepts it.
+//
+// Records whose every field has one fixed encoded form (double, float, uint32_t, bool and
+// records made only of those) have a size known at compile time. A vector of such records is
+// written by growing the output once and filling it in place, and read with one bounds check
+// per element; the bytes are those of the field-by-field path, and an element that arrives in
+// any other accepted form (a small index as a fixint, a float 32 coordinate) is read by the
+// field-by-field path instead.
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include <qor/serialization/msgpack/buffer.hpp>
+#include <qor/serialization/msgpack/pack.hpp>
+#include <qor/serialization/msgpack/read.hpp>
+
+/// Declares a record's fields, in wire order: defines `fields()` (mutable and const) returning
+/// references to them, and marks the type as a record for `dax::types::pack` and `read`.
+#define DAX_RECORD_FIELDS(...)        \
+    using dax_record_tag = void;      \
+    auto fields() {                   \
+        return std::tie(__VA_ARGS__); \
+    }                                 \
+    auto fields() const {             \
+        return std::tie(__VA_ARGS__); \
+    }
+
+namespace dax::types {
+
+/// True for types declared with DAX_RECORD_FIELDS.
+template <class T, class = void>
+struct is_record : std::false_type {};
+template <class T>
+struct is_record<T, std::void_t<typename T::dax_record_tag>> : std::true_type {};
+template <class T>
+inline constexpr bool is_record_v = is_record<T>::value;
+
+/// Number of fields of record T.
+template <class T>
+inline constexpr std::size_t field_count_v =
+    std::tuple_size_v<decltype(std::declval<const T&>().fields())>;
+
+namespace detail {
+
+namespace msgpack = qor::serialization::msgpack;
+
+template <class T>
+using bare_t = std::remove_cv_t<std::remove_reference_t<T>>;
+
+template <class T, class = void>
+struct fixed_size : std::integral_constant<std::size_t, 0> {};
+template <>
+struct fixed_size<double> : std::integral_constant<std::size_t, 9> {};
+template <>
+struct fixed_size<float> : std::integral_constant<std::size_t, 9> {};
+template <>
+struct fixed_size<uint32_t> : std::integral_constant<std::size_t, 5> {};
+template <>
+struct fixed_size<bool> : std::integral_constant<std::size_t, 1> {};
+
+template <class Tuple>
+struct fields_fixed_size;
+template <class... Fs>
+struct fields_fixed_size<std::tuple<Fs...>> {
+    static constexpr bool all = ((fixed_size<bare_t<Fs>>::value > 0) && ...);
+    static constexpr std::size_t value = all ? 1 + (fixed_size<bare_t<Fs>>::value + ...) : 0;
+};
+
+// A record is fixed-size when every field is, and its header is a one-byte fixarray.
+template <class T>
+struct fixed_size<T, std::enable_if_t<is_record_v<T>>>
+    : std::integral_constant<
+          std::size_t, (field_count_v<T> < 16)
+                           ? fields_fixed_size<decltype(std::declval<const T&>().fields())>::value
+                           : 0> {};
+
+inline void put_be64(uint8_t* p, uint64_t v) {
+    for (int i = 7; i >= 0; --i, v >>= 8) p[i] = static_cast<uint8_t>(v);
+}
+inline void put_be32(uint8_t* p, uint32_t v) {
+    for (int i = 3; i >= 0; --i, v >>= 8) p[i] = static_cast<uint8_t>(v);
+}
+inline uint64_t get_be64(const uint8_t* p) {
+    uint64_t v = 0;
+    for (int i = 0; i < 8; ++i) v = (v << 8) | p[i];
+    return v;
+}
+inline uint32_t get_be32(const uint8_t* p) {
+    uint32_t v = 0;
+    for (int i = 0; i < 4; ++i) v = (v << 8) | p[i];
+    return v;
+}
+
+// Writes the fixed form of `value` at `p` (room already made) and returns the end.
+inline uint8_t* put_fixed(uint8_t* p, double value) {
+    uint64_t bits;
+    std::memcpy(&bits, &value, 8);
+    p[0] = 0xCB;
+    put_be64(p + 1, bits);
+    return p + 9;
+}
+inline uint8_t* put_fixed(uint8_t* p, float value) {
+    return put_fixed(p, static_cast<double>(value));
+}
+inline uint8_t* put_fixed(uint8_t* p, uint32_t value) {
+    p[0] = 0xCE;
+    put_be32(p + 1, value);
+    return p + 5;
+}
+inline uint8_t* put_fixed(uint8_t* p, bool value) {
+    p[0] = value ? 0xC3 : 0xC2;
+    return p + 1;
+}
+template <class T, std::enable_if_t<is_record_v<T>, int> = 0>
+uint8_t* put_fixed(uint8_t* p, const T& record) {
+    *p++ = static_cast<uint8_t>(0x90 | field_count_v<T>);
+    std::apply([&p](const auto&... f) { ((p = put_fixed(p, f)), ...); }, record.fields());
+    return p;
+}
+
+// Reads `value` from its fixed form at `p` (bytes already bounds-checked); false when the bytes
+// hold some other form, in which case the caller falls back to the full reader.
+inline bool get_fixed(const uint8_t* p, double& value) {
+    if (p[0] != 0xCB) return false;
+    const uint64_t bits = get_be64(p + 1);
+    std::memcpy(&value, &bits, 8);
+    return true;
+}
+inline bool get_fixed(const uint8_t* p, float& value) {
+    double wide;
+    if (!get_fixed(p, wide)) return false;
+    value = static_cast<float>(wide);
+    return true;
+}
+inline bool get_fixed(const uint8_t* p, uint32_t& value) {
+    if (p[0] != 0xCE) return false;
+    value = get_be32(p + 1);
+    return true;
+}
+inline bool get_fixed(const uint8_t* p, bool& value) {
+    value = p[0] == 0xC3;
+    return true;
+}
+template <class T, std::enable_if_t<is_record_v<T>, int> = 0>
+bool get_fixed(const uint8_t* p, T& record) {
+    if (*p++ != (0x90 | field_count_v<T>)) return false;
+    return std::apply(
+        [&p](auto&... f) {
+            return (
+                (get_fixed(p, f) ? (p += fixed_size<bare_t<decltype(f)>>::value, true) : false) &&
+                ...);
+        },
+        record.fields());
+}
+
+template <class T>
+void pack_field(std::vector<uint8_t>& out, const T& value) {
+    using msgpack::pack;
+    pack(out, value);  // records are found by argument-dependent lookup
+}
+inline void pack_field(std::vector<uint8_t>& out, float value) {
+    msgpack::pack(out, static_cast<double>(value));
+}
+inline void pack_field(std::vector<uint8_t>& out, const std::vector<bool>& values) {
+    msgpack::pack(out, values);
+}
+template <class E>
+void pack_field(std::vector<uint8_t>& out, const std::vector<E>& values) {
+    msgpack::pack_array_header(out, values.size());
+    if constexpr (fixed_size<E>::value > 0) {
+        constexpr std::size_t size = fixed_size<E>::value;
+        const std::size_t at = out.size();
+        out.resize(at + values.size() * size);
+        uint8_t* p = out.data() + at;
+        for (const E& v : values) p = put_fixed(p, v);
+    } else {
+        for (const E& v : values) pack_field(out, v);
+    }
+}
+
+template <class T>
+void read_field(msgpack::ReadBuffer& in, T& value) {
+    using msgpack::read;
+    read(in, value);  // records are found by argument-dependent lookup
+}
+inline void read_field(msgpack::ReadBuffer& in, std::vector<bool>& values) {
+    msgpack::read(in, values);
+}
+template <class E>
+void read_field(msgpack::ReadBuffer& in, std::vector<E>& values) {
+    const uint64_t count = msgpack::read_array_header(in);
+    values.resize(count);
+    for (E& v : values) read_field(in, v);
+}
+
+// Header, count test, then every field in order: the path every accepted form goes through.
+template <class T>
+void read_fields(msgpack::ReadBuffer& in, T& record) {
+    const uint64_t count = msgpack::read_array_header(in);
+    if (count != field_count_v<T>) msgpack::throw_struct_count(count, field_count_v<T>);
+    std::apply([&in](auto&... f) { (read_field(in, f), ...); }, record.fields());
+}
+
+template <class T>
+void pack_fields(std::vector<uint8_t>& out, const T& record) {
+    msgpack::pack_array_header(out, field_count_v<T>);
+    std::apply([&out](const auto&... f) { (pack_field(out, f), ...); }, record.fields());
+}
+
+}  // namespace detail
+
+/// Appends `record` as an array of its fields in declaration order.
+template <class T, std::enable_if_t<is_record_v<T>, int> = 0>
+void pack(std::vector<uint8_t>& out, const T& record) {
+    if constexpr (detail::fixed_size<T>::value > 0) {
+        const std::size_t at = out.size();
+        out.resize(at + detail::fixed_size<T>::value);
+        detail::put_fixed(out.data() + at, record);
+    } else {
+        detail::pack_fields(out, record);
+    }
+}
+
+/// Reads `record` from an array that must hold exactly its number of fields; raises the codec's
+/// "reading struct : wrong number of fields. ..." error otherwise.
+template <class T, std::enable_if_t<is_record_v<T>, int> = 0>
+void read(qor::serialization::msgpack::ReadBuffer& in, T& record) {
+    if constexpr (detail::fixed_size<T>::value > 0) {
+        constexpr std::size_t size = detail::fixed_size<T>::value;
+        if (in.remaining() >= size && detail::get_fixed(in.current(), record)) {
+            in.position += size;
+            return;
+        }
+    }
+    detail::read_fields(in, record);
+}
+
+}  // namespace dax::types
