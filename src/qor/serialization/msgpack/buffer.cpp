@@ -31,7 +31,8 @@ buffer::buffer(const std::vector<uint8_t>& bytes)
 buffer::buffer(const uint8_t* bytes, uint64_t count)
     : data(allocate_copy(bytes, count)), size(count) {}
 
-buffer::buffer(const buffer& other) : data(allocate_copy(other.data, other.size)), size(other.size) {}
+buffer::buffer(const buffer& other)
+    : data(allocate_copy(other.data, other.size)), size(other.size) {}
 
 buffer::buffer(buffer&& other) noexcept : data(other.data), size(other.size) {
     other.data = empty_block;
@@ -59,7 +60,9 @@ buffer& buffer::operator=(buffer&& other) noexcept {
     return *this;
 }
 
-buffer::~buffer() { release(data); }
+buffer::~buffer() {
+    release(data);
+}
 
 bool buffer::operator==(const buffer& other) const {
     return size == other.size && (size == 0 || std::memcmp(data, other.data, size) == 0);

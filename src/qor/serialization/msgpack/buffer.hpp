@@ -9,7 +9,7 @@ namespace qor::serialization::msgpack {
 /// Copies are deep, moves are cheap, and `data` is never null (an empty block is a
 /// zero-length allocation). Used from one thread at a time.
 class buffer {
-public:
+  public:
     uint8_t* data;  ///< heap storage owned by this buffer, never null
     uint64_t size;  ///< number of bytes in `data`
 

@@ -30,9 +30,10 @@ struct ReadBuffer {
     const uint8_t* current() const { return data + position; }
 };
 
-/// Array header count: fixarray, array 16, array 32. Refuses a count larger than the bytes left.
+/// Array header count: fixarray, array 16, array 32. Refuses a count larger than the bytes left
+/// ("unexpected end of data", header not consumed).
 uint64_t read_array_header(ReadBuffer& in);
-/// Map header count: fixmap, map 16, map 32. Refuses a count larger than the bytes left.
+/// Map header count: fixmap, map 16, map 32. Refuses a count larger than half the bytes left.
 uint64_t read_map_header(ReadBuffer& in);
 
 /// Any integer form; uint 64 and int 64 are taken as their eight bytes.
@@ -58,12 +59,15 @@ void read(ReadBuffer& in, buffer& value);
 /// Array of single-byte booleans.
 void read(ReadBuffer& in, std::vector<bool>& values);
 
-/// Skips one complete value of any form and returns its size in bytes; nesting depth is bounded.
+/// Skips one complete value of any form (ext included) and returns its size in bytes. Walks
+/// without recursion, so any nesting depth is safe; refuses 0xC1 ("invalid type byte 0xC1").
 uint64_t skip(ReadBuffer& in);
 
-/// Throws the record error: "reading struct : wrong number of fields. N fields in message, F in struct".
+/// Throws the record error: "reading struct : wrong number of fields. N fields in message, F in
+/// struct".
 [[noreturn]] void throw_struct_count(uint64_t in_message, uint64_t in_struct);
-/// Throws the tuple error: "reading tuple : wrong number of fields. N fields in message, F in tuple".
+/// Throws the tuple error: "reading tuple : wrong number of fields. N fields in message, F in
+/// tuple".
 [[noreturn]] void throw_tuple_count(uint64_t in_message, uint64_t in_struct);
 
 /// Array header, resize to exactly its count, then each element in place.

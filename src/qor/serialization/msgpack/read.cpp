@@ -1,0 +1,224 @@
+#include <qor/serialization/msgpack/read.hpp>
+
+#include <sstream>
+#include <stdexcept>
+
+#include <qor/serialization/msgpack/detail/decode.hpp>
+
+namespace qor::serialization::msgpack {
+
+namespace detail {
+
+void fail(const char* text) {
+    throw std::runtime_error(text);
+}
+
+}  // namespace detail
+
+namespace {
+
+using detail::available;
+using detail::end_of_data;
+using detail::fail;
+
+// The next byte to read, or the start of the block when the cursor has run past its end
+// (`available` is then 0 and no decoder dereferences it).
+const uint8_t* next(const ReadBuffer& in) {
+    return in.position <= in.size ? in.data + in.position : in.data;
+}
+
+uint64_t read_integer(ReadBuffer& in) {
+    uint64_t bits;
+    in.position += detail::decode_integer(next(in), available(in), bits);
+    return bits;
+}
+
+double read_floating(ReadBuffer& in, const char* wrong_type) {
+    double value;
+    in.position += detail::decode_floating(next(in), available(in), value, wrong_type);
+    return value;
+}
+
+// Reads a container header and refuses a count whose elements, at `min_element_bytes` each,
+// cannot fit in what is left: a hostile five-byte input must not make a caller resize a
+// vector to four billion elements.
+uint64_t read_container_header(ReadBuffer& in, uint8_t fix_base, uint8_t form16,
+                               uint64_t min_element_bytes, const char* wrong_type) {
+    const uint64_t avail = available(in);
+    uint64_t count;
+    const uint64_t header =
+        detail::decode_container_header(next(in), avail, count, fix_base, form16, wrong_type);
+    if (count > (avail - header) / min_element_bytes) fail(end_of_data);
+    in.position += header;
+    return count;
+}
+
+[[noreturn]] void throw_count(const char* what, uint64_t in_message, uint64_t expected,
+                              const char* container) {
+    std::ostringstream text;
+    text << "reading " << what << " : wrong number of fields. " << in_message
+         << " fields in message, " << expected << " in " << container;
+    throw std::runtime_error(text.str());
+}
+
+}  // namespace
+
+ReadBuffer::ReadBuffer(const buffer& block) : data(block.data), size(block.size), position(0) {}
+
+ReadBuffer::ReadBuffer(const uint8_t* bytes, uint64_t count)
+    : data(bytes), size(count), position(0) {}
+
+uint64_t read_array_header(ReadBuffer& in) {
+    return read_container_header(in, 0x90, 0xDC, 1, "inconsistent data while parsing array");
+}
+
+uint64_t read_map_header(ReadBuffer& in) {
+    return read_container_header(in, 0x80, 0xDE, 2, "inconsistent data while parsing map");
+}
+
+void read(ReadBuffer& in, long& value) {
+    value = long(read_integer(in));
+}
+
+void read(ReadBuffer& in, long long& value) {
+    value = static_cast<long long>(read_integer(in));
+}
+
+void read(ReadBuffer& in, int& value) {
+    value = int(int32_t(uint32_t(read_integer(in))));
+}
+
+void read(ReadBuffer& in, uint32_t& value) {
+    value = uint32_t(read_integer(in));
+}
+
+void read(ReadBuffer& in, unsigned long& value) {
+    value = read_integer(in);
+}
+
+void read(ReadBuffer& in, float& value) {
+    value = static_cast<float>(read_floating(in, "expected float value"));
+}
+
+void read(ReadBuffer& in, double& value) {
+    value = read_floating(in, "expected double value");
+}
+
+void read(ReadBuffer& in, bool& value) {
+    if (available(in) == 0) fail(end_of_data);
+    value = in.data[in.position] == 0xC3;
+    ++in.position;
+}
+
+void read(ReadBuffer& in, std::string& value) {
+    uint64_t length;
+    const uint8_t* p = next(in);
+    const uint64_t header = detail::decode_str_header(p, available(in), length);
+    value.assign(reinterpret_cast<const char*>(p + header), length);
+    in.position += header + length;
+}
+
+void read(ReadBuffer& in, buffer& value) {
+    uint64_t length;
+    const uint8_t* p = next(in);
+    const uint64_t header = detail::decode_bin_header(p, available(in), length);
+    value = buffer(p + header, length);
+    in.position += header + length;
+}
+
+void read(ReadBuffer& in, std::vector<bool>& values) {
+    const uint64_t count = read_array_header(in);
+    values.resize(count);
+    // The header check guarantees one byte per element.
+    const uint8_t* p = in.data + in.position;
+    for (uint64_t i = 0; i < count; ++i) values[i] = p[i] == 0xC3;
+    in.position += count;
+}
+
+uint64_t skip(ReadBuffer& in) {
+    const uint64_t avail = available(in);
+    const uint8_t* p = next(in);
+    // Values still to walk. Containers add their elements here instead of recursing, so
+    // nesting depth costs no stack; each pending value needs at least one byte, which bounds
+    // the loop by the bytes present whatever the headers claim.
+    uint64_t pending = 1;
+    uint64_t at = 0;
+    while (pending != 0) {
+        if (at >= avail) fail(end_of_data);
+        const uint8_t b = p[at];
+        const uint64_t left = avail - at;
+        uint64_t header = 1;
+        uint64_t payload = 0;
+        uint64_t children = 0;
+        if (b <= 0x7F || b >= 0xE0) {
+            // positive and negative fixint
+        } else if (b <= 0x8F) {
+            children = 2 * uint64_t(b & 0x0F);
+        } else if (b <= 0x9F) {
+            children = b & 0x0F;
+        } else if (b <= 0xBF) {
+            payload = b & 0x1F;
+        } else {
+            // Sizes of the forms 0xC0..0xDF: header bytes (type, length, ext type, fixed
+            // value), and how the length field counts: 0 none, 1 payload bytes, 2 elements,
+            // 3 key/value pairs.
+            struct Form {
+                uint8_t header;
+                uint8_t length_bytes;
+                uint8_t length_kind;
+            };
+            static constexpr Form forms[32] = {
+                {1, 0, 0},  {0, 0, 0}, {1, 0, 0}, {1, 0, 0},   // nil, (unused), false, true
+                {2, 1, 1},  {3, 2, 1}, {5, 4, 1},              // bin 8/16/32
+                {3, 1, 1},  {4, 2, 1}, {6, 4, 1},              // ext 8/16/32
+                {5, 0, 0},  {9, 0, 0},                         // float 32/64
+                {2, 0, 0},  {3, 0, 0}, {5, 0, 0}, {9, 0, 0},   // uint 8..64
+                {2, 0, 0},  {3, 0, 0}, {5, 0, 0}, {9, 0, 0},   // int 8..64
+                {3, 0, 0},  {4, 0, 0}, {6, 0, 0}, {10, 0, 0},  // fixext 1/2/4/8
+                {18, 0, 0},                                    // fixext 16
+                {2, 1, 1},  {3, 2, 1}, {5, 4, 1},              // str 8/16/32
+                {3, 2, 2},  {5, 4, 2},                         // array 16/32
+                {3, 2, 3},  {5, 4, 3},                         // map 16/32
+            };
+            const Form form = forms[b - 0xC0];
+            // 0xC1 is reserved by the format and never written by any encoder: treat it as
+            // corruption rather than guess a size for it.
+            if (form.header == 0) fail("invalid type byte 0xC1");
+            header = form.header;
+            if (left < header) fail(end_of_data);
+            uint64_t length = 0;
+            switch (form.length_bytes) {
+                case 1:
+                    length = p[at + 1];
+                    break;
+                case 2:
+                    length = get_be16(p + at + 1);
+                    break;
+                case 4:
+                    length = get_be32(p + at + 1);
+                    break;
+                default:
+                    break;
+            }
+            if (form.length_kind == 1) payload = length;
+            if (form.length_kind == 2) children = length;
+            if (form.length_kind == 3) children = 2 * length;
+        }
+        if (left < header || left - header < payload) fail(end_of_data);
+        at += header + payload;
+        pending = pending - 1 + children;
+        if (pending > avail - at) fail(end_of_data);
+    }
+    in.position += at;
+    return at;
+}
+
+void throw_struct_count(uint64_t in_message, uint64_t in_struct) {
+    throw_count("struct", in_message, in_struct, "struct");
+}
+
+void throw_tuple_count(uint64_t in_message, uint64_t in_struct) {
+    throw_count("tuple", in_message, in_struct, "tuple");
+}
+
+}  // namespace qor::serialization::msgpack

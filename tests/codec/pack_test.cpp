@@ -1,0 +1,241 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <map>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include <qor/serialization/msgpack.hpp>
+
+#include "hex.hpp"
+
+namespace msgpack = qor::serialization::msgpack;
+using codec_test::error_of;
+using codec_test::hex;
+using codec_test::to_hex;
+
+namespace {
+
+template <class T>
+std::string packed(const T& value) {
+    std::vector<uint8_t> out;
+    msgpack::pack(out, value);
+    return to_hex(out);
+}
+
+struct SignedRow {
+    long long value;
+    const char* bytes;
+};
+
+// Every boundary of the integer rule, including the two negative bounds that are one step
+// narrower than the format would allow.
+const SignedRow signed_rows[] = {
+    {0, "00"},
+    {1, "01"},
+    {127, "7f"},
+    {128, "cc 80"},
+    {255, "cc ff"},
+    {256, "cd 01 00"},
+    {65535, "cd ff ff"},
+    {65536, "ce 00 01 00 00"},
+    {2147483647, "ce 7f ff ff ff"},
+    {-1, "ff"},
+    {-32, "e0"},
+    {-33, "d0 df"},
+    {-127, "d0 81"},
+    {-128, "d1 ff 80"},
+    {-129, "d1 ff 7f"},
+    {-32767, "d1 80 01"},
+    {-32768, "d2 ff ff 80 00"},
+    {-2147483647, "d2 80 00 00 01"},
+    {-2147483647 - 1, "d2 80 00 00 00"},
+};
+
+const SignedRow wide_rows[] = {
+    {4294967295ll, "ce ff ff ff ff"},
+    {4294967296ll, "cf 00 00 00 01 00 00 00 00"},
+    {std::numeric_limits<long long>::max(), "cf 7f ff ff ff ff ff ff ff"},
+    {-2147483649ll, "d3 ff ff ff ff 7f ff ff ff"},
+    {std::numeric_limits<long long>::min(), "d3 80 00 00 00 00 00 00 00"},
+};
+
+}  // namespace
+
+TEST(PackInteger, EveryBoundaryInAllSignedWidths) {
+    for (const auto& row : signed_rows) {
+        SCOPED_TRACE(row.value);
+        EXPECT_EQ(packed(int(row.value)), row.bytes);
+        EXPECT_EQ(packed(long(row.value)), row.bytes);
+        EXPECT_EQ(packed(row.value), row.bytes);
+    }
+}
+
+TEST(PackInteger, SixtyFourBitFormsOnlyForSixtyFourBitTypes) {
+    for (const auto& row : wide_rows) {
+        SCOPED_TRACE(row.value);
+        EXPECT_EQ(packed(long(row.value)), row.bytes);
+        EXPECT_EQ(packed(row.value), row.bytes);
+    }
+}
+
+TEST(PackInteger, Uint32IsAlwaysFiveBytes) {
+    EXPECT_EQ(packed(uint32_t(0)), "ce 00 00 00 00");
+    EXPECT_EQ(packed(uint32_t(1)), "ce 00 00 00 01");
+    EXPECT_EQ(packed(uint32_t(0x12345678)), "ce 12 34 56 78");
+    EXPECT_EQ(packed(uint32_t(4294967295u)), "ce ff ff ff ff");
+}
+
+TEST(PackInteger, UnsignedLongTakesTheSmallestUnsignedForm) {
+    EXPECT_EQ(packed(0ul), "00");
+    EXPECT_EQ(packed(127ul), "7f");
+    EXPECT_EQ(packed(128ul), "cc 80");
+    EXPECT_EQ(packed(255ul), "cc ff");
+    EXPECT_EQ(packed(256ul), "cd 01 00");
+    EXPECT_EQ(packed(65535ul), "cd ff ff");
+    EXPECT_EQ(packed(65536ul), "ce 00 01 00 00");
+    EXPECT_EQ(packed(4294967295ul), "ce ff ff ff ff");
+    EXPECT_EQ(packed(4294967296ul), "cf 00 00 00 01 00 00 00 00");
+    EXPECT_EQ(packed(9007199254740992ul), "cf 00 20 00 00 00 00 00 00");
+    EXPECT_EQ(packed(18446744073709551615ul), "cf ff ff ff ff ff ff ff ff");
+}
+
+TEST(PackScalar, BoolAndDouble) {
+    EXPECT_EQ(packed(false), "c2");
+    EXPECT_EQ(packed(true), "c3");
+    EXPECT_EQ(packed(1.0), "cb 3f f0 00 00 00 00 00 00");
+    EXPECT_EQ(packed(0.0), "cb 00 00 00 00 00 00 00 00");
+    EXPECT_EQ(packed(-0.0), "cb 80 00 00 00 00 00 00 00");
+    EXPECT_EQ(packed(-2.5), "cb c0 04 00 00 00 00 00 00");
+    // Integral and single-precision-exact values are still nine bytes.
+    EXPECT_EQ(packed(1.5), "cb 3f f8 00 00 00 00 00 00");
+    EXPECT_EQ(packed(std::numeric_limits<double>::infinity()), "cb 7f f0 00 00 00 00 00 00");
+}
+
+TEST(PackString, FormSwitchesAtEachLengthBoundary) {
+    struct Row {
+        size_t length;
+        const char* header;
+    };
+    const Row rows[] = {
+        {0, "a0"},      {1, "a1"},         {31, "bf"},          {32, "d9 20"},
+        {255, "d9 ff"}, {256, "da 01 00"}, {65535, "da ff ff"}, {65536, "db 00 01 00 00"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.length);
+        const std::string text(row.length, 'x');
+        std::vector<uint8_t> out;
+        msgpack::pack(out, text);
+        const auto header = hex(row.header);
+        ASSERT_EQ(out.size(), header.size() + row.length);
+        EXPECT_EQ(std::vector<uint8_t>(out.begin(), out.begin() + header.size()), header);
+        EXPECT_EQ(std::string(out.begin() + header.size(), out.end()), text);
+    }
+}
+
+TEST(PackString, BytesAreCopiedAsTheyAreAndLiteralsAreStrings) {
+    EXPECT_EQ(packed(std::string("a\0b", 3)), "a3 61 00 62");
+    EXPECT_EQ(packed(std::string("\xff\xfe")), "a2 ff fe");
+    EXPECT_EQ(packed("hi"), "a2 68 69");
+    EXPECT_EQ(packed(""), "a0");
+    std::vector<uint8_t> out{0x01};
+    const char* null_text = nullptr;
+    EXPECT_EQ(error_of([&] { msgpack::pack(out, null_text); }), "null string pointer");
+    EXPECT_EQ(out.size(), 1u);
+}
+
+TEST(PackBinary, FormSwitchesAtEachSizeBoundary) {
+    struct Row {
+        size_t size;
+        const char* header;
+    };
+    const Row rows[] = {{0, "c4 00"},      {1, "c4 01"},        {255, "c4 ff"},
+                        {256, "c5 01 00"}, {65535, "c5 ff ff"}, {65536, "c6 00 01 00 00"}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.size);
+        std::vector<uint8_t> payload(row.size);
+        for (size_t i = 0; i < payload.size(); ++i) payload[i] = uint8_t(i * 7);
+        std::vector<uint8_t> out;
+        msgpack::pack(out, msgpack::buffer(payload));
+        const auto header = hex(row.header);
+        ASSERT_EQ(out.size(), header.size() + row.size);
+        EXPECT_EQ(std::vector<uint8_t>(out.begin(), out.begin() + header.size()), header);
+        EXPECT_EQ(std::vector<uint8_t>(out.begin() + header.size(), out.end()), payload);
+    }
+}
+
+TEST(PackContainer, HeadersSwitchAtEachCountBoundary) {
+    struct Row {
+        uint64_t count;
+        const char* array;
+        const char* map;
+    };
+    const Row rows[] = {
+        {0, "90", "80"},
+        {15, "9f", "8f"},
+        {16, "dc 00 10", "de 00 10"},
+        {65535, "dc ff ff", "de ff ff"},
+        {65536, "dd 00 01 00 00", "df 00 01 00 00"},
+        {4294967295ull, "dd ff ff ff ff", "df ff ff ff ff"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.count);
+        std::vector<uint8_t> out;
+        msgpack::pack_array_header(out, row.count);
+        EXPECT_EQ(to_hex(out), row.array);
+        out.clear();
+        msgpack::pack_map_header(out, row.count);
+        EXPECT_EQ(to_hex(out), row.map);
+    }
+}
+
+TEST(PackContainer, VectorsMapsTuplesAndPairs) {
+    EXPECT_EQ(packed(std::vector<int>{}), "90");
+    EXPECT_EQ(packed(std::vector<int>(15, 1)), "9f 01 01 01 01 01 01 01 01 01 01 01 01 01 01 01");
+    std::vector<uint8_t> out;
+    msgpack::pack(out, std::vector<int>(16, 2));
+    EXPECT_EQ(to_hex({out.begin(), out.begin() + 4}), "dc 00 10 02");
+    EXPECT_EQ(out.size(), 3u + 16u);
+
+    EXPECT_EQ(packed(std::vector<bool>{true, false, true}), "93 c3 c2 c3");
+    EXPECT_EQ(packed(std::vector<std::string>{"a", ""}), "92 a1 61 a0");
+    // Keys in the map's order, whatever the insertion order.
+    EXPECT_EQ(packed(std::map<std::string, int>{{"b", 2}, {"a", -1}}), "82 a1 61 ff a1 62 02");
+    EXPECT_EQ(packed(std::make_tuple(1, std::string("x"), 2.0)),
+              "93 01 a1 78 cb 40 00 00 00 00 00 00 00");
+    EXPECT_EQ(packed(std::make_pair(uint32_t(7), -200)), "92 ce 00 00 00 07 d1 ff 38");
+}
+
+TEST(PackErrors, LimitsRaiseTheirTextBeforeAnythingIsAppended) {
+    std::vector<uint8_t> out{0xAA};
+    EXPECT_EQ(error_of([&] { msgpack::pack_array_header(out, 4294967296ull); }), "array too large");
+    EXPECT_EQ(error_of([&] { msgpack::pack_map_header(out, 4294967296ull); }), "map too large");
+
+    // A block claiming more than 4 GiB: the size check must come before its bytes are touched.
+    msgpack::buffer huge;
+    const uint64_t real_size = huge.size;
+    huge.size = 4294967296ull;
+    EXPECT_EQ(error_of([&] { msgpack::pack(out, huge); }), "binary data too large");
+    huge.size = real_size;
+
+    EXPECT_EQ(to_hex(out), "aa");
+}
+
+TEST(PackErrors, FailureInsideAContainerKeepsWhatWasWritten) {
+    std::vector<uint8_t> out;
+    const std::vector<const char*> items{"a", nullptr, "c"};
+    EXPECT_EQ(error_of([&] { msgpack::pack(out, items); }), "null string pointer");
+    EXPECT_EQ(to_hex(out), "93 a1 61");
+}
+
+TEST(PackBuffer, AppendsToExistingBytesAndGrowTailReturnsTheOldEnd) {
+    std::vector<uint8_t> out{0x01, 0x02};
+    EXPECT_EQ(msgpack::grow_tail(out, 0), 2u);
+    EXPECT_EQ(out.size(), 2u);
+    EXPECT_EQ(msgpack::grow_tail(out, 3), 2u);
+    EXPECT_EQ(to_hex(out), "01 02 00 00 00");
+    msgpack::pack(out, 5);
+    EXPECT_EQ(to_hex(out), "01 02 00 00 00 05");
+}
