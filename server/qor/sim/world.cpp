@@ -1,0 +1,260 @@
+#include <qor/sim/world.hpp>
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <stdexcept>
+
+#include <btBulletDynamicsCommon.h>
+#include <fmt/format.h>
+
+#include <dax/types/mesh.hpp>
+#include <qor/sim/meshes.hpp>
+
+namespace qor::sim {
+
+namespace {
+
+constexpr double kMaxSubStep = 1.0 / 240.0;
+
+btVector3 bt(const Vec3& v) {
+    return btVector3(btScalar(v.x), btScalar(v.y), btScalar(v.z));
+}
+Vec3 vec(const btVector3& v) {
+    return {v.x(), v.y(), v.z()};
+}
+
+// Everything Bullet needs to keep alive for one object; shapes and mesh data are not owned
+// by Bullet's world.
+struct Object {
+    bool is_body = false;
+    bool is_static = false;
+    std::unique_ptr<btTriangleMesh> triangles;
+    std::unique_ptr<btCollisionShape> shape;
+    std::unique_ptr<btDefaultMotionState> motion;
+    std::unique_ptr<btRigidBody> body;
+};
+
+}  // namespace
+
+struct PhysicsWorld::Impl {
+    btDefaultCollisionConfiguration configuration;
+    btCollisionDispatcher dispatcher{&configuration};
+    btDbvtBroadphase broadphase;
+    btSequentialImpulseConstraintSolver solver;
+    btDiscreteDynamicsWorld world{&dispatcher, &broadphase, &solver, &configuration};
+    std::map<int64_t, Object> objects;
+    bool registered = true;
+
+    Impl() { world.setGravity(btVector3(0, 0, btScalar(-9.81))); }
+    ~Impl() { clear(); }
+
+    void clear() {
+        if (registered)
+            for (auto& [id, o] : objects) world.removeRigidBody(o.body.get());
+        objects.clear();
+    }
+
+    void insert(int64_t id, Object o) {
+        auto it = objects.find(id);
+        if (it != objects.end()) {
+            if (registered) world.removeRigidBody(it->second.body.get());
+            objects.erase(it);
+        }
+        if (registered) world.addRigidBody(o.body.get());
+        objects.emplace(id, std::move(o));
+    }
+};
+
+PhysicsWorld::PhysicsWorld() : impl_(std::make_unique<Impl>()) {}
+PhysicsWorld::~PhysicsWorld() = default;
+
+void PhysicsWorld::clear() {
+    impl_->clear();
+}
+
+void PhysicsWorld::add_ground(int64_t id, const GroundData& ground) {
+    Object o;
+    o.is_static = true;
+    o.shape = std::make_unique<btStaticPlaneShape>(bt(ground.normal), btScalar(ground.offset));
+    o.motion = std::make_unique<btDefaultMotionState>();
+    btRigidBody::btRigidBodyConstructionInfo info(0, o.motion.get(), o.shape.get());
+    info.m_friction = btScalar(ground.friction);
+    info.m_restitution = btScalar(ground.restitution);
+    o.body = std::make_unique<btRigidBody>(info);
+    impl_->insert(id, std::move(o));
+}
+
+void PhysicsWorld::add_body(int64_t id, const BodyData& b, const dax::types::mesh_batch_t* mesh) {
+    Object o;
+    o.is_body = true;
+    o.is_static = b.mass == 0;
+    switch (b.shape) {
+        case Shape::box:
+            o.shape = std::make_unique<btBoxShape>(bt(b.size));
+            break;
+        case Shape::sphere:
+            o.shape = std::make_unique<btSphereShape>(btScalar(b.size.x));
+            break;
+        case Shape::capsule:
+            o.shape = std::make_unique<btCapsuleShapeZ>(btScalar(b.size.x), btScalar(b.size.y));
+            break;
+        case Shape::mesh: {
+            if (!mesh) throw std::invalid_argument("a mesh body needs its triangle mesh");
+            if (mesh->triangles.empty() || mesh->vertices.size() < 3)
+                throw std::invalid_argument(fmt::format("triangle mesh {} is empty", b.mesh_id));
+            const int64_t bad = first_bad_index(*mesh);
+            if (bad >= 0)
+                throw std::invalid_argument(
+                    fmt::format("triangle {} of mesh {} names a vertex beyond its {} vertices", bad,
+                                b.mesh_id, mesh->vertices.size()));
+            if (o.is_static) {
+                // Exact triangles collide only as static geometry in Bullet.
+                o.triangles = std::make_unique<btTriangleMesh>();
+                for (const auto& t : mesh->triangles) {
+                    const auto& a = mesh->vertices[t.a];
+                    const auto& c = mesh->vertices[t.b];
+                    const auto& d = mesh->vertices[t.c];
+                    o.triangles->addTriangle(
+                        btVector3(btScalar(a.x), btScalar(a.y), btScalar(a.z)),
+                        btVector3(btScalar(c.x), btScalar(c.y), btScalar(c.z)),
+                        btVector3(btScalar(d.x), btScalar(d.y), btScalar(d.z)));
+                }
+                o.shape = std::make_unique<btBvhTriangleMeshShape>(o.triangles.get(), true);
+            } else {
+                auto hull = std::make_unique<btConvexHullShape>();
+                for (const auto& v : mesh->vertices)
+                    hull->addPoint(btVector3(btScalar(v.x), btScalar(v.y), btScalar(v.z)), false);
+                hull->recalcLocalAabb();
+                o.shape = std::move(hull);
+            }
+            o.shape->setLocalScaling(bt(b.size));
+            break;
+        }
+    }
+    btTransform start;
+    start.setOrigin(bt(b.pose.position));
+    start.setRotation(btQuaternion(btScalar(b.pose.qx), btScalar(b.pose.qy), btScalar(b.pose.qz),
+                                   btScalar(b.pose.qw)));
+    o.motion = std::make_unique<btDefaultMotionState>(start);
+    btVector3 inertia(0, 0, 0);
+    if (!o.is_static) o.shape->calculateLocalInertia(btScalar(b.mass), inertia);
+    btRigidBody::btRigidBodyConstructionInfo info(btScalar(b.mass), o.motion.get(), o.shape.get(),
+                                                  inertia);
+    info.m_friction = btScalar(b.friction);
+    info.m_restitution = btScalar(b.restitution);
+    // Rolling friction stops spheres and capsules rolling forever on a flat ground.
+    info.m_rollingFriction = btScalar(b.shape == Shape::box ? 0.0 : 0.01);
+    info.m_spinningFriction = btScalar(0.01);
+    o.body = std::make_unique<btRigidBody>(info);
+    if (!o.is_static) {
+        o.body->setLinearVelocity(bt(b.linear));
+        o.body->setAngularVelocity(bt(b.angular));
+    }
+    impl_->insert(id, std::move(o));
+}
+
+void PhysicsWorld::set_gravity(const Vec3& gravity) {
+    impl_->world.setGravity(bt(gravity));
+    for (auto& [id, o] : impl_->objects) {
+        if (o.is_static) continue;
+        o.body->setGravity(bt(gravity));
+        o.body->activate(true);
+    }
+}
+
+Vec3 PhysicsWorld::gravity() const {
+    return vec(impl_->world.getGravity());
+}
+
+void PhysicsWorld::set_registered(bool registered) {
+    if (registered == impl_->registered) return;
+    for (auto& [id, o] : impl_->objects) {
+        if (registered) {
+            impl_->world.addRigidBody(o.body.get());
+            o.body->activate(true);
+        } else {
+            impl_->world.removeRigidBody(o.body.get());
+        }
+    }
+    impl_->registered = registered;
+}
+
+bool PhysicsWorld::registered() const {
+    return impl_->registered;
+}
+
+void PhysicsWorld::step(double dt) {
+    if (!(dt > 0)) return;
+    const int steps = std::max(1, static_cast<int>(std::ceil(dt / kMaxSubStep - 1e-9)));
+    impl_->world.stepSimulation(btScalar(dt), steps, btScalar(dt / steps));
+}
+
+namespace {
+
+BodyState state_of(const btRigidBody& body) {
+    BodyState s;
+    const btTransform& t = body.getCenterOfMassTransform();
+    s.pose.position = vec(t.getOrigin());
+    const btQuaternion q = t.getRotation();
+    s.pose.qw = q.w();
+    s.pose.qx = q.x();
+    s.pose.qy = q.y();
+    s.pose.qz = q.z();
+    s.linear = vec(body.getLinearVelocity());
+    s.angular = vec(body.getAngularVelocity());
+    return s;
+}
+
+}  // namespace
+
+std::vector<std::pair<int64_t, BodyState>> PhysicsWorld::states() const {
+    std::vector<std::pair<int64_t, BodyState>> out;
+    out.reserve(impl_->objects.size());
+    for (const auto& [id, o] : impl_->objects)
+        if (o.is_body) out.emplace_back(id, state_of(*o.body));
+    return out;
+}
+
+bool PhysicsWorld::state(int64_t id, BodyState& out) const {
+    auto it = impl_->objects.find(id);
+    if (it == impl_->objects.end() || !it->second.is_body) return false;
+    out = state_of(*it->second.body);
+    return true;
+}
+
+bool PhysicsWorld::sleeping(int64_t id) const {
+    auto it = impl_->objects.find(id);
+    if (it == impl_->objects.end() || !it->second.is_body) return false;
+    return it->second.is_static || !it->second.body->isActive();
+}
+
+int PhysicsWorld::body_count() const {
+    return static_cast<int>(std::count_if(impl_->objects.begin(), impl_->objects.end(),
+                                          [](const auto& e) { return e.second.is_body; }));
+}
+
+WorldStats PhysicsWorld::stats() const {
+    WorldStats s;
+    double mass = 0;
+    btVector3 weighted(0, 0, 0);
+    for (const auto& [id, o] : impl_->objects) {
+        if (!o.is_body) continue;
+        ++s.bodies;
+        if (o.is_static) continue;
+        if (o.body->isActive()) ++s.active;
+        const double m = 1.0 / o.body->getInvMass();
+        const double v = o.body->getLinearVelocity().length();
+        s.kinetic += 0.5 * m * v * v;
+        s.max_speed = std::max(s.max_speed, v);
+        weighted += o.body->getCenterOfMassPosition() * btScalar(m);
+        mass += m;
+    }
+    if (mass > 0) s.centre = vec(weighted / btScalar(mass));
+    const int manifolds = impl_->dispatcher.getNumManifolds();
+    for (int i = 0; i < manifolds; ++i)
+        s.contacts += impl_->dispatcher.getManifoldByIndexInternal(i)->getNumContacts();
+    return s;
+}
+
+}  // namespace qor::sim
