@@ -1,0 +1,103 @@
+#include <dax/client/dax_client.hpp>
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include <qor/qor_client.hpp>
+
+namespace dax::client {
+
+namespace {
+
+constexpr const char* kOperationPrefix = "qor.server.operation.";
+
+}  // namespace
+
+template <class T, class... Args>
+void DaxClient::call(const char* name, const Callback<T>& callback, const Args&... args) {
+    // The peer refuses (and sends nothing) while it has no server session.
+    peer->call<T>(callback, kOperationPrefix + std::string(name), args...);
+}
+
+template <class T, class Send>
+T DaxClient::wait_for(const char* name, const Send& send) {
+    // Slot and flag are shared with the completion callback, which the pending call keeps
+    // after we leave: a result arriving after a time-out lands here harmlessly.
+    struct Slot {
+        T value{};
+        bool done = false;
+    };
+    auto slot = std::make_shared<Slot>();
+    const Callback<T> completion = [slot](qor::wamp::RpcResult<T> result) {
+        if (result.isError) throw std::runtime_error(result.error);
+        slot->value = std::move(result.value);
+        slot->done = true;
+    };
+
+    using clock = std::chrono::steady_clock;
+    const clock::time_point start = clock::now();
+    send(completion);
+    while (!slot->done) {
+        full_update();
+        const auto elapsed =
+            std::chrono::duration_cast<std::chrono::nanoseconds>(clock::now() - start);
+        const auto elapsed_ms = static_cast<int32_t>(elapsed.count() / 1000000);
+        // Tested before completion on purpose: a result delivered by the pass in which the
+        // limit was passed is a time-out all the same. The limit is read afresh each pass.
+        if (elapsed_ms > timeout_ms) {
+            throw std::runtime_error(std::string("DaxClient: timeout during '") + name + "' call");
+        }
+    }
+    return std::move(slot->value);
+}
+
+// Every operation is one line of operations.def; these expand it into its two forms, which
+// differ only in the arity of the argument list.
+#define DAX_OPERATION_0(NAME, T)                                                    \
+    T DaxClient::NAME() {                                                           \
+        return wait_for<T>(#NAME, [this](const Callback<T>& done) { NAME(done); }); \
+    }                                                                               \
+    void DaxClient::NAME(const Callback<T>& callback) {                             \
+        call<T>(#NAME, callback);                                                   \
+    }
+#define DAX_OPERATION_1(NAME, T, A1)                                                 \
+    T DaxClient::NAME(const A1& a1) {                                                \
+        return wait_for<T>(#NAME, [&](const Callback<T>& done) { NAME(a1, done); }); \
+    }                                                                                \
+    void DaxClient::NAME(const A1& a1, const Callback<T>& callback) {                \
+        call<T>(#NAME, callback, a1);                                                \
+    }
+#define DAX_OPERATION_2(NAME, T, A1, A2)                                                 \
+    T DaxClient::NAME(const A1& a1, const A2& a2) {                                      \
+        return wait_for<T>(#NAME, [&](const Callback<T>& done) { NAME(a1, a2, done); }); \
+    }                                                                                    \
+    void DaxClient::NAME(const A1& a1, const A2& a2, const Callback<T>& callback) {      \
+        call<T>(#NAME, callback, a1, a2);                                                \
+    }
+#define DAX_OPERATION_3(NAME, T, A1, A2, A3)                                                      \
+    T DaxClient::NAME(const A1& a1, const A2& a2, const A3& a3) {                                 \
+        return wait_for<T>(#NAME, [&](const Callback<T>& done) { NAME(a1, a2, a3, done); });      \
+    }                                                                                             \
+    void DaxClient::NAME(const A1& a1, const A2& a2, const A3& a3, const Callback<T>& callback) { \
+        call<T>(#NAME, callback, a1, a2, a3);                                                     \
+    }
+#define DAX_OPERATION_4(NAME, T, A1, A2, A3, A4)                                                 \
+    T DaxClient::NAME(const A1& a1, const A2& a2, const A3& a3, const A4& a4) {                  \
+        return wait_for<T>(#NAME, [&](const Callback<T>& done) { NAME(a1, a2, a3, a4, done); }); \
+    }                                                                                            \
+    void DaxClient::NAME(const A1& a1, const A2& a2, const A3& a3, const A4& a4,                 \
+                         const Callback<T>& callback) {                                          \
+        call<T>(#NAME, callback, a1, a2, a3, a4);                                                \
+    }
+#include <dax/client/operations.def>
+#undef DAX_OPERATION_0
+#undef DAX_OPERATION_1
+#undef DAX_OPERATION_2
+#undef DAX_OPERATION_3
+#undef DAX_OPERATION_4
+
+}  // namespace dax::client
