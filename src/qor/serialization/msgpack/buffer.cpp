@@ -31,6 +31,8 @@ buffer::buffer(const std::vector<uint8_t>& bytes)
 buffer::buffer(const uint8_t* bytes, uint64_t count)
     : data(allocate_copy(bytes, count)), size(count) {}
 
+buffer::buffer(uint64_t count) : data(count == 0 ? empty_block : new uint8_t[count]), size(count) {}
+
 buffer::buffer(const buffer& other)
     : data(allocate_copy(other.data, other.size)), size(other.size) {}
 

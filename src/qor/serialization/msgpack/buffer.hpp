@@ -19,6 +19,8 @@ class buffer {
     explicit buffer(const std::vector<uint8_t>& bytes);
     /// An owned copy of `count` bytes starting at `bytes`.
     buffer(const uint8_t* bytes, uint64_t count);
+    /// A block of `count` uninitialised bytes, to be filled in place by an encoder.
+    explicit buffer(uint64_t count);
     /// Deep copy.
     buffer(const buffer& other);
     /// Takes the storage of `other`, which is left empty.

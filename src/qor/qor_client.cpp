@@ -1,0 +1,55 @@
+#include <qor/qor_client.hpp>
+
+#include <spdlog/logger.h>
+
+namespace qor {
+
+namespace {
+
+// Every visited endpoint runs, whatever the earlier ones returned: one busy endpoint must not
+// starve the others.
+bool run_pass(QorClient& peer, bool (wamp::Connection::*pass)()) {
+    auto visit = [pass](wamp::Client* endpoint) {
+        // An endpoint whose transport has not attached yet has nothing to do.
+        return endpoint != nullptr && endpoint->connection != nullptr &&
+               (endpoint->connection->*pass)();
+    };
+    bool result = visit(peer.first_endpoint);
+    if (peer.has_server && visit(peer.server_endpoint)) result = true;
+    for (wamp::Client* endpoint : peer.extra_endpoints) {
+        if (visit(endpoint)) result = true;
+    }
+    return result;
+}
+
+}  // namespace
+
+bool QorClient::update_first() {
+    return run_pass(*this, &wamp::Connection::update_first);
+}
+
+bool QorClient::update_second() {
+    return run_pass(*this, &wamp::Connection::update_second);
+}
+
+void QorClient::check_connected() const {
+    if (!server_connected || server_endpoint == nullptr) {
+        throw std::runtime_error("qor client cannot call operations before server is connected");
+    }
+}
+
+void QorClient::log_binding_error(const std::string& text) const {
+    if (logger != nullptr) logger->error("QorClient : error during bind_device : '{}'", text);
+}
+
+void QorClient::serve_topic(const std::string& topic, wamp::Client* endpoint) {
+    topic_endpoints[topic] = endpoint;
+    auto waiting = pending_device_bindings.find(topic);
+    if (waiting == pending_device_bindings.end()) return;
+    // Forgotten before it runs: a binder that throws (a refused topic) must not run twice.
+    auto binder = std::move(waiting->second);
+    pending_device_bindings.erase(waiting);
+    binder(endpoint);
+}
+
+}  // namespace qor

@@ -1,0 +1,16 @@
+#pragma once
+
+// WAMP messaging: the message model and its encoding, remote calls, subscriptions, endpoints
+// with their sessions and connections, the receive side, and an in-memory connection for tests.
+#include <qor/qor_client.hpp>
+#include <qor/wamp/caller.hpp>
+#include <qor/wamp/client.hpp>
+#include <qor/wamp/connection.hpp>
+#include <qor/wamp/id.hpp>
+#include <qor/wamp/incoming.hpp>
+#include <qor/wamp/loopback.hpp>
+#include <qor/wamp/message.hpp>
+#include <qor/wamp/receive.hpp>
+#include <qor/wamp/rpc.hpp>
+#include <qor/wamp/session.hpp>
+#include <qor/wamp/subscriber.hpp>

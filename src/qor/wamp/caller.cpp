@@ -1,0 +1,54 @@
+#include <qor/wamp/caller.hpp>
+
+#include <spdlog/logger.h>
+
+namespace qor::wamp {
+
+void Caller::send_call(Id request, const std::string& procedure,
+                       const std::vector<serialization::msgpack::buffer>& args) {
+    if (logger != nullptr) logger->trace("[{}] CALL procedure '{}'", name, procedure);
+    Message message(CALL, request, procedure);
+    message.args = args;
+    try {
+        session->send(message);
+    } catch (...) {
+        // The caller sees the failure as an exception; a handler left behind would fire a
+        // second time on a later fail_all.
+        pending.erase(request.value());
+        throw;
+    }
+}
+
+bool Caller::handle(const Message& answer) {
+    auto found = pending.find(answer.request.value());
+    if (found == pending.end()) {
+        if (logger != nullptr) {
+            logger->debug("[{}] dropping {} for unknown request {}", name, type_name(answer.type),
+                          answer.request.value());
+        }
+        return false;
+    }
+    // Removed before it runs, so a handler that throws or calls again cannot leave it behind.
+    auto handler = std::move(found->second);
+    pending.erase(found);
+    handler(answer);
+    return true;
+}
+
+void Caller::fail_all(const std::string& error) {
+    std::vector<uint64_t> requests;
+    requests.reserve(pending.size());
+    for (const auto& entry : pending) requests.push_back(entry.first);
+
+    Message failure(ERROR);
+    failure.request_type = static_cast<int32_t>(CALL);
+    failure.error = error;
+    for (uint64_t request : requests) {
+        // A handler may already have completed others, for instance by failing them itself.
+        if (pending.count(request) == 0) continue;
+        failure.request = Id(request);
+        handle(failure);
+    }
+}
+
+}  // namespace qor::wamp

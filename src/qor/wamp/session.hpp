@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include <qor/wamp/message.hpp>
+
+namespace spdlog {
+class logger;
+}
+
+namespace qor::wamp {
+
+/// The sending half of an endpoint: encodes, traces and writes each message at once.
+/// Used from one thread at a time.
+class Session {
+  public:
+    std::string name;                  ///< endpoint name shown in log lines
+    spdlog::logger* logger = nullptr;  ///< may be null
+    /// Installed by the connection; the bytes are valid only during the call.
+    std::function<void(const uint8_t*, uint64_t)> write;
+
+    /// Serializes, logs "[{name} WAMP Out] {text}" when trace is on, then writes.
+    void send(const Message& message) const;
+};
+
+}  // namespace qor::wamp
