@@ -22,13 +22,13 @@ namespace qor::transport {
 /// What the server accepts from one authid. A credential with neither secret set lets that
 /// authid join without a challenge.
 struct Credential {
-    std::string authid;              ///< the HELLO authid this entry answers
-    std::string authrole = "user";   ///< announced in WELCOME
-    std::string ticket;              ///< accepted "ticket" secret; empty: ticket not offered
-    std::string wampcra_secret;      ///< "wampcra" secret; empty: wampcra not offered
-    std::string wampcra_salt;        ///< non-empty: the key is derived with PBKDF2-HMAC-SHA256
-    int wampcra_iterations = 1000;   ///< PBKDF2 iterations for a salted secret
-    int wampcra_keylen = 32;         ///< PBKDF2 key length in bytes for a salted secret
+    std::string authid;             ///< the HELLO authid this entry answers
+    std::string authrole = "user";  ///< announced in WELCOME
+    std::string ticket;             ///< accepted "ticket" secret; empty: ticket not offered
+    std::string wampcra_secret;     ///< "wampcra" secret; empty: wampcra not offered
+    std::string wampcra_salt;       ///< non-empty: the key is derived with PBKDF2-HMAC-SHA256
+    int wampcra_iterations = 1000;  ///< PBKDF2 iterations for a salted secret
+    int wampcra_keylen = 32;        ///< PBKDF2 key length in bytes for a salted secret
 };
 
 /// Listening and session-opening settings of a `Server`.
@@ -44,19 +44,20 @@ struct ServerOptions {
     std::string tls_certificate_file;  ///< PEM chain; with the key, both listeners speak TLS
     std::string tls_private_key_file;  ///< PEM private key
     uint32_t max_message_size = 16u * 1024u * 1024u;  ///< larger incoming messages end the session
-    /// A peer that has not finished the opening (transport handshake to WELCOME) by then is dropped.
+    /// A peer that has not finished the opening (transport handshake to WELCOME) by then is
+    /// dropped.
     std::chrono::milliseconds opening_timeout{10000};
     std::shared_ptr<spdlog::logger> logger;  ///< may be null: nothing is logged
 };
 
 /// A session that has joined (WELCOME sent).
 struct SessionInfo {
-    uint64_t id = 0;          ///< the WAMP session id sent in WELCOME
-    std::string transport;    ///< "rawsocket" or "websocket"
-    std::string peer;         ///< remote address and port
-    std::string authid;       ///< empty for anonymous sessions
-    std::string authrole;     ///< "anonymous" for anonymous sessions
-    std::string authmethod;   ///< "anonymous", "ticket" or "wampcra"
+    uint64_t id = 0;         ///< the WAMP session id sent in WELCOME
+    std::string transport;   ///< "rawsocket" or "websocket"
+    std::string peer;        ///< remote address and port
+    std::string authid;      ///< empty for anonymous sessions
+    std::string authrole;    ///< "anonymous" for anonymous sessions
+    std::string authmethod;  ///< "anonymous", "ticket" or "wampcra"
 };
 
 /// The router half of WAMP over RawSocket and WebSocket (optionally TLS): accepts
@@ -69,7 +70,7 @@ struct SessionInfo {
 /// `set_silent` may be called from any thread, handlers included. Handlers are set before
 /// `start`. An exception escaping a handler is logged and closes that session.
 class Server {
-public:
+  public:
     using JoinHandler = std::function<void(const SessionInfo&)>;
     using MessageHandler = std::function<void(uint64_t session, const wamp::Message&)>;
     using LeaveHandler = std::function<void(uint64_t session, const std::string& reason)>;
@@ -92,7 +93,8 @@ public:
     void start();
     /// Closes every connection at once, without GOODBYE, and joins the I/O thread. Idempotent.
     void stop();
-    /// Sends GOODBYE with `reason` to every session, waits up to `grace` for them to go, then stops.
+    /// Sends GOODBYE with `reason` to every session, waits up to `grace` for them to go, then
+    /// stops.
     void shutdown(const std::string& reason = "wamp.close.system_shutdown",
                   std::chrono::milliseconds grace = std::chrono::milliseconds(1000));
 
@@ -105,7 +107,8 @@ public:
     bool send(uint64_t session, const wamp::Message& message);
     /// Queues one already serialized message (lets one EVENT be encoded once for many sessions).
     bool send_encoded(uint64_t session, const serialization::msgpack::buffer& encoded);
-    /// Sends GOODBYE with `reason` and ends the session once the peer answers (or at once if it is gone).
+    /// Sends GOODBYE with `reason` and ends the session once the peer answers (or at once if it is
+    /// gone).
     void close(uint64_t session, const std::string& reason = "wamp.close.close_realm");
     /// Ends a session at once, without GOODBYE, as if the network broke.
     void drop(uint64_t session);
@@ -117,7 +120,7 @@ public:
     /// process; connections stay open. Lets clients' keepalive be exercised.
     void set_silent(bool silent);
 
-private:
+  private:
     struct Impl;
     std::shared_ptr<Impl> impl_;
 };

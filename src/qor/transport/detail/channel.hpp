@@ -1,0 +1,90 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ssl/context.hpp>
+
+// Message-oriented links over RawSocket or WebSocket, plain or TLS, on one io_context. The
+// client and the server side share them; everything here runs on the thread that runs the
+// io_context, and nothing here is thread-safe.
+namespace qor::transport::detail {
+
+namespace asio = boost::asio;
+using tcp = asio::ip::tcp;
+
+enum class Framing { rawsocket, websocket };
+
+/// An open link that carries whole WAMP messages.
+class Channel {
+  public:
+    struct Handlers {
+        std::function<void(const uint8_t*, size_t)>
+            message;                 ///< one whole message, bytes valid during the call
+        std::function<void()> pong;  ///< a keepalive ping was answered
+        std::function<void(const std::string&)> closed;  ///< the link ended (cause); at most once
+    };
+    virtual ~Channel() = default;
+    /// Starts reading; handlers run inside the io_context.
+    virtual void start(Handlers handlers) = 0;
+    /// Queues one message; the write goes out with whatever else is queued.
+    virtual void send(const uint8_t* data, size_t size) = 0;
+    /// Queues a keepalive ping.
+    virtual void ping() = 0;
+    /// Flushes what is queued, then closes; `closed` is reported with `cause`.
+    virtual void close(const std::string& cause) = 0;
+    /// Closes at once; `closed` is reported with `cause` unless it already was.
+    virtual void abort(const std::string& cause) = 0;
+    /// While paused nothing is read, so nothing is answered either.
+    virtual void set_paused(bool paused) = 0;
+    /// Bytes queued and not yet handed to the socket.
+    virtual size_t queued() const = 0;
+    /// "rawsocket" or "websocket".
+    virtual const char* kind() const = 0;
+    /// Remote address and port.
+    virtual std::string peer() const = 0;
+};
+
+/// What a client link needs.
+struct ClientSettings {
+    Framing framing = Framing::rawsocket;
+    bool tls = false;
+    std::string host;
+    std::string port;
+    std::string path = "/";                     ///< WebSocket request target
+    uint32_t max_message_size = 1u << 24;       ///< larger incoming messages end the link
+    asio::ssl::context* tls_context = nullptr;  ///< required when `tls`
+    bool verify_peer = true;
+};
+
+/// An opening in progress; `cancel` ends it (its callback then reports "cancelled").
+class Opening {
+  public:
+    virtual ~Opening() = default;
+    virtual void cancel() = 0;
+};
+
+/// Resolves, connects (TCP_NODELAY), runs TLS and the framing handshake, then calls `done`
+/// with the channel, or with null and the cause.
+std::shared_ptr<Opening> open_client(
+    asio::io_context& io, const ClientSettings& settings,
+    std::function<void(std::shared_ptr<Channel>, const std::string& cause)> done);
+
+/// What an accepting server needs.
+struct AcceptSettings {
+    Framing framing = Framing::rawsocket;
+    asio::ssl::context* tls_context = nullptr;  ///< non-null: TLS first
+    uint32_t max_message_size = 1u << 24;
+};
+
+/// Runs TLS and the framing handshake on an accepted socket (TCP_NODELAY set), then calls
+/// `done` with the channel, or with null and the cause.
+std::shared_ptr<Opening> accept_server(
+    tcp::socket socket, const AcceptSettings& settings,
+    std::function<void(std::shared_ptr<Channel>, const std::string& cause)> done);
+
+}  // namespace qor::transport::detail

@@ -1,0 +1,624 @@
+#include <qor/transport/server.hpp>
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <random>
+#include <set>
+#include <stdexcept>
+#include <thread>
+#include <unordered_map>
+
+#include <spdlog/spdlog.h>
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/ssl/context.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+#include <qor/serialization/msgpack.hpp>
+#include <qor/transport/auth.hpp>
+#include <qor/transport/detail/channel.hpp>
+#include <qor/wamp/message.hpp>
+#include <qor/wamp/receive.hpp>
+
+namespace qor::transport {
+
+namespace asio = boost::asio;
+namespace msgpack = serialization::msgpack;
+using detail::tcp;
+using error_code = boost::system::error_code;
+
+namespace {
+
+// Where one accepted connection stands in the router half of the opening.
+enum class Stage { transport, hello, challenged, joined, closing, closed };
+
+struct Peer {
+    explicit Peer(asio::io_context& io) : timer(io) {}
+    std::shared_ptr<detail::Opening> opening;
+    std::shared_ptr<detail::Channel> channel;
+    asio::steady_timer timer;
+    Stage stage = Stage::transport;
+    SessionInfo info;
+    const Credential* credential = nullptr;
+    std::string expected_signature;
+    std::string leave_reason;
+};
+
+std::mt19937_64& generator() {
+    // The client's Id::Random is for the pumping thread only; the server draws on its own.
+    static thread_local std::mt19937_64 engine{std::random_device{}()};
+    return engine;
+}
+
+uint64_t random_session_id() {
+    return std::uniform_int_distribution<uint64_t>(1, wamp::max_id)(generator());
+}
+
+std::string random_nonce() {
+    static const char* digits = "0123456789abcdef";
+    std::string nonce;
+    for (int i = 0; i < 32; ++i) nonce += digits[generator()() % 16];
+    return nonce;
+}
+
+std::string json_escape(const std::string& text) {
+    std::string out;
+    for (char c : text) {
+        if (c == '"' || c == '\\') out += '\\';
+        if (static_cast<unsigned char>(c) < 0x20) continue;
+        out += c;
+    }
+    return out;
+}
+
+}  // namespace
+
+struct Server::Impl : std::enable_shared_from_this<Impl> {
+    ServerOptions options;
+    JoinHandler join_handler;
+    MessageHandler message_handler;
+    LeaveHandler leave_handler;
+
+    asio::io_context io;
+    std::optional<asio::executor_work_guard<asio::io_context::executor_type>> work;
+    std::optional<asio::ssl::context> tls;
+    std::unique_ptr<tcp::acceptor> rs_acceptor;
+    std::unique_ptr<tcp::acceptor> ws_acceptor;
+    std::atomic<uint16_t> rs_port{0};
+    std::atomic<uint16_t> ws_port{0};
+    std::thread thread;
+    bool running = false;
+    bool silent = false;  // I/O thread only
+
+    std::set<std::shared_ptr<Peer>> peers;  // I/O thread only: every open connection
+    mutable std::mutex mutex;               // guards `joined`
+    std::unordered_map<uint64_t, std::shared_ptr<Peer>> joined;
+
+    explicit Impl(ServerOptions o) : options(std::move(o)) {}
+
+    template <class... Args>
+    void log_info(const char* format, const Args&... args) {
+        if (options.logger) options.logger->info(fmt::runtime(format), args...);
+    }
+    template <class... Args>
+    void log_warn(const char* format, const Args&... args) {
+        if (options.logger) options.logger->warn(fmt::runtime(format), args...);
+    }
+
+    bool on_io_thread() { return io.get_executor().running_in_this_thread(); }
+
+    void listen(std::unique_ptr<tcp::acceptor>& acceptor, uint16_t port,
+                std::atomic<uint16_t>& bound) {
+        error_code ec;
+        const auto address = asio::ip::make_address(options.host, ec);
+        if (ec)
+            throw std::runtime_error("transport server: invalid listening address '" +
+                                     options.host + "'");
+        const tcp::endpoint endpoint(address, port);
+        acceptor = std::make_unique<tcp::acceptor>(io);
+        acceptor->open(endpoint.protocol(), ec);
+        if (!ec) acceptor->set_option(tcp::acceptor::reuse_address(true), ec);
+        if (!ec) acceptor->bind(endpoint, ec);
+        if (!ec) acceptor->listen(asio::socket_base::max_listen_connections, ec);
+        if (ec)
+            throw std::runtime_error("transport server: cannot listen on " + options.host + ":" +
+                                     std::to_string(port) + ": " + ec.message());
+        bound = acceptor->local_endpoint().port();
+    }
+
+    void accept(tcp::acceptor& acceptor, detail::Framing framing) {
+        acceptor.async_accept(
+            [self = shared_from_this(), &acceptor, framing](error_code ec, tcp::socket socket) {
+                if (ec == asio::error::operation_aborted || !acceptor.is_open()) return;
+                if (!ec) self->opened(std::move(socket), framing);
+                self->accept(acceptor, framing);
+            });
+    }
+
+    void opened(tcp::socket socket, detail::Framing framing) {
+        auto peer = std::make_shared<Peer>(io);
+        peers.insert(peer);
+        peer->info.transport = framing == detail::Framing::rawsocket ? "rawsocket" : "websocket";
+        peer->timer.expires_after(options.opening_timeout);
+        std::weak_ptr<Peer> weak = peer;
+        peer->timer.async_wait([self = shared_from_this(), weak](error_code ec) {
+            auto peer = weak.lock();
+            if (ec || !peer) return;
+            if (peer->stage == Stage::transport || peer->stage == Stage::hello ||
+                peer->stage == Stage::challenged) {
+                self->log_warn("[transport server] opening timed out for {}", peer->info.peer);
+                self->end(peer, "opening timed out");
+            }
+        });
+        detail::AcceptSettings settings;
+        settings.framing = framing;
+        settings.tls_context = tls ? &*tls : nullptr;
+        settings.max_message_size = options.max_message_size;
+        peer->opening = detail::accept_server(
+            std::move(socket), settings,
+            [self = shared_from_this(), weak](std::shared_ptr<detail::Channel> channel,
+                                              const std::string& cause) {
+                auto peer = weak.lock();
+                if (!peer) return;
+                peer->opening.reset();
+                if (!channel) {
+                    self->log_info("[transport server] handshake failed: {}", cause);
+                    self->forget(peer);
+                    return;
+                }
+                self->started(peer, std::move(channel));
+            });
+    }
+
+    void started(const std::shared_ptr<Peer>& peer, std::shared_ptr<detail::Channel> channel) {
+        peer->channel = std::move(channel);
+        peer->stage = Stage::hello;
+        peer->info.peer = peer->channel->peer();
+        std::weak_ptr<Peer> weak = peer;
+        detail::Channel::Handlers handlers;
+        handlers.message = [this, weak](const uint8_t* data, size_t size) {
+            if (auto p = weak.lock()) received(p, data, size);
+        };
+        handlers.closed = [this, weak](const std::string& cause) {
+            if (auto p = weak.lock()) closed(p, cause);
+        };
+        if (silent) peer->channel->set_paused(true);
+        peer->channel->start(std::move(handlers));
+    }
+
+    void send_to(const std::shared_ptr<Peer>& peer, const wamp::Message& message) {
+        const msgpack::buffer bytes = wamp::serialize(message);
+        if (peer->channel) peer->channel->send(bytes.data, bytes.size);
+    }
+
+    void abort_opening(const std::shared_ptr<Peer>& peer, const std::string& reason,
+                       const std::string& text) {
+        wamp::Message abort(wamp::ABORT);
+        abort.reason = reason;
+        std::vector<uint8_t> encoded;
+        msgpack::pack(encoded, text);
+        abort.details["message"] = msgpack::buffer(encoded);
+        send_to(peer, abort);
+        log_info("[transport server] {} refused: {} ({})", peer->info.peer, reason, text);
+        peer->stage = Stage::closing;
+        peer->channel->close(reason);
+    }
+
+    void received(const std::shared_ptr<Peer>& peer, const uint8_t* data, size_t size) {
+        std::optional<wamp::Message> parsed;
+        try {
+            parsed.emplace(wamp::parse_message(msgpack::buffer(data, size)));
+        } catch (const std::exception& e) {
+            log_warn("[transport server] bad message from {}: {}", peer->info.peer, e.what());
+            if (peer->stage == Stage::joined)
+                end(peer, std::string("protocol error: ") + e.what());
+            else
+                abort_opening(peer, "wamp.error.protocol_violation", e.what());
+            return;
+        }
+        const wamp::Message& message = *parsed;
+        switch (peer->stage) {
+            case Stage::hello:
+                return hello(peer, message);
+            case Stage::challenged:
+                return authenticate(peer, message);
+            case Stage::joined:
+                return joined_message(peer, message);
+            case Stage::closing:
+                // We said GOODBYE; the peer's GOODBYE completes the close.
+                if (message.type == wamp::GOODBYE) peer->channel->close(peer->leave_reason);
+                return;
+            default:
+                return;
+        }
+    }
+
+    static std::string detail_text(const wamp::Message& m, const std::string& key) {
+        auto it = m.details.find(key);
+        if (it == m.details.end()) return {};
+        msgpack::ReadBuffer in(it->second);
+        std::string value;
+        msgpack::read(in, value);
+        return value;
+    }
+
+    static std::vector<std::string> detail_list(const wamp::Message& m, const std::string& key) {
+        auto it = m.details.find(key);
+        if (it == m.details.end()) return {};
+        msgpack::ReadBuffer in(it->second);
+        std::vector<std::string> value;
+        msgpack::read(in, value);
+        return value;
+    }
+
+    void hello(const std::shared_ptr<Peer>& peer, const wamp::Message& m) {
+        if (m.type != wamp::HELLO)
+            return abort_opening(peer, "wamp.error.protocol_violation",
+                                 std::string("expected HELLO, got ") + wamp::type_name(m.type));
+        if (m.realm != options.realm)
+            return abort_opening(peer, "wamp.error.no_such_realm", "no realm '" + m.realm + "'");
+        if (options.credentials.empty()) {
+            peer->info.authrole = "anonymous";
+            peer->info.authmethod = "anonymous";
+            return welcome(peer);
+        }
+        std::string authid;
+        std::vector<std::string> methods;
+        try {
+            authid = detail_text(m, "authid");
+            methods = detail_list(m, "authmethods");
+        } catch (const std::exception& e) {
+            return abort_opening(peer, "wamp.error.protocol_violation",
+                                 std::string("bad HELLO details: ") + e.what());
+        }
+        const Credential* credential = nullptr;
+        for (const auto& c : options.credentials)
+            if (c.authid == authid) credential = &c;
+        if (!credential)
+            return abort_opening(peer, "wamp.error.not_authorized",
+                                 "unknown authid '" + authid + "'");
+        peer->credential = credential;
+        peer->info.authid = authid;
+        peer->info.authrole = credential->authrole;
+        if (credential->ticket.empty() && credential->wampcra_secret.empty()) {
+            peer->info.authmethod = "anonymous";
+            return welcome(peer);
+        }
+        for (const auto& method : methods) {
+            if (method == "ticket" && !credential->ticket.empty()) {
+                peer->info.authmethod = method;
+                peer->expected_signature = credential->ticket;
+                wamp::Message challenge(wamp::CHALLENGE);
+                challenge.authmethod = method;
+                peer->stage = Stage::challenged;
+                return send_to(peer, challenge);
+            }
+            if (method == "wampcra" && !credential->wampcra_secret.empty())
+                return challenge_wampcra(peer, *credential);
+        }
+        abort_opening(peer, "wamp.error.no_auth_method",
+                      "no offered authentication method is accepted for '" + authid + "'");
+    }
+
+    void challenge_wampcra(const std::shared_ptr<Peer>& peer, const Credential& c) {
+        peer->info.authmethod = "wampcra";
+        peer->info.id = random_session_id();
+        const std::string text = "{\"authid\":\"" + json_escape(c.authid) + "\",\"authrole\":\"" +
+                                 json_escape(c.authrole) +
+                                 "\",\"authmethod\":\"wampcra\",\"authprovider\":\"static\","
+                                 "\"nonce\":\"" +
+                                 random_nonce() +
+                                 "\",\"session\":" + std::to_string(peer->info.id) + "}";
+        std::string key = c.wampcra_secret;
+        wamp::Message challenge(wamp::CHALLENGE);
+        challenge.authmethod = "wampcra";
+        auto put = [&challenge](const std::string& name, const auto& value) {
+            std::vector<uint8_t> encoded;
+            msgpack::pack(encoded, value);
+            challenge.details[name] = msgpack::buffer(encoded);
+        };
+        put("challenge", text);
+        if (!c.wampcra_salt.empty()) {
+            key = wampcra_derive_key(c.wampcra_secret, c.wampcra_salt, c.wampcra_iterations,
+                                     c.wampcra_keylen);
+            put("salt", c.wampcra_salt);
+            put("iterations", c.wampcra_iterations);
+            put("keylen", c.wampcra_keylen);
+        }
+        peer->expected_signature = wampcra_sign(key, text);
+        peer->stage = Stage::challenged;
+        send_to(peer, challenge);
+    }
+
+    void authenticate(const std::shared_ptr<Peer>& peer, const wamp::Message& m) {
+        if (m.type != wamp::AUTHENTICATE)
+            return abort_opening(
+                peer, "wamp.error.protocol_violation",
+                std::string("expected AUTHENTICATE, got ") + wamp::type_name(m.type));
+        if (!equal_constant_time(m.signature, peer->expected_signature))
+            return abort_opening(
+                peer, "wamp.error.authentication_failed",
+                "wrong " + peer->info.authmethod + " secret for '" + peer->info.authid + "'");
+        welcome(peer);
+    }
+
+    void welcome(const std::shared_ptr<Peer>& peer) {
+        if (peer->info.id == 0) peer->info.id = random_session_id();
+        wamp::Message w(wamp::WELCOME);
+        w.session = wamp::Id(peer->info.id);
+        auto put = [&w](const std::string& name, const std::string& value) {
+            std::vector<uint8_t> encoded;
+            msgpack::pack(encoded, value);
+            w.details[name] = msgpack::buffer(encoded);
+        };
+        put("authid", peer->info.authid);
+        put("authrole", peer->info.authrole);
+        put("authmethod", peer->info.authmethod);
+        std::vector<uint8_t> roles;
+        msgpack::pack_map_header(roles, 2);
+        msgpack::pack(roles, "broker");
+        msgpack::pack_map_header(roles, 0);
+        msgpack::pack(roles, "dealer");
+        msgpack::pack_map_header(roles, 0);
+        w.details["roles"] = msgpack::buffer(roles);
+        send_to(peer, w);
+        peer->stage = Stage::joined;
+        peer->timer.cancel();
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            joined[peer->info.id] = peer;
+        }
+        log_info("[transport server] session {} joined over {} from {}", peer->info.id,
+                 peer->info.transport, peer->info.peer);
+        guarded(peer, [&] {
+            if (join_handler) join_handler(peer->info);
+        });
+    }
+
+    void joined_message(const std::shared_ptr<Peer>& peer, const wamp::Message& m) {
+        if (m.type == wamp::GOODBYE) {
+            peer->leave_reason = m.reason;
+            wamp::Message reply(wamp::GOODBYE);
+            reply.reason = "wamp.close.goodbye_and_out";
+            send_to(peer, reply);
+            peer->stage = Stage::closing;
+            peer->channel->close(m.reason);
+            return;
+        }
+        if (m.type == wamp::HELLO || m.type == wamp::WELCOME || m.type == wamp::ABORT ||
+            m.type == wamp::CHALLENGE || m.type == wamp::AUTHENTICATE)
+            return end(peer, std::string("protocol error: ") + wamp::type_name(m.type) +
+                                 " after the session was established");
+        guarded(peer, [&] {
+            if (message_handler) message_handler(peer->info.id, m);
+        });
+    }
+
+    template <class F>
+    void guarded(const std::shared_ptr<Peer>& peer, F&& f) {
+        try {
+            f();
+        } catch (const std::exception& e) {
+            log_warn("[transport server] handler failed for session {}: {}", peer->info.id,
+                     e.what());
+            end(peer, std::string("handler failed: ") + e.what());
+        }
+    }
+
+    void end(const std::shared_ptr<Peer>& peer, const std::string& cause) {
+        if (peer->opening) {
+            auto opening = std::move(peer->opening);
+            opening->cancel();
+        }
+        if (peer->channel)
+            peer->channel->abort(cause);
+        else
+            forget(peer);
+    }
+
+    void closed(const std::shared_ptr<Peer>& peer, const std::string& cause) {
+        const bool was_joined =
+            peer->stage == Stage::joined ||
+            (peer->stage == Stage::closing && peer->info.id != 0 && is_joined(peer->info.id));
+        peer->stage = Stage::closed;
+        forget(peer);
+        if (!was_joined) return;
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            joined.erase(peer->info.id);
+        }
+        const std::string reason = peer->leave_reason.empty() ? cause : peer->leave_reason;
+        log_info("[transport server] session {} left: {}", peer->info.id, reason);
+        if (leave_handler) {
+            try {
+                leave_handler(peer->info.id, reason);
+            } catch (const std::exception& e) {
+                log_warn("[transport server] leave handler failed: {}", e.what());
+            }
+        }
+    }
+
+    bool is_joined(uint64_t id) const {
+        std::lock_guard<std::mutex> lock(mutex);
+        return joined.count(id) != 0;
+    }
+
+    void forget(const std::shared_ptr<Peer>& peer) {
+        peer->timer.cancel();
+        peers.erase(peer);
+    }
+
+    std::shared_ptr<Peer> find(uint64_t id) const {
+        std::lock_guard<std::mutex> lock(mutex);
+        auto it = joined.find(id);
+        return it == joined.end() ? nullptr : it->second;
+    }
+
+    // Runs `task` on the I/O thread: at once when already there, which keeps a handler's
+    // answers in order with no hop through the queue.
+    template <class F>
+    void run_on_io(F&& task) {
+        if (on_io_thread())
+            task();
+        else
+            asio::post(io, std::forward<F>(task));
+    }
+
+    void close_session(const std::shared_ptr<Peer>& peer, const std::string& reason) {
+        if (peer->stage != Stage::joined || !peer->channel) return;
+        wamp::Message goodbye(wamp::GOODBYE);
+        goodbye.reason = reason;
+        send_to(peer, goodbye);
+        peer->stage = Stage::closing;
+        peer->leave_reason = reason;
+        // A peer that never answers is cut after a while.
+        peer->timer.expires_after(std::chrono::seconds(2));
+        std::weak_ptr<Peer> weak = peer;
+        peer->timer.async_wait([self = shared_from_this(), weak](error_code ec) {
+            if (auto p = weak.lock(); p && !ec) self->end(p, "no GOODBYE reply");
+        });
+    }
+
+    void teardown() {
+        error_code ignored;
+        if (rs_acceptor) rs_acceptor->close(ignored);
+        if (ws_acceptor) ws_acceptor->close(ignored);
+        const auto all = peers;
+        for (const auto& peer : all) end(peer, "server stopped");
+        peers.clear();
+    }
+};
+
+Server::Server(ServerOptions options) : impl_(std::make_shared<Impl>(std::move(options))) {}
+
+Server::~Server() {
+    stop();
+}
+
+void Server::on_join(JoinHandler handler) {
+    impl_->join_handler = std::move(handler);
+}
+void Server::on_message(MessageHandler handler) {
+    impl_->message_handler = std::move(handler);
+}
+void Server::on_leave(LeaveHandler handler) {
+    impl_->leave_handler = std::move(handler);
+}
+
+void Server::start() {
+    Impl& s = *impl_;
+    if (s.running) throw std::logic_error("transport server: already started");
+    if (!s.options.tls_certificate_file.empty() || !s.options.tls_private_key_file.empty()) {
+        s.tls.emplace(asio::ssl::context::tls_server);
+        try {
+            s.tls->use_certificate_chain_file(s.options.tls_certificate_file);
+            s.tls->use_private_key_file(s.options.tls_private_key_file, asio::ssl::context::pem);
+        } catch (const std::exception& e) {
+            throw std::runtime_error(std::string("transport server: cannot load TLS certificate "
+                                                 "or key: ") +
+                                     e.what());
+        }
+    }
+    if (s.options.rawsocket) s.listen(s.rs_acceptor, s.options.rawsocket_port, s.rs_port);
+    if (s.options.websocket) s.listen(s.ws_acceptor, s.options.websocket_port, s.ws_port);
+    if (s.rs_acceptor) s.accept(*s.rs_acceptor, detail::Framing::rawsocket);
+    if (s.ws_acceptor) s.accept(*s.ws_acceptor, detail::Framing::websocket);
+    s.work.emplace(s.io.get_executor());
+    s.running = true;
+    s.thread = std::thread([impl = impl_] {
+        for (;;) {
+            try {
+                impl->io.run();
+                return;
+            } catch (const std::exception& e) {
+                // A handler of ours failed; keep serving the other sessions.
+                impl->log_warn("[transport server] I/O thread: {}", e.what());
+            }
+        }
+    });
+}
+
+void Server::stop() {
+    Impl& s = *impl_;
+    if (!s.running) return;
+    if (s.on_io_thread()) throw std::logic_error("transport server: stop from its own thread");
+    s.running = false;
+    asio::post(s.io, [impl = impl_] {
+        impl->teardown();
+        impl->work.reset();
+        impl->io.stop();
+    });
+    s.thread.join();
+    s.rs_port = 0;
+    s.ws_port = 0;
+}
+
+void Server::shutdown(const std::string& reason, std::chrono::milliseconds grace) {
+    Impl& s = *impl_;
+    if (!s.running) return;
+    for (uint64_t id : sessions()) close(id, reason);
+    const auto deadline = std::chrono::steady_clock::now() + grace;
+    while (!sessions().empty() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    stop();
+}
+
+uint16_t Server::rawsocket_port() const {
+    return impl_->rs_port;
+}
+uint16_t Server::websocket_port() const {
+    return impl_->ws_port;
+}
+
+bool Server::send(uint64_t session, const wamp::Message& message) {
+    return send_encoded(session, wamp::serialize(message));
+}
+
+bool Server::send_encoded(uint64_t session, const serialization::msgpack::buffer& encoded) {
+    auto peer = impl_->find(session);
+    if (!peer) return false;
+    if (impl_->on_io_thread()) {
+        if (peer->channel) peer->channel->send(encoded.data, encoded.size);
+        return true;
+    }
+    asio::post(impl_->io, [peer, bytes = encoded] {
+        if (peer->channel && peer->stage == Stage::joined)
+            peer->channel->send(bytes.data, bytes.size);
+    });
+    return true;
+}
+
+void Server::close(uint64_t session, const std::string& reason) {
+    auto peer = impl_->find(session);
+    if (!peer) return;
+    impl_->run_on_io([impl = impl_, peer, reason] { impl->close_session(peer, reason); });
+}
+
+void Server::drop(uint64_t session) {
+    auto peer = impl_->find(session);
+    if (!peer) return;
+    impl_->run_on_io([impl = impl_, peer] { impl->end(peer, "dropped by the server"); });
+}
+
+void Server::post(std::function<void()> task) {
+    asio::post(impl_->io, std::move(task));
+}
+
+std::vector<uint64_t> Server::sessions() const {
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    std::vector<uint64_t> ids;
+    for (const auto& [id, peer] : impl_->joined) ids.push_back(id);
+    return ids;
+}
+
+void Server::set_silent(bool silent) {
+    impl_->run_on_io([impl = impl_, silent] {
+        impl->silent = silent;
+        for (const auto& peer : impl->peers)
+            if (peer->channel) peer->channel->set_paused(silent);
+    });
+}
+
+}  // namespace qor::transport
