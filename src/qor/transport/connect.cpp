@@ -1,0 +1,571 @@
+#include <qor/transport/connect.hpp>
+
+#include <algorithm>
+#include <cmath>
+#include <deque>
+#include <optional>
+#include <random>
+#include <stdexcept>
+
+#include <boost/asio/ssl/context.hpp>
+#include <spdlog/spdlog.h>
+
+#include <qor/serialization/msgpack.hpp>
+#include <qor/transport/auth.hpp>
+#include <qor/transport/detail/channel.hpp>
+#include <qor/transport/url.hpp>
+#include <qor/version.hpp>
+#include <qor/wamp/message.hpp>
+#include <qor/wamp/receive.hpp>
+
+namespace qor::transport {
+
+namespace asio = boost::asio;
+namespace msgpack = serialization::msgpack;
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
+namespace {
+
+// Where the session stands: the transport opening, then the WAMP opening, then use.
+enum class Stage { down, transport, hello, established, goodbye, closed };
+
+std::vector<uint8_t> packed(const std::string& text) {
+    std::vector<uint8_t> out;
+    msgpack::pack(out, text);
+    return out;
+}
+
+std::string detail_text(const wamp::Message& m, const std::string& key) {
+    auto it = m.details.find(key);
+    if (it == m.details.end()) return {};
+    msgpack::ReadBuffer in(it->second);
+    std::string value;
+    msgpack::read(in, value);
+    return value;
+}
+
+long long detail_integer(const wamp::Message& m, const std::string& key, long long fallback) {
+    auto it = m.details.find(key);
+    if (it == m.details.end()) return fallback;
+    msgpack::ReadBuffer in(it->second);
+    long long value = 0;
+    msgpack::read(in, value);
+    return value;
+}
+
+bool is_auth_refusal(const std::string& reason) {
+    return reason == "wamp.error.authentication_failed" ||
+           reason == "wamp.error.not_authorized" || reason == "wamp.error.no_auth_method" ||
+           reason == "wamp.error.authorization_failed";
+}
+
+}  // namespace
+
+struct Endpoint::Impl {
+    QorClient& peer;
+    std::string url_text;
+    Url url;
+    ConnectOptions options;
+    bool is_server;
+    std::unique_ptr<wamp::Client> owned_client;  // handed to the peer once opened
+    wamp::Client* client = nullptr;
+
+    asio::io_context io;
+    std::optional<asio::ssl::context> tls;
+    std::shared_ptr<detail::Opening> opening;
+    std::shared_ptr<detail::Channel> channel;
+    std::deque<msgpack::buffer> inbox;
+    std::optional<std::string> lost;  // set by the channel, acted on by the pump
+
+    Stage stage = Stage::down;
+    LinkState link = LinkState::disconnected;
+    uint64_t session = 0;
+    std::string last_error;
+    std::string failure;        // why the current opening failed
+    bool auth_refused = false;  // the last opening failed on credentials
+    Clock::time_point opening_deadline;
+    bool opening_blocking = false;
+    bool opening_failed = false;  // an opening ended in failure and the pump has not seen it
+
+    Clock::time_point last_heard;
+    bool awaiting_pong = false;
+    Clock::time_point ping_sent;
+
+    std::optional<Clock::time_point> next_attempt;
+    int attempt = 0;
+    std::mt19937 jitter_random{std::random_device{}()};
+    std::function<void(const LinkEvent&)> on_change;
+
+    Impl(QorClient& p, const std::string& text, const ConnectOptions& o, bool server)
+        : peer(p), url_text(text), url(parse_url(text)), options(o), is_server(server) {
+        owned_client = std::make_unique<wamp::Client>(options.name, options.logger);
+        client = owned_client.get();
+        if (url.tls) {
+            tls.emplace(asio::ssl::context::tls_client);
+            boost::system::error_code ec;
+            if (options.tls_ca_file.empty())
+                tls->set_default_verify_paths(ec);
+            else
+                tls->load_verify_file(options.tls_ca_file, ec);
+            if (ec)
+                throw std::runtime_error("cannot connect to '" + url_text +
+                                         "': TLS error: cannot load CA file '" +
+                                         options.tls_ca_file + "': " + ec.message());
+        }
+        client->session.write = [this](const uint8_t* data, uint64_t size) { write(data, size); };
+    }
+
+    ~Impl() {
+        if (opening) opening->cancel();
+        if (channel) channel->abort("endpoint destroyed");
+        // Let the cancelled operations finish before their sockets go away.
+        io.restart();
+        io.poll();
+        if (client) client->session.write = nullptr;
+    }
+
+    template <class... Args>
+    void log(spdlog::level::level_enum level, const char* format, const Args&... args) {
+        if (options.logger) options.logger->log(level, fmt::runtime(format), args...);
+    }
+
+    void write(const uint8_t* data, uint64_t size) {
+        if (channel && stage == Stage::established) {
+            channel->send(data, size);
+            return;
+        }
+        // Nothing is lost by dropping here: pending calls are failed by the pump and
+        // subscriptions are sent again when the session reopens.
+        log(spdlog::level::debug, "[{}] not connected, message dropped", options.name);
+    }
+
+    void send(const wamp::Message& message) {
+        const msgpack::buffer bytes = wamp::serialize(message);
+        if (channel) channel->send(bytes.data, bytes.size);
+    }
+
+    void tell(LinkState state, const std::string& reason, bool will_retry = false,
+              milliseconds delay = milliseconds(0)) {
+        link = state;
+        if (!on_change) return;
+        LinkEvent event;
+        event.state = state;
+        event.reason = reason;
+        event.will_retry = will_retry;
+        event.delay = delay;
+        event.attempt = attempt;
+        on_change(event);
+    }
+
+    // ---- opening ------------------------------------------------------------------------
+
+    void start_opening() {
+        stage = Stage::transport;
+        failure.clear();
+        auth_refused = false;
+        inbox.clear();
+        lost.reset();
+        session = 0;
+        opening_deadline = Clock::now() + options.connect_timeout;
+        detail::ClientSettings settings;
+        settings.framing = url.websocket ? detail::Framing::websocket : detail::Framing::rawsocket;
+        settings.tls = url.tls;
+        settings.host = url.host;
+        settings.port = url.port;
+        settings.path = url.path;
+        settings.max_message_size = options.max_message_size;
+        settings.tls_context = tls ? &*tls : nullptr;
+        settings.verify_peer = options.tls_verify;
+        tell(LinkState::connecting, "");
+        opening = detail::open_client(
+            io, settings,
+            [this](std::shared_ptr<detail::Channel> opened, const std::string& cause) {
+                opening.reset();
+                if (!opened) return fail_opening(cause);
+                transport_ready(std::move(opened));
+            });
+    }
+
+    void transport_ready(std::shared_ptr<detail::Channel> opened) {
+        channel = std::move(opened);
+        detail::Channel::Handlers handlers;
+        handlers.message = [this](const uint8_t* data, size_t size) {
+            last_heard = Clock::now();
+            awaiting_pong = false;
+            inbox.emplace_back(data, size);
+        };
+        handlers.pong = [this] {
+            last_heard = Clock::now();
+            awaiting_pong = false;
+        };
+        handlers.closed = [this](const std::string& cause) {
+            if (!lost) lost = cause;
+        };
+        channel->start(std::move(handlers));
+        stage = Stage::hello;
+        send(hello());
+    }
+
+    wamp::Message hello() const {
+        wamp::Message m(wamp::HELLO);
+        m.realm = options.realm;
+        m.details["agent"] = msgpack::buffer(packed(std::string("qor_sdk_cpp")));
+        std::vector<uint8_t> roles;
+        msgpack::pack_map_header(roles, 2);
+        msgpack::pack(roles, "caller");
+        msgpack::pack_map_header(roles, 0);
+        msgpack::pack(roles, "subscriber");
+        msgpack::pack_map_header(roles, 0);
+        m.details["roles"] = msgpack::buffer(roles);
+        if (!options.authid.empty()) m.details["authid"] = msgpack::buffer(packed(options.authid));
+        if (!options.authmethods.empty()) {
+            std::vector<uint8_t> methods;
+            msgpack::pack(methods, options.authmethods);
+            m.details["authmethods"] = msgpack::buffer(methods);
+        }
+        return m;
+    }
+
+    void fail_opening(const std::string& cause) {
+        failure = cause.empty() ? "failed" : cause;
+        if (opening) {
+            auto o = std::move(opening);
+            o->cancel();
+        }
+        if (channel) {
+            auto c = std::move(channel);
+            c->abort(failure);
+        }
+        inbox.clear();
+        lost.reset();
+        stage = Stage::down;
+        opening_failed = true;
+    }
+
+    void answer_challenge(const wamp::Message& m) {
+        wamp::Message reply(wamp::AUTHENTICATE);
+        if (m.authmethod == "ticket" && !options.ticket.empty()) {
+            reply.signature = options.ticket;
+        } else if (m.authmethod == "wampcra" && !options.secret.empty()) {
+            const std::string challenge = detail_text(m, "challenge");
+            std::string key = options.secret;
+            const std::string salt = detail_text(m, "salt");
+            if (!salt.empty())
+                key = wampcra_derive_key(options.secret, salt,
+                                         int(detail_integer(m, "iterations", 1000)),
+                                         int(detail_integer(m, "keylen", 32)));
+            reply.signature = wampcra_sign(key, challenge);
+        } else {
+            wamp::Message abort(wamp::ABORT);
+            abort.reason = "wamp.error.no_auth_method";
+            send(abort);
+            auth_refused = true;
+            return fail_opening("authentication method '" + m.authmethod +
+                                "' requested without a secret for it");
+        }
+        send(reply);
+    }
+
+    // One message received while the session opens.
+    void opening_message(const wamp::Message& m) {
+        if (m.type == wamp::WELCOME) {
+            session = m.session.value();
+            stage = Stage::established;
+            last_heard = Clock::now();
+            awaiting_pong = false;
+            return;
+        }
+        if (m.type == wamp::CHALLENGE) return answer_challenge(m);
+        if (m.type == wamp::ABORT) {
+            const std::string text = detail_text(m, "message");
+            auth_refused = is_auth_refusal(m.reason);
+            return fail_opening("session refused: " + m.reason +
+                                (text.empty() ? "" : " (" + text + ")"));
+        }
+        fail_opening(std::string("protocol error: ") + wamp::type_name(m.type) +
+                     " before WELCOME");
+    }
+
+    // Parses and handles the messages received so far; returns how many.
+    size_t drain() {
+        size_t handled = 0;
+        while (!inbox.empty() && channel) {
+            msgpack::buffer bytes = std::move(inbox.front());
+            inbox.pop_front();
+            ++handled;
+            std::optional<wamp::Message> parsed;
+            try {
+                parsed.emplace(wamp::parse_message(std::move(bytes)));
+            } catch (const std::exception& e) {
+                const std::string cause = std::string("protocol error: ") + e.what();
+                if (stage == Stage::established) {
+                    channel->abort(cause);
+                } else {
+                    fail_opening(cause);
+                }
+                break;
+            }
+            const wamp::Message& m = *parsed;
+            if (stage == Stage::hello) {
+                opening_message(m);
+                if (stage == Stage::established) {
+                    // What follows WELCOME waits until the session is fully set up.
+                    if (opening_blocking) break;
+                    opened();
+                }
+            } else if (stage == Stage::established) {
+                if (m.type == wamp::GOODBYE) {
+                    wamp::Message reply(wamp::GOODBYE);
+                    reply.reason = "wamp.close.goodbye_and_out";
+                    send(reply);
+                    channel->close("closed by the server: " + m.reason);
+                    inbox.clear();
+                    break;
+                }
+                // Handlers may throw (a blocking call's server error): the rest of the
+                // inbox stays for the next pass.
+                client->dispatch(m);
+            } else if (stage == Stage::goodbye) {
+                if (m.type == wamp::GOODBYE) channel->close("closed");
+            }
+        }
+        return handled;
+    }
+
+    // The session is established: flags, subscriptions, observers.
+    void opened() {
+        const bool again = !client->subscriber.topics.empty();
+        attempt = 0;
+        next_attempt.reset();
+        if (is_server) peer.server_connected = true;
+        log(spdlog::level::info, "[{}] session {} open on {}", options.name, session, url_text);
+        if (again) client->subscriber.resubscribe();
+        tell(LinkState::connected, "");
+    }
+
+    // Runs an opening to its end on this thread; throws with the cause on failure.
+    void open_blocking() {
+        opening_blocking = true;
+        opening_failed = false;
+        struct Reset {
+            bool& flag;
+            ~Reset() { flag = false; }
+        } reset{opening_blocking};
+        if (io.stopped()) io.restart();
+        start_opening();
+        while (stage == Stage::transport || stage == Stage::hello) {
+            const auto now = Clock::now();
+            if (now >= opening_deadline) {
+                fail_opening("timed out after " + std::to_string(options.connect_timeout.count()) +
+                             " ms");
+                break;
+            }
+            io.run_one_for(std::min<Clock::duration>(opening_deadline - now, milliseconds(50)));
+            drain();
+            if (lost && stage != Stage::down) fail_opening(*lost);
+        }
+        opening_failed = false;
+        if (stage != Stage::established) {
+            last_error = failure;
+            tell(LinkState::disconnected, failure);
+            throw std::runtime_error("cannot connect to '" + url_text + "': " + failure);
+        }
+        opened();
+    }
+
+    // ---- the pump -----------------------------------------------------------------------
+
+    bool pass() {
+        bool work = false;
+        if (opening || channel) {
+            if (io.stopped()) io.restart();
+            work = io.poll() > 0;
+        }
+        if (drain() > 0) work = true;
+        if (stage == Stage::established) keepalive();
+        if (lost) {
+            work = true;
+            const std::string cause = *lost;
+            lost.reset();
+            if (stage == Stage::established || stage == Stage::goodbye) {
+                link_lost(cause);
+            } else if (stage == Stage::hello || stage == Stage::transport) {
+                fail_opening(cause);
+            }
+        }
+        if ((stage == Stage::transport || stage == Stage::hello) &&
+            Clock::now() >= opening_deadline)
+            fail_opening("timed out");
+        if (opening_failed) {
+            opening_failed = false;
+            work = true;
+            attempt_failed();
+        }
+        if (stage == Stage::down && next_attempt && Clock::now() >= *next_attempt) {
+            work = true;
+            next_attempt.reset();
+            ++attempt;
+            log(spdlog::level::info, "[{}] reconnecting to {} (attempt {})", options.name,
+                url_text, attempt);
+            start_opening();
+        }
+        // Calls still waiting on a dead link are failed, also when an earlier failure
+        // handler threw and left some behind.
+        if (stage != Stage::established && !client->caller.pending.empty()) {
+            work = true;
+            client->caller.fail_all(CONNECTION_LOST);
+        }
+        return work;
+    }
+
+    void keepalive() {
+        if (options.keepalive_interval.count() <= 0 || !channel) return;
+        const auto now = Clock::now();
+        if (awaiting_pong) {
+            if (now - ping_sent >= options.keepalive_timeout)
+                channel->abort("keepalive: no answer within " +
+                               std::to_string(options.keepalive_timeout.count()) + " ms");
+        } else if (now - last_heard >= options.keepalive_interval) {
+            awaiting_pong = true;
+            ping_sent = now;
+            channel->ping();
+        }
+    }
+
+    milliseconds retry_delay() {
+        const ReconnectPolicy& p = options.reconnect;
+        double ms = double(p.initial_delay.count()) * std::pow(p.growth, attempt);
+        ms = std::min(ms, double(p.max_delay.count()));
+        if (p.jitter > 0) {
+            std::uniform_real_distribution<double> spread(-p.jitter, p.jitter);
+            ms *= 1.0 + spread(jitter_random);
+        }
+        return milliseconds(std::max<long long>(0, static_cast<long long>(ms)));
+    }
+
+    // Schedules the next automatic attempt if the policy allows one; tells the observers.
+    void schedule(const std::string& reason) {
+        const ReconnectPolicy& p = options.reconnect;
+        const bool retry = p.enabled && !auth_refused && (p.max_retries == 0 || attempt < p.max_retries);
+        milliseconds delay(0);
+        if (retry) {
+            delay = retry_delay();
+            next_attempt = Clock::now() + delay;
+        }
+        tell(LinkState::disconnected, reason, retry, delay);
+    }
+
+    void link_lost(const std::string& cause) {
+        log(spdlog::level::warn, "[{}] connection to {} lost: {}", options.name, url_text, cause);
+        stage = Stage::down;
+        channel.reset();
+        inbox.clear();
+        session = 0;
+        last_error = cause;
+        if (is_server) peer.server_connected = false;
+        schedule(cause);
+        client->caller.fail_all(CONNECTION_LOST);
+    }
+
+    void attempt_failed() {
+        last_error = failure;
+        log(spdlog::level::warn, "[{}] reconnecting to {} failed: {}", options.name, url_text,
+            failure);
+        schedule(failure);
+    }
+};
+
+Endpoint::Endpoint(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+
+Endpoint::~Endpoint() = default;
+
+bool Endpoint::update_first() { return impl_->pass(); }
+bool Endpoint::update_second() { return impl_->pass(); }
+
+wamp::Client& Endpoint::client() { return *impl_->client; }
+const std::string& Endpoint::url() const { return impl_->url_text; }
+LinkState Endpoint::state() const { return impl_->link; }
+bool Endpoint::connected() const { return impl_->stage == Stage::established; }
+uint64_t Endpoint::session_id() const { return impl_->session; }
+const std::string& Endpoint::last_error() const { return impl_->last_error; }
+
+void Endpoint::on_state_change(std::function<void(const LinkEvent&)> callback) {
+    impl_->on_change = std::move(callback);
+}
+
+void Endpoint::reconnect() {
+    Impl& s = *impl_;
+    if (s.channel) {
+        auto c = std::move(s.channel);
+        c->abort("reconnecting");
+        s.lost.reset();
+        if (s.is_server) s.peer.server_connected = false;
+        s.client->caller.fail_all(CONNECTION_LOST);
+    }
+    if (s.opening) s.fail_opening("reconnecting");
+    s.next_attempt.reset();
+    s.attempt = 0;
+    s.open_blocking();
+}
+
+void Endpoint::close(const std::string& reason) {
+    Impl& s = *impl_;
+    s.next_attempt.reset();
+    if (s.stage == Stage::established && s.channel) {
+        wamp::Message goodbye(wamp::GOODBYE);
+        goodbye.reason = reason;
+        s.send(goodbye);
+        s.stage = Stage::goodbye;
+        const auto deadline = Clock::now() + s.options.connect_timeout;
+        while (!s.lost && Clock::now() < deadline) {
+            s.io.run_one_for(milliseconds(20));
+            s.drain();
+        }
+    }
+    if (s.opening) s.fail_opening("closed");
+    if (s.channel) s.channel->abort("closed");
+    s.channel.reset();
+    s.lost.reset();
+    s.inbox.clear();
+    s.stage = Stage::closed;
+    s.session = 0;
+    if (s.is_server) s.peer.server_connected = false;
+    s.tell(LinkState::closed, reason);
+    s.client->caller.fail_all(CONNECTION_LOST);
+}
+
+Endpoint& open_endpoint(QorClient& peer, const std::string& url, const ConnectOptions& options,
+                        const std::vector<std::string>* topics) {
+    auto impl = std::make_unique<Endpoint::Impl>(peer, url, options, topics == nullptr);
+    Endpoint::Impl& state = *impl;
+    std::unique_ptr<Endpoint> endpoint(new Endpoint(std::move(impl)));
+    state.client->connection = endpoint.get();
+    state.open_blocking();
+    // Opened: the peer takes both; the connection goes first when the peer is destroyed.
+    wamp::Client* client = state.client;
+    peer.owned_endpoints.push_back(std::move(state.owned_client));
+    Endpoint& result = *endpoint;
+    peer.owned_connections.push_back(std::move(endpoint));
+    if (topics) {
+        peer.extra_endpoints.push_back(client);
+        for (const auto& topic : *topics) peer.serve_topic(topic, client);
+    } else {
+        peer.server_endpoint = client;
+        peer.has_server = true;
+        peer.server_connected = true;
+    }
+    return result;
+}
+
+Endpoint& connect(QorClient& peer, const std::string& url, const ConnectOptions& options) {
+    return open_endpoint(peer, url, options, nullptr);
+}
+
+Endpoint& connect_device_source(QorClient& peer, const std::string& url,
+                                const std::vector<std::string>& topics,
+                                const ConnectOptions& options) {
+    return open_endpoint(peer, url, options, &topics);
+}
+
+}  // namespace qor::transport
