@@ -1,0 +1,353 @@
+// The simulation core's operations: argument checking, persistence, properties, errors.
+
+#include <filesystem>
+#include <fstream>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <dax/types/devices.hpp>
+#include <qor/sim/devices.hpp>
+
+#include "sim_test_util.hpp"
+
+namespace qor::sim::testing {
+namespace {
+
+namespace dt = dax::types;
+using ::testing::HasSubstr;
+
+std::unique_ptr<SimulationCore> core_in(const TempFolder& folder, const std::string& secret = "") {
+    CoreOptions options;
+    options.data_dir = folder.str();
+    options.secret = secret;
+    return std::make_unique<SimulationCore>(options);
+}
+
+struct BadCall {
+    std::string name;
+    std::vector<uint8_t> args;  // encoded back to back
+    uint64_t count;
+    std::string error;
+    std::string text;
+};
+
+TEST(CoreArguments, WrongCountOrTypeSaysWhichArgument) {
+    TempFolder folder;
+    auto core = core_in(folder);
+    const std::vector<BadCall> cases{
+        {"CLEAR_SCENE",
+         {0x01},
+         1,
+         "wamp.error.invalid_argument",
+         "CLEAR_SCENE takes 0 arguments, got 1"},
+        {"SET_PROPERTY",
+         {0xa1, 'a'},
+         1,
+         "wamp.error.invalid_argument",
+         "SET_PROPERTY takes 2 arguments, got 1"},
+        {"SET_PROPERTY",
+         {0x05, 0xa1, 'a'},
+         2,
+         "wamp.error.invalid_argument",
+         "argument 1 of SET_PROPERTY must be a string"},
+        {"SET_PROPERTY",
+         {0xa1, 'a', 0xc0},
+         2,
+         "wamp.error.invalid_argument",
+         "argument 2 of SET_PROPERTY must be a string"},
+        {"ENABLE_SCHEDULING",
+         {0x01},
+         1,
+         "wamp.error.invalid_argument",
+         "argument 1 of ENABLE_SCHEDULING must be a boolean"},
+        {"SET_SERVER_PERIOD_MS",
+         {0xa1, 'x'},
+         1,
+         "wamp.error.invalid_argument",
+         "argument 1 of SET_SERVER_PERIOD_MS must be a number"},
+        {"SET_SERVER_PERIOD_MS",
+         {0xd0, 0xfb},
+         1,
+         "wamp.error.invalid_argument",
+         "period -5 ms is outside 1..60000"},
+        {"CREATE_TRIMESH",
+         {0xa1, 'm', 0xcf, 0, 0, 1, 0, 0, 0, 0, 0, 0x01, 0x01},
+         4,
+         "wamp.error.invalid_argument",
+         "argument 2 of CREATE_TRIMESH must be an integer: out of the 32-bit range"},
+        {"GET_TRIMESH",
+         {0xcb, 0, 0, 0, 0, 0, 0, 0, 0},
+         1,
+         "wamp.error.invalid_argument",
+         "argument 1 of GET_TRIMESH must be an integer"},
+        {"SEND_SCENE",
+         {0xa2, 'h', 'i'},
+         1,
+         "wamp.error.invalid_argument",
+         "argument 1 of SEND_SCENE must be binary data"},
+        {"SEND_SCENE",
+         {0xc4, 0x05, 0x90},
+         1,
+         "wamp.error.invalid_argument",
+         "unexpected end of data"},
+        {"SET_PROPERTY",
+         {0xa1, 'a'},
+         2,
+         "wamp.error.invalid_argument",
+         "argument 2 of SET_PROPERTY must be a string: unexpected end of data"},
+        {"GET_PROPERTY",
+         {0xa1, 'a', 0x01},
+         1,
+         "wamp.error.invalid_argument",
+         "trailing bytes after the arguments"},
+        {"UPDATE_TRIMESH",
+         {0x01, 0x00, 0x00, 0x93, 0x91, 0x92, 0xcb, 0, 0, 0, 0, 0,    0,
+          0,    0,    0xcb, 0,    0,    0,    0,    0, 0, 0, 0, 0x90, 0x90},
+         4,
+         "wamp.error.invalid_argument",
+         "2 fields in message, 3 in struct"},
+        {"CLEAR_BODIES_PERSISTENCES",
+         {0xa1, 's', 0x91, 0x01, 0xc2},
+         3,
+         "wamp.error.invalid_argument",
+         "argument 2 of CLEAR_BODIES_PERSISTENCES must be a list of strings"},
+        {"SET_PUBLISH_COMPRESSION_LEVEL",
+         {0x0a},
+         1,
+         "wamp.error.invalid_argument",
+         "compression level 10 is outside 0..9"},
+        {"SAVE_COMPONENTS",
+         {0xa5, '.', '.', '/', 'e', 't'},
+         1,
+         "wamp.error.invalid_argument",
+         "bad persistence name '../et'"},
+        {"LOAD_COMPONENTS", {0xa0}, 1, "wamp.error.invalid_argument", "bad persistence name ''"},
+        {"NO_SUCH_THING",
+         {},
+         0,
+         "wamp.error.no_such_procedure",
+         "no procedure 'qor.server.operation.NO_SUCH_THING'"},
+        {"LOAD_COMPONENTS",
+         {0xa4, 'n', 'o', 'n', 'e'},
+         1,
+         "qor.error.not_found",
+         "no persistence named 'none'"},
+        {"GET_PROPERTY",
+         {0xa4, 'n', 'o', 'n', 'e'},
+         1,
+         "qor.error.not_found",
+         "no property named 'none'"},
+        {"RESUME_SIMULATION", {}, 0, "qor.error.invalid_state", "not started"},
+    };
+    for (const BadCall& c : cases) {
+        SCOPED_TRACE(c.name + " -> " + c.text);
+        const CallResult r =
+            core->call("qor.server.operation." + c.name, c.args.data(), c.args.size(), c.count);
+        EXPECT_FALSE(r.ok);
+        EXPECT_TRUE(r.value.empty());
+        EXPECT_EQ(r.error, c.error);
+        EXPECT_THAT(r.message, HasSubstr(c.text));
+    }
+    EXPECT_EQ(core->call("other.procedure").error, "wamp.error.no_such_procedure");
+
+    // Every failure is kept for GET_LAST_ERRORS, oldest first, until cleared.
+    const auto errors = call_ok<dt::vector_string_t>(*core, "GET_LAST_ERRORS", true);
+    ASSERT_EQ(errors.values.size(), cases.size() + 1);
+    EXPECT_THAT(errors.values.front(), HasSubstr("CLEAR_SCENE takes 0 arguments"));
+    EXPECT_TRUE(call_ok<dt::vector_string_t>(*core, "GET_LAST_ERRORS", false).values.empty());
+}
+
+TEST(CoreArguments, NumbersAndIntegersAreAcceptedInEveryEncoding) {
+    TempFolder folder;
+    auto core = core_in(folder);
+    // An integer where a number is expected is taken as that number (peers in other
+    // languages send 16 rather than 16.0).
+    EXPECT_EQ(call_ok<int>(*core, "SET_SERVER_PERIOD_MS", 16), 17);
+    EXPECT_EQ(call_ok<int>(*core, "SET_SERVER_PERIOD_MS", 20.0), 16);
+    const std::vector<uint8_t> float32{0xca, 0x41, 0xa0, 0x00, 0x00};  // 20.0f
+    const CallResult r =
+        core->call("qor.server.operation.SET_PUBLISH_PERIOD_MS", float32.data(), float32.size(), 1);
+    EXPECT_TRUE(r.ok) << r.message;
+    const std::vector<uint8_t> uint8_id{0xcc, 0x01};  // id 1 in a wider form than needed
+    call_ok<long long>(*core, "CREATE_TRIMESH", std::string("m"), 0, 0, 0);
+    EXPECT_TRUE(core->call("qor.server.operation.GET_TRIMESH_INFO", uint8_id.data(), 2, 1).ok);
+}
+
+TEST(CorePersistence, SavedScenesSettingsAndModeSurviveANewCore) {
+    TempFolder folder;
+    mp::buffer saved_scene;
+    {
+        auto core = core_in(folder);
+        const long long mesh =
+            call_ok<long long>(*core, "CREATE_TRIMESH", std::string("tri"), 3, 1, 0);
+        dt::mesh_batch_t batch;
+        batch.vertices = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}};
+        batch.triangles = {{0, 1, 2}};
+        call_ok<int>(*core, "UPDATE_TRIMESH", mesh, 0, 0, batch);
+        call_ok<int>(*core, "SEND_SCENE",
+                     scene_of({ground(1), ball(2, 4.0),
+                               body(3, Shape::mesh, {1, 1, 1}, 0, {5, 5, 0}, mesh)}));
+        for (int i = 0; i < 10; ++i) call_ok<dt::integration_result_t>(*core, "STEP_SIMULATION");
+        EXPECT_EQ(call_ok<int>(*core, "SAVE_COMPONENTS", std::string("first")), 3);
+        EXPECT_EQ(call_ok<int>(*core, "SAVE_COMPONENTS", std::string("second")), 3);
+        saved_scene = call_ok<mp::buffer>(*core, "GET_SERVER_SCENE");
+        EXPECT_EQ(call_ok<int>(*core, "SET_PROPERTY", std::string("owner"), std::string("lab 3")),
+                  1);
+        EXPECT_EQ(call_ok<int>(*core, "SET_PROPERTY", std::string("owner"), std::string("lab 4")),
+                  0);
+        EXPECT_FALSE(call_ok<bool>(*core, "SET_PERSISTENCE_MODE", 7));
+        EXPECT_TRUE(call_ok<bool>(*core, "SET_PERSISTENCE_MODE", 1));
+    }
+    // Every file was written through a temporary and renamed: none is left behind.
+    for (const auto& entry : std::filesystem::directory_iterator(folder.path()))
+        EXPECT_THAT(entry.path().filename().string(), ::testing::Not(HasSubstr(".tmp")));
+
+    auto core = core_in(folder);
+    EXPECT_EQ(call_ok<int>(*core, "GET_PERSISTENCE_MODE"), 1);
+    EXPECT_EQ(call_ok<std::string>(*core, "GET_PROPERTY", std::string("owner")), "lab 4");
+    EXPECT_TRUE(call_ok<bool>(*core, "HAS_PROPERTY", std::string("owner")));
+    EXPECT_FALSE(call_ok<bool>(*core, "HAS_PROPERTY", std::string("nobody")));
+
+    const auto list = call_ok<dt::vector_pair_string_double_t>(*core, "BROWSE_PERSISTENCES");
+    ASSERT_EQ(list.values.size(), 2u);
+    EXPECT_EQ(list.values[0].first, "first");
+    EXPECT_EQ(list.values[1].first, "second");
+    const double now =
+        std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    EXPECT_NEAR(list.values[0].second, now, 60.0) << "save times are Unix seconds";
+
+    // The new core has no meshes of its own: loading brings back the mesh the scene uses.
+    EXPECT_EQ(call_ok<int>(*core, "LOAD_COMPONENTS", std::string("first")), 3);
+    EXPECT_EQ(call_ok<mp::buffer>(*core, "GET_SERVER_SCENE"), saved_scene);
+    EXPECT_EQ(call_ok<dt::mesh_info_t>(*core, "GET_TRIMESH_INFO", 1LL).text, "tri");
+    EXPECT_EQ(call_ok<long long>(*core, "CREATE_TRIMESH", std::string("next"), 0, 0, 0), 2)
+        << "new meshes do not reuse a loaded id";
+
+    const auto removed =
+        call_ok<dt::vector_bool_t>(*core, "CLEAR_BODIES_PERSISTENCES", std::string("first"),
+                                   dt::vector_string_t{{"2", "99"}}, true);
+    EXPECT_EQ(removed.values, (std::vector<bool>{true, false}));
+    EXPECT_EQ(call_ok<int>(*core, "LOAD_COMPONENTS", std::string("first")), 2);
+    EXPECT_EQ(run(*core, "CLEAR_BODIES_PERSISTENCES", std::string("first"),
+                  dt::vector_string_t{{"x2"}}, false)
+                  .error,
+              "wamp.error.invalid_argument");
+
+    EXPECT_TRUE(call_ok<bool>(*core, "CLEAR_SCENE_PERSISTENCES", std::string("first"), false));
+    EXPECT_FALSE(call_ok<bool>(*core, "CLEAR_SCENE_PERSISTENCES", std::string("first"), false));
+    EXPECT_TRUE(call_ok<bool>(*core, "CLEAR_PERSISTENCES"));
+    EXPECT_FALSE(call_ok<bool>(*core, "CLEAR_PERSISTENCES"));
+    EXPECT_TRUE(
+        call_ok<dt::vector_pair_string_double_t>(*core, "BROWSE_PERSISTENCES").values.empty());
+}
+
+TEST(CorePersistence, ModeTwoRestoresTheSceneOfTheLastRun) {
+    TempFolder folder;
+    mp::buffer before;
+    {
+        auto core = core_in(folder);
+        EXPECT_TRUE(call_ok<bool>(*core, "SET_PERSISTENCE_MODE", 2));
+        call_ok<int>(*core, "SEND_SCENE", scene_of({ground(1), ball(2, 4.0)}));
+        call_ok<dt::integration_result_t>(*core, "STEP_SIMULATION");
+        before = call_ok<mp::buffer>(*core, "GET_SERVER_SCENE");
+        EXPECT_EQ(call_ok<int>(*core, "QUIT"), 0);
+        EXPECT_TRUE(core->quit_requested());
+        core->wait_for_quit();  // returns at once once QUIT went through
+    }
+    auto core = core_in(folder);
+    EXPECT_EQ(call_ok<mp::buffer>(*core, "GET_SERVER_SCENE"), before);
+}
+
+TEST(CorePersistence, DamagedSceneFileIsReportedNotFatal) {
+    TempFolder folder;
+    auto core = core_in(folder);
+    {
+        std::ofstream broken(folder.path() / "broken.scene", std::ios::binary);
+        broken << "\x95\xa9qor-scene";
+    }
+    const CallResult r = run(*core, "LOAD_COMPONENTS", std::string("broken"));
+    EXPECT_EQ(r.error, "qor.error.operation_failed");
+    EXPECT_THAT(r.message, HasSubstr("damaged scene file"));
+    // Still listed, so that it can be cleared.
+    const auto list = call_ok<dt::vector_pair_string_double_t>(*core, "BROWSE_PERSISTENCES");
+    ASSERT_EQ(list.values.size(), 1u);
+    EXPECT_EQ(list.values[0].second, 0.0);
+}
+
+TEST(CoreMisc, AuthenticateVerboseBuildAndLabels) {
+    TempFolder folder;
+    auto open = core_in(folder);
+    EXPECT_EQ(call_ok<std::string>(*open, "AUTHENTICATE", std::string("anything")), "anonymous");
+    auto guarded = core_in(folder, "s3cret");
+    EXPECT_EQ(call_ok<std::string>(*guarded, "AUTHENTICATE", std::string("s3cret")),
+              "authenticated");
+    EXPECT_EQ(run(*guarded, "AUTHENTICATE", std::string("guess")).error,
+              "qor.error.not_authorized");
+    EXPECT_EQ(call_ok<int>(*open, "SET_VERBOSE", true), 0);
+    EXPECT_EQ(call_ok<int>(*open, "SET_VERBOSE", false), 1);
+    EXPECT_FALSE(call_ok<std::string>(*open, "GET_SERVER_BUILD_NUMBER").empty());
+    EXPECT_THAT(call_ok<std::string>(*open, "GET_LOGS_LABELS"), HasSubstr("physics"));
+    call_ok<int>(*open, "SEND_SCENE", scene_of({ground(1), ball(2, 1)}));
+    EXPECT_EQ(call_ok<int>(*open, "DUMP"), 2);
+    EXPECT_EQ(SimulationCore::procedures().size(), 43u);
+}
+
+template <class T>
+T decode_frame(const DeviceFrame& f) {
+    T out;
+    mp::ReadBuffer in(f.value.data(), f.value.size());
+    dax::types::read(in, out);
+    EXPECT_EQ(in.remaining(), 0u) << f.topic;
+    return out;
+}
+
+TEST(Devices, EveryFamilyHasAPlausibleFrame) {
+    const auto frames = make_device_frames(1.25, 75);
+    std::vector<std::string> topics;
+    for (const auto& f : frames) topics.push_back(f.topic);
+    EXPECT_THAT(topics, ::testing::UnorderedElementsAre(
+                            "art_frame", "kinect_frame_0", "leap_frame_0", "moticon_frame",
+                            "openvr_frame_0", "optitrack_frame", "xsens_frame"));
+    for (const auto& f : frames) {
+        if (f.topic == "art_frame") {
+            const auto art = decode_frame<dt::art_frame_t>(f);
+            EXPECT_EQ(art.i1, 75);
+            EXPECT_EQ(art.list_d.at(0).items.size(), 5u);
+        } else if (f.topic == "kinect_frame_0") {
+            const auto k = decode_frame<dt::kinect_frame_t>(f);
+            ASSERT_EQ(k.bodies.size(), 1u);
+            EXPECT_EQ(k.bodies[0].joints.size(), 23u);
+            EXPECT_NEAR(k.bodies[0].joints[6].pose.z, 1.7f, 1e-5) << "head height";
+        } else if (f.topic == "leap_frame_0") {
+            const auto l = decode_frame<dt::leap_frame_t>(f);
+            ASSERT_EQ(l.hands.size(), 2u);
+            EXPECT_EQ(l.hands[0].fingers.size(), 5u);
+            EXPECT_EQ(l.hands[0].fingers[0].bones.size(), 4u);
+        } else if (f.topic == "moticon_frame") {
+            const auto m = decode_frame<dt::moticon_frame_t>(f);
+            EXPECT_GE(m.left.value + m.right.value, 0.0f);
+        } else if (f.topic == "openvr_frame_0") {
+            const auto v = decode_frame<dt::openvr_frame_t>(f);
+            EXPECT_EQ(v.devices.size(), 3u);
+            EXPECT_NEAR(v.device_a.pose.z, 1.65f, 1e-5);
+        } else if (f.topic == "optitrack_frame") {
+            EXPECT_EQ(decode_frame<dt::optitrack_frame_t>(f).bodies.size(), 3u);
+        } else {
+            const auto x = decode_frame<dt::xsens_frame_t>(f);
+            ASSERT_EQ(x.segments.size(), 23u);
+            const auto& q = x.segments[0].rotation;
+            EXPECT_NEAR(q.q0 * q.q0 + q.q1 * q.q1 + q.q2 * q.q2 + q.q3 * q.q3, 1.0f, 1e-5);
+        }
+    }
+    // The walker moves: the same joint is elsewhere a second later.
+    const auto later = make_device_frames(2.25, 135);
+    const auto k0 = decode_frame<dt::kinect_frame_t>(frames[1]);
+    const auto k1 = decode_frame<dt::kinect_frame_t>(later[1]);
+    EXPECT_GT(std::abs(k0.bodies[0].joints[0].pose.x - k1.bodies[0].joints[0].pose.x) +
+                  std::abs(k0.bodies[0].joints[0].pose.y - k1.bodies[0].joints[0].pose.y),
+              0.5f);
+}
+
+}  // namespace
+}  // namespace qor::sim::testing
