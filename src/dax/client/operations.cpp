@@ -30,13 +30,20 @@ T DaxClient::wait_for(const char* name, const Send& send) {
     struct Slot {
         T value{};
         bool done = false;
+        bool waiting = true;  // false once this wait has ended, whichever way
     };
     auto slot = std::make_shared<Slot>();
     const Callback<T> completion = [slot](qor::wamp::RpcResult<T> result) {
+        // Nobody is waiting any more: a late value or error changes nothing.
+        if (!slot->waiting) return;
         if (result.isError) throw std::runtime_error(result.error);
         slot->value = std::move(result.value);
         slot->done = true;
     };
+    struct EndWait {
+        Slot& slot;
+        ~EndWait() { slot.waiting = false; }
+    } end_wait{*slot};
 
     using clock = std::chrono::steady_clock;
     const clock::time_point start = clock::now();

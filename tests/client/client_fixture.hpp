@@ -1,0 +1,59 @@
+#pragma once
+
+// A DaxClient wired to an in-memory server endpoint: what the client sends is recorded by the
+// loopback, and the test answers, confirms and publishes through it.
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <dax/client.hpp>
+#include <qor/qor_client.hpp>
+#include <qor/wamp/client.hpp>
+#include <qor/wamp/loopback.hpp>
+
+namespace client_test {
+
+/// Bytes from a hex string; blanks are ignored ("c4 02 01 02").
+std::vector<uint8_t> hex(const std::string& text);
+/// Lower-case hex of the bytes, no separators.
+std::string to_hex(const uint8_t* data, uint64_t size);
+std::string to_hex(const std::vector<uint8_t>& bytes);
+std::string to_hex(const qor::serialization::msgpack::buffer& bytes);
+/// The encoded positional arguments of a received or parsed message, as hex.
+std::string args_hex(const qor::wamp::Message& message);
+
+/// A peer whose server endpoint is a loopback, connected unless told otherwise.
+struct LoopbackPeer {
+    qor::wamp::Client endpoint{"server", nullptr};
+    qor::wamp::LoopbackConnection link{endpoint};
+    qor::QorClient peer;
+
+    LoopbackPeer() {
+        peer.server_endpoint = &endpoint;
+        peer.has_server = true;
+        peer.server_connected = true;
+    }
+
+    /// In the first pass numbered `pass` (from 1), run `action` before delivery.
+    void on_pass(uint64_t pass, std::function<void()> action) {
+        link.before_first = [this, pass, action] {
+            if (link.first_passes == pass) action();
+        };
+    }
+};
+
+/// A client beside the test plug-in (Body and Counter), on a loopback peer.
+class ClientTest : public ::testing::Test {
+  protected:
+    LoopbackPeer net;
+    std::unique_ptr<dax::client::DaxClient> client;
+
+    void SetUp() override { client = std::make_unique<dax::client::DaxClient>(&net.peer); }
+    void TearDown() override { client.reset(); }
+};
+
+}  // namespace client_test

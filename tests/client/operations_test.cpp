@@ -1,0 +1,351 @@
+// The 43 operations on the wire, and the blocking wait around them.
+
+#include <chrono>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "client_fixture.hpp"
+
+namespace client_test {
+namespace {
+
+using dax::client::DaxClient;
+using qor::serialization::msgpack::buffer;
+using qor::wamp::RpcResult;
+namespace types = dax::types;
+
+struct OperationRow {
+    const char* name;
+    std::function<void(DaxClient&)> send;  // the asynchronous form with sample arguments
+    uint64_t count;                        // positional arguments in the CALL
+    const char* args;                      // their encoding, in hex
+};
+
+types::vector_string_t one_string() {
+    types::vector_string_t v;
+    v.values = {"x"};
+    return v;
+}
+
+std::vector<OperationRow> operation_table() {
+    // Sample arguments: "ab" = a2 61 62, "c" = a1 63, true = c3, false = c2, 0.5 and 2.0 as
+    // float 64, 300 as uint 16, 5000000000 as uint 64, an empty mesh batch = 93 90 90 90.
+    return {
+        {"AUTHENTICATE", [](DaxClient& c) { c.AUTHENTICATE("ab", [](RpcResult<std::string>) {}); },
+         1, "a26162"},
+        {"BROWSE_PERSISTENCES",
+         [](DaxClient& c) {
+             c.BROWSE_PERSISTENCES([](RpcResult<types::vector_pair_string_double_t>) {});
+         },
+         0, ""},
+        {"CLEAR_BODIES_PERSISTENCES",
+         [](DaxClient& c) {
+             c.CLEAR_BODIES_PERSISTENCES("ab", one_string(), true,
+                                         [](RpcResult<types::vector_bool_t>) {});
+         },
+         3, "a26162 9191a178 c3"},
+        {"CLEAR_PERSISTENCES", [](DaxClient& c) { c.CLEAR_PERSISTENCES([](RpcResult<bool>) {}); },
+         0, ""},
+        {"CLEAR_SCENE", [](DaxClient& c) { c.CLEAR_SCENE([](RpcResult<int>) {}); }, 0, ""},
+        {"CLEAR_SCENE_PERSISTENCES",
+         [](DaxClient& c) { c.CLEAR_SCENE_PERSISTENCES("ab", false, [](RpcResult<bool>) {}); }, 2,
+         "a26162 c2"},
+        {"CLEAR_TRIMESHES", [](DaxClient& c) { c.CLEAR_TRIMESHES([](RpcResult<int>) {}); }, 0, ""},
+        {"COMPONENTS_REGISTERED",
+         [](DaxClient& c) { c.COMPONENTS_REGISTERED([](RpcResult<bool>) {}); }, 0, ""},
+        {"CONFIGURE_COMPONENTS",
+         [](DaxClient& c) { c.CONFIGURE_COMPONENTS([](RpcResult<int>) {}); }, 0, ""},
+        {"CREATE_COMPONENTS", [](DaxClient& c) { c.CREATE_COMPONENTS([](RpcResult<int>) {}); }, 0,
+         ""},
+        {"CREATE_TRIMESH",
+         [](DaxClient& c) { c.CREATE_TRIMESH("ab", 1, 2, 3, [](RpcResult<long long>) {}); }, 4,
+         "a26162 01 02 03"},
+        {"DUMP", [](DaxClient& c) { c.DUMP([](RpcResult<int>) {}); }, 0, ""},
+        {"DUMP_MESHES_TO_OBJ",
+         [](DaxClient& c) { c.DUMP_MESHES_TO_OBJ("ab", [](RpcResult<int>) {}); }, 1, "a26162"},
+        {"ENABLE_SCHEDULING",
+         [](DaxClient& c) { c.ENABLE_SCHEDULING(true, [](RpcResult<int>) {}); }, 1, "c3"},
+        {"GET_LAST_ERRORS",
+         [](DaxClient& c) { c.GET_LAST_ERRORS(false, [](RpcResult<types::vector_string_t>) {}); },
+         1, "c2"},
+        {"GET_LOGS_LABELS", [](DaxClient& c) { c.GET_LOGS_LABELS([](RpcResult<std::string>) {}); },
+         0, ""},
+        {"GET_PERSISTENCE_MODE",
+         [](DaxClient& c) { c.GET_PERSISTENCE_MODE([](RpcResult<int>) {}); }, 0, ""},
+        {"GET_PROPERTY", [](DaxClient& c) { c.GET_PROPERTY("ab", [](RpcResult<std::string>) {}); },
+         1, "a26162"},
+        {"GET_SERVER_BUILD_NUMBER",
+         [](DaxClient& c) { c.GET_SERVER_BUILD_NUMBER([](RpcResult<std::string>) {}); }, 0, ""},
+        {"GET_SERVER_SCENE", [](DaxClient& c) { c.GET_SERVER_SCENE([](RpcResult<buffer>) {}); }, 0,
+         ""},
+        {"GET_TRIMESH",
+         [](DaxClient& c) { c.GET_TRIMESH(300LL, [](RpcResult<types::mesh_batch_t>) {}); }, 1,
+         "cd012c"},
+        {"GET_TRIMESH_INFO",
+         [](DaxClient& c) { c.GET_TRIMESH_INFO(-1LL, [](RpcResult<types::mesh_info_t>) {}); }, 1,
+         "ff"},
+        {"HAS_PROPERTY", [](DaxClient& c) { c.HAS_PROPERTY("ab", [](RpcResult<bool>) {}); }, 1,
+         "a26162"},
+        {"LOAD_COMPONENTS", [](DaxClient& c) { c.LOAD_COMPONENTS("ab", [](RpcResult<int>) {}); }, 1,
+         "a26162"},
+        {"LOCK_PHYSIC", [](DaxClient& c) { c.LOCK_PHYSIC([](RpcResult<int>) {}); }, 0, ""},
+        {"PAUSE_SIMULATION", [](DaxClient& c) { c.PAUSE_SIMULATION([](RpcResult<int>) {}); }, 0,
+         ""},
+        {"QUIT", [](DaxClient& c) { c.QUIT([](RpcResult<int>) {}); }, 0, ""},
+        {"REGISTER_COMPONENTS", [](DaxClient& c) { c.REGISTER_COMPONENTS([](RpcResult<int>) {}); },
+         0, ""},
+        {"RESUME_SIMULATION", [](DaxClient& c) { c.RESUME_SIMULATION([](RpcResult<int>) {}); }, 0,
+         ""},
+        {"SAVE_COMPONENTS", [](DaxClient& c) { c.SAVE_COMPONENTS("ab", [](RpcResult<int>) {}); }, 1,
+         "a26162"},
+        {"SEND_SCENE",
+         [](DaxClient& c) { c.SEND_SCENE(buffer(hex("01 02")), [](RpcResult<int>) {}); }, 1,
+         "c4020102"},
+        {"SET_PERSISTENCE_MODE",
+         [](DaxClient& c) { c.SET_PERSISTENCE_MODE(2, [](RpcResult<bool>) {}); }, 1, "02"},
+        {"SET_PROPERTY", [](DaxClient& c) { c.SET_PROPERTY("ab", "c", [](RpcResult<int>) {}); }, 2,
+         "a26162 a163"},
+        {"SET_PUBLISH_COMPRESSION_LEVEL",
+         [](DaxClient& c) { c.SET_PUBLISH_COMPRESSION_LEVEL(9, [](RpcResult<int>) {}); }, 1, "09"},
+        {"SET_PUBLISH_PERIOD_MS",
+         [](DaxClient& c) { c.SET_PUBLISH_PERIOD_MS(0.5, [](RpcResult<int>) {}); }, 1,
+         "cb3fe0000000000000"},
+        {"SET_SERVER_PERIOD_MS",
+         [](DaxClient& c) { c.SET_SERVER_PERIOD_MS(2.0, [](RpcResult<int>) {}); }, 1,
+         "cb4000000000000000"},
+        {"SET_VERBOSE", [](DaxClient& c) { c.SET_VERBOSE(true, [](RpcResult<int>) {}); }, 1, "c3"},
+        {"START_SIMULATION", [](DaxClient& c) { c.START_SIMULATION([](RpcResult<int>) {}); }, 0,
+         ""},
+        {"STEP_SIMULATION",
+         [](DaxClient& c) { c.STEP_SIMULATION([](RpcResult<types::integration_result_t>) {}); }, 0,
+         ""},
+        {"STOP_SIMULATION", [](DaxClient& c) { c.STOP_SIMULATION([](RpcResult<int>) {}); }, 0, ""},
+        {"UNLOCK_PHYSIC", [](DaxClient& c) { c.UNLOCK_PHYSIC([](RpcResult<int>) {}); }, 0, ""},
+        {"UNREGISTER_COMPONENTS",
+         [](DaxClient& c) { c.UNREGISTER_COMPONENTS([](RpcResult<int>) {}); }, 0, ""},
+        {"UPDATE_TRIMESH",
+         [](DaxClient& c) {
+             c.UPDATE_TRIMESH(5000000000LL, 1, 2, types::mesh_batch_t{}, [](RpcResult<int>) {});
+         },
+         4, "cf000000012a05f200 01 02 93909090"},
+    };
+}
+
+using OperationsTest = ClientTest;
+
+TEST_F(OperationsTest, EveryOperationSendsItsUriAndArgumentsInOrder) {
+    const auto table = operation_table();
+    ASSERT_EQ(table.size(), 43u);
+    for (const OperationRow& row : table) {
+        SCOPED_TRACE(row.name);
+        net.link.clear_written();
+        row.send(*client);
+        ASSERT_EQ(net.link.calls().size(), 1u);
+        const qor::wamp::Message& call = net.link.last_call();
+        EXPECT_EQ(call.procedure, std::string("qor.server.operation.") + row.name);
+        EXPECT_EQ(call.args_count, row.count);
+        EXPECT_EQ(args_hex(call), to_hex(hex(row.args)));
+        // Without arguments the CALL stops after the URI: four elements instead of five.
+        EXPECT_EQ(call.raw.data[0], row.count == 0 ? 0x94 : 0x95);
+    }
+}
+
+TEST_F(OperationsTest, SendSceneSwitchesBinaryFormAtItsBounds) {
+    struct Case {
+        uint64_t size;
+        const char* header;
+    };
+    const Case cases[] = {
+        {0, "c400"}, {255, "c4ff"}, {256, "c50100"}, {65535, "c5ffff"}, {65536, "c600010000"}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.size);
+        net.link.clear_written();
+        std::vector<uint8_t> payload(c.size, 0x5a);
+        client->SEND_SCENE(buffer(payload), [](RpcResult<int>) {});
+        const std::string args = args_hex(net.link.last_call());
+        const std::string header = to_hex(hex(c.header));
+        ASSERT_EQ(args.size(), header.size() + 2 * c.size);
+        EXPECT_EQ(args.substr(0, header.size()), header);
+        EXPECT_EQ(args.find_first_not_of("5a", header.size()), std::string::npos);
+    }
+}
+
+TEST_F(OperationsTest, AsynchronousFormDeliversValueOrErrorInsideThePump) {
+    std::vector<RpcResult<long long>> results;
+    client->CREATE_TRIMESH("m", 3, 1, 1, [&](RpcResult<long long> r) { results.push_back(r); });
+    net.link.reply_last_result(5000000000LL);
+    client->GET_TRIMESH_INFO(7LL, [](RpcResult<types::mesh_info_t>) {});
+    net.link.reply_last_error("qor.error.no_mesh");
+    client->CREATE_TRIMESH("m", 3, 1, 1, [&](RpcResult<long long> r) { results.push_back(r); });
+    net.link.reply_last_error("qor.error.bad_mesh");
+    EXPECT_TRUE(results.empty());  // nothing happens until the client is pumped
+
+    EXPECT_TRUE(client->full_update());
+    ASSERT_EQ(results.size(), 2u);
+    EXPECT_FALSE(results[0].isError);
+    EXPECT_EQ(results[0].value, 5000000000LL);
+    EXPECT_TRUE(results[1].isError);
+    EXPECT_EQ(results[1].error, "qor.error.bad_mesh");
+    EXPECT_EQ(results[1].value, 0);
+}
+
+TEST_F(OperationsTest, BlockingFormsReturnTheDecodedResult) {
+    net.on_pass(1, [&] { net.link.reply_last_result(std::string("build 42")); });
+    EXPECT_EQ(client->GET_SERVER_BUILD_NUMBER(), "build 42");
+
+    net.link.first_passes = 0;
+    net.on_pass(1, [&] { net.link.reply_last_result(true); });
+    EXPECT_TRUE(client->HAS_PROPERTY("gravity"));
+
+    net.link.first_passes = 0;
+    net.on_pass(1, [&] { net.link.reply_last_result(buffer(hex("93 01 02 03"))); });
+    EXPECT_EQ(to_hex(client->GET_SERVER_SCENE()), "93010203");
+
+    // The answer comes several passes later; the wait keeps pumping until then.
+    net.link.first_passes = 0;
+    types::mesh_info_t info;
+    info.value_1 = 4;
+    info.value_2 = 5;
+    info.value_3 = 6;
+    info.text = "cube";
+    net.on_pass(5, [&] { net.link.reply_last_result(info); });
+    const types::mesh_info_t got = client->GET_TRIMESH_INFO(9LL);
+    EXPECT_EQ(got.value_1, 4);
+    EXPECT_EQ(got.value_3, 6);
+    EXPECT_EQ(got.text, "cube");
+    EXPECT_EQ(net.link.first_passes, 5u);
+}
+
+TEST_F(OperationsTest, BlockingFormThrowsTheServerErrorTextAsIs) {
+    net.on_pass(2, [&] { net.link.reply_last_error("qor.error.scene_locked"); });
+    try {
+        client->CLEAR_SCENE();
+        FAIL() << "no exception";
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "qor.error.scene_locked");
+    }
+}
+
+TEST_F(OperationsTest, NotConnectedFailsBothFormsWithoutSendingOrPumping) {
+    net.peer.server_connected = false;
+    const char* text = "qor client cannot call operations before server is connected";
+    client->setTimeoutMs(-1);  // the time-out plays no part
+    bool called = false;
+    try {
+        client->STEP_SIMULATION();
+        FAIL() << "no exception";
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), text);
+    }
+    try {
+        client->SET_VERBOSE(true, [&](RpcResult<int>) { called = true; });
+        FAIL() << "no exception";
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), text);
+    }
+    EXPECT_TRUE(net.link.calls().empty());
+    EXPECT_EQ(net.link.first_passes, 0u);
+    EXPECT_FALSE(called);
+}
+
+// ---- the time-out --------------------------------------------------------------------------
+
+std::string timeout_text(DaxClient& client, const std::function<void(DaxClient&)>& call) {
+    try {
+        call(client);
+    } catch (const std::runtime_error& e) {
+        return e.what();
+    }
+    return "no exception";
+}
+
+TEST_F(OperationsTest, TimeoutTextNamesTheOperation) {
+    client->setTimeoutMs(0);  // nobody answers: fails once a whole millisecond has passed
+    EXPECT_EQ(timeout_text(*client, [](DaxClient& c) { c.CLEAR_SCENE(); }),
+              "DaxClient: timeout during 'CLEAR_SCENE' call");
+    EXPECT_EQ(timeout_text(*client, [](DaxClient& c) { c.SET_PUBLISH_PERIOD_MS(5.0); }),
+              "DaxClient: timeout during 'SET_PUBLISH_PERIOD_MS' call");
+    EXPECT_GE(net.link.first_passes, 2u);
+}
+
+TEST_F(OperationsTest, NegativeTimeoutFailsTheFirstPassEvenWithTheResult) {
+    client->setTimeoutMs(-1);
+    net.on_pass(1, [&] { net.link.reply_last_result(1); });
+    EXPECT_EQ(timeout_text(*client, [](DaxClient& c) { c.START_SIMULATION(); }),
+              "DaxClient: timeout during 'START_SIMULATION' call");
+    EXPECT_EQ(net.link.first_passes, 1u);
+    EXPECT_EQ(net.link.queued(), 0u);  // the result was delivered in that pass, and dropped
+}
+
+TEST_F(OperationsTest, ResultInThePassThatPassesTheLimitIsATimeout) {
+    // The limit is read afresh in every pass: lowering it from inside the pass that also
+    // delivers the result makes that pass the failing one.
+    net.on_pass(3, [&] {
+        net.link.reply_last_result(11);
+        client->setTimeoutMs(-1);
+    });
+    EXPECT_EQ(timeout_text(*client, [](DaxClient& c) { c.DUMP(); }),
+              "DaxClient: timeout during 'DUMP' call");
+    EXPECT_EQ(net.link.first_passes, 3u);
+}
+
+TEST_F(OperationsTest, ElapsedEqualToTheTimeoutDoesNotFail) {
+    // With a limit of 0, a result that arrives while less than a whole millisecond has passed
+    // is "equal", not over. A pass takes microseconds, but the machine may preempt us, so
+    // several tries are made; a wait that failed on equality would fail every one of them.
+    client->setTimeoutMs(0);
+    int successes = 0;
+    for (int attempt = 0; attempt < 20 && successes == 0; ++attempt) {
+        net.link.first_passes = 0;
+        net.on_pass(1, [&] { net.link.reply_last_result(5); });
+        try {
+            EXPECT_EQ(client->LOCK_PHYSIC(), 5);
+            ++successes;
+        } catch (const std::runtime_error& e) {
+            EXPECT_STREQ(e.what(), "DaxClient: timeout during 'LOCK_PHYSIC' call");
+        }
+    }
+    EXPECT_EQ(successes, 1);
+}
+
+TEST_F(OperationsTest, BlockingCallNestedInACallbackCompletes) {
+    // A blocking call made from inside a result callback nests a second wait in the first.
+    int inner = -1;
+    client->PAUSE_SIMULATION([&](RpcResult<int>) {
+        net.on_pass(net.link.first_passes + 1, [&] { net.link.reply_last_result(8); });
+        inner = client->RESUME_SIMULATION();
+    });
+    net.link.reply_last_result(0);
+    client->full_update();
+    EXPECT_EQ(inner, 8);
+}
+
+TEST_F(OperationsTest, LateResultsAfterATimeoutChangeNothing) {
+    // Under AddressSanitizer this proves that the pending call's copy of the completion
+    // callback does not reach into the finished wait's stack.
+    client->setTimeoutMs(0);
+    EXPECT_EQ(timeout_text(*client, [](DaxClient& c) { c.GET_PROPERTY("g"); }),
+              "DaxClient: timeout during 'GET_PROPERTY' call");
+    const auto late_value = net.link.last_call().request;
+    EXPECT_EQ(timeout_text(*client, [](DaxClient& c) { c.GET_LOGS_LABELS(); }),
+              "DaxClient: timeout during 'GET_LOGS_LABELS' call");
+    const auto late_error = net.link.last_call().request;
+
+    net.link.reply_result(late_value, std::string("late"));
+    net.link.reply_error(late_error, "qor.error.too_late");
+    EXPECT_NO_THROW(EXPECT_TRUE(client->full_update()));
+
+    // The client goes on working normally afterwards.
+    client->setTimeoutMs(1000);
+    net.link.first_passes = 0;
+    net.on_pass(1, [&] { net.link.reply_last_result(std::string("fresh")); });
+    EXPECT_EQ(client->GET_PROPERTY("g"), "fresh");
+}
+
+}  // namespace
+}  // namespace client_test
