@@ -17,7 +17,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <string>
 #include <tuple>
 #include <type_traits>
@@ -25,6 +24,7 @@
 #include <vector>
 
 #include <qor/serialization/msgpack/buffer.hpp>
+#include <qor/serialization/msgpack/fixed.hpp>
 #include <qor/serialization/msgpack/pack.hpp>
 #include <qor/serialization/msgpack/read.hpp>
 
@@ -64,11 +64,11 @@ using bare_t = std::remove_cv_t<std::remove_reference_t<T>>;
 template <class T, class = void>
 struct fixed_size : std::integral_constant<std::size_t, 0> {};
 template <>
-struct fixed_size<double> : std::integral_constant<std::size_t, 9> {};
+struct fixed_size<double> : std::integral_constant<std::size_t, msgpack::float64_size> {};
+template <>  // written as float 64
+struct fixed_size<float> : std::integral_constant<std::size_t, msgpack::float64_size> {};
 template <>
-struct fixed_size<float> : std::integral_constant<std::size_t, 9> {};
-template <>
-struct fixed_size<uint32_t> : std::integral_constant<std::size_t, 5> {};
+struct fixed_size<uint32_t> : std::integral_constant<std::size_t, msgpack::uint32_size> {};
 template <>
 struct fixed_size<bool> : std::integral_constant<std::size_t, 1> {};
 
@@ -88,38 +88,15 @@ struct fixed_size<T, std::enable_if_t<is_record_v<T>>>
                            ? fields_fixed_size<decltype(std::declval<const T&>().fields())>::value
                            : 0> {};
 
-inline void put_be64(uint8_t* p, uint64_t v) {
-    for (int i = 7; i >= 0; --i, v >>= 8) p[i] = static_cast<uint8_t>(v);
-}
-inline void put_be32(uint8_t* p, uint32_t v) {
-    for (int i = 3; i >= 0; --i, v >>= 8) p[i] = static_cast<uint8_t>(v);
-}
-inline uint64_t get_be64(const uint8_t* p) {
-    uint64_t v = 0;
-    for (int i = 0; i < 8; ++i) v = (v << 8) | p[i];
-    return v;
-}
-inline uint32_t get_be32(const uint8_t* p) {
-    uint32_t v = 0;
-    for (int i = 0; i < 4; ++i) v = (v << 8) | p[i];
-    return v;
-}
-
 // Writes the fixed form of `value` at `p` (room already made) and returns the end.
 inline uint8_t* put_fixed(uint8_t* p, double value) {
-    uint64_t bits;
-    std::memcpy(&bits, &value, 8);
-    p[0] = 0xCB;
-    put_be64(p + 1, bits);
-    return p + 9;
+    return msgpack::put_float64(p, value);
 }
 inline uint8_t* put_fixed(uint8_t* p, float value) {
     return put_fixed(p, static_cast<double>(value));
 }
 inline uint8_t* put_fixed(uint8_t* p, uint32_t value) {
-    p[0] = 0xCE;
-    put_be32(p + 1, value);
-    return p + 5;
+    return msgpack::put_uint32(p, value);
 }
 inline uint8_t* put_fixed(uint8_t* p, bool value) {
     p[0] = value ? 0xC3 : 0xC2;
@@ -136,8 +113,7 @@ uint8_t* put_fixed(uint8_t* p, const T& record) {
 // hold some other form, in which case the caller falls back to the full reader.
 inline bool get_fixed(const uint8_t* p, double& value) {
     if (p[0] != 0xCB) return false;
-    const uint64_t bits = get_be64(p + 1);
-    std::memcpy(&value, &bits, 8);
+    value = msgpack::get_double_be(p + 1);
     return true;
 }
 inline bool get_fixed(const uint8_t* p, float& value) {
@@ -148,7 +124,7 @@ inline bool get_fixed(const uint8_t* p, float& value) {
 }
 inline bool get_fixed(const uint8_t* p, uint32_t& value) {
     if (p[0] != 0xCE) return false;
-    value = get_be32(p + 1);
+    value = msgpack::get_be32(p + 1);
     return true;
 }
 inline bool get_fixed(const uint8_t* p, bool& value) {
@@ -183,8 +159,7 @@ void pack_field(std::vector<uint8_t>& out, const std::vector<E>& values) {
     msgpack::pack_array_header(out, values.size());
     if constexpr (fixed_size<E>::value > 0) {
         constexpr std::size_t size = fixed_size<E>::value;
-        const std::size_t at = out.size();
-        out.resize(at + values.size() * size);
+        const uint64_t at = msgpack::grow_tail(out, values.size() * size);  // may move the storage
         uint8_t* p = out.data() + at;
         for (const E& v : values) p = put_fixed(p, v);
     } else {
@@ -227,8 +202,8 @@ void pack_fields(std::vector<uint8_t>& out, const T& record) {
 template <class T, std::enable_if_t<is_record_v<T>, int> = 0>
 void pack(std::vector<uint8_t>& out, const T& record) {
     if constexpr (detail::fixed_size<T>::value > 0) {
-        const std::size_t at = out.size();
-        out.resize(at + detail::fixed_size<T>::value);
+        const uint64_t at =
+            qor::serialization::msgpack::grow_tail(out, detail::fixed_size<T>::value);
         detail::put_fixed(out.data() + at, record);
     } else {
         detail::pack_fields(out, record);

@@ -1,0 +1,214 @@
+// Every record: random instances written and read back, checked against the field-by-field
+// reference; every truncation and random damage of valid encodings read without harm.
+
+#include <gtest/gtest.h>
+
+#include "record_testing.hpp"
+
+namespace {
+
+using namespace dax::types;
+using namespace record_testing;
+
+template <class T>
+class EveryRecord : public ::testing::Test {};
+
+using AllRecords = ::testing::Types<
+    vec2f_t, vec3f_t, vec3d_t, quat4f_t, pose7_t, vec6d_t, int_list_t, float_list_t, double_list_t,
+    step_details_t, integration_result_t, index_pair_t, index_triple_t, mesh_batch_t, mesh_info_t,
+    vector_bool_t, vector_string_t, string_double_t, vector_pair_string_double_t, component_data_t,
+    art_body_t, art_a_t, art_b_t, art_c_t, art_e_t, art_d_t, art_frame_t, kinect_joint_t,
+    kinect_body_t, kinect_frame_t, leap_bone_t, leap_finger_t, leap_hand_t, leap_frame_t,
+    moticon_side_t, moticon_frame_t, openvr_device_t, openvr_frame_t, optitrack_body_t,
+    optitrack_frame_t, xsens_segment_t, xsens_frame_t>;
+TYPED_TEST_SUITE(EveryRecord, AllRecords);
+
+TYPED_TEST(EveryRecord, RandomInstancesRoundTrip) {
+    for (uint64_t seed = 1; seed <= 40; ++seed) {
+        const TypeParam original = random_record<TypeParam>(seed);
+        const std::vector<uint8_t> bytes = encode(original);
+
+        std::vector<uint8_t> reference;
+        ref_pack(reference, original);
+        ASSERT_EQ(to_hex(bytes), to_hex(reference)) << "seed " << seed;
+
+        uint64_t consumed = 0;
+        const TypeParam back = decode<TypeParam>(bytes, &consumed);
+        EXPECT_EQ(consumed, bytes.size()) << "seed " << seed;
+        EXPECT_TRUE(same(back, original)) << "seed " << seed << ": " << to_hex(bytes);
+
+        // Copies and moves keep every field.
+        TypeParam copy = back;
+        TypeParam moved = std::move(copy);
+        EXPECT_TRUE(same(moved, original)) << "seed " << seed;
+    }
+}
+
+TYPED_TEST(EveryRecord, EveryTruncationIsRefused) {
+    for (uint64_t seed = 1; seed <= 4; ++seed) {
+        const std::vector<uint8_t> bytes = encode(random_record<TypeParam>(seed));
+        for (std::size_t n = 0; n < bytes.size(); ++n) {
+            // A copy of exactly n bytes, so that the sanitizer sees any read past the end.
+            const std::vector<uint8_t> prefix(bytes.begin(), bytes.begin() + n);
+            ASSERT_EQ(read_error<TypeParam>(prefix), "unexpected end of data")
+                << "seed " << seed << ", " << n << " of " << bytes.size() << " bytes";
+        }
+    }
+}
+
+TYPED_TEST(EveryRecord, DamagedAndRandomBytesNeverCrash) {
+    std::mt19937_64 rng(99);
+    // Bytes that make headers and lengths large or change the form of a value.
+    const uint8_t nasty[] = {0x00, 0x7F, 0x80, 0x8F, 0x90, 0x9F, 0xC0, 0xC2, 0xC3,
+                             0xC4, 0xC5, 0xC6, 0xCA, 0xCB, 0xCC, 0xCE, 0xCF, 0xD3,
+                             0xD9, 0xDA, 0xDB, 0xDC, 0xDD, 0xDE, 0xDF, 0xE0, 0xFF};
+    auto attempt = [](const std::vector<uint8_t>& bytes) {
+        mp::ReadBuffer in(bytes.data(), bytes.size());
+        TypeParam target;
+        try {
+            using mp::read;
+            read(in, target);
+            EXPECT_LE(in.position, bytes.size()) << to_hex(bytes);
+        } catch (const std::runtime_error&) {
+            // refused: fine
+        } catch (const std::exception& e) {
+            ADD_FAILURE() << "unexpected " << typeid(e).name() << " (" << e.what() << ") for "
+                          << to_hex(bytes);
+        }
+    };
+    for (uint64_t seed = 1; seed <= 8; ++seed) {
+        const std::vector<uint8_t> valid = encode(random_record<TypeParam>(seed));
+        for (int round = 0; round < 60; ++round) {
+            std::vector<uint8_t> damaged = valid;
+            const int hits = 1 + static_cast<int>(rng() % 3);
+            for (int h = 0; h < hits; ++h) {
+                uint8_t& b = damaged[rng() % damaged.size()];
+                b = (rng() & 1) ? nasty[rng() % sizeof(nasty)] : static_cast<uint8_t>(rng());
+            }
+            attempt(damaged);
+        }
+    }
+    for (int round = 0; round < 300; ++round) {
+        std::vector<uint8_t> bytes(rng() % 48);
+        for (uint8_t& b : bytes) b = static_cast<uint8_t>(rng());
+        // Often start with the right header so the damage reaches the fields.
+        if (!bytes.empty() && (rng() & 1))
+            bytes[0] = static_cast<uint8_t>(0x90 | field_count_v<TypeParam>);
+        attempt(bytes);
+    }
+}
+
+// ---- the fixed-size shortcut against the field-by-field reference -----------------------------
+
+double random_bits_double(std::mt19937_64& rng) {
+    const uint64_t bits = rng();
+    double d;
+    std::memcpy(&d, &bits, sizeof d);
+    return d;
+}
+
+TEST(FixedSizeRecords, LargeMeshMatchesTheReferenceBothWays) {
+    std::mt19937_64 rng(7);
+    mesh_batch_t mesh;
+    mesh.vertices.resize(3000);
+    for (auto& v : mesh.vertices)
+        v = {random_bits_double(rng), random_bits_double(rng), random_bits_double(rng)};
+    mesh.pairs.resize(1000);
+    for (auto& p : mesh.pairs)
+        p = {static_cast<uint32_t>(rng()), static_cast<uint32_t>(rng() % 200)};
+    mesh.triangles.resize(5000);
+    for (auto& t : mesh.triangles)
+        t = {static_cast<uint32_t>(rng()), static_cast<uint32_t>(rng() % 100), 4294967295u};
+
+    const std::vector<uint8_t> bytes = encode(mesh);
+    std::vector<uint8_t> reference;
+    ref_pack(reference, mesh);
+    ASSERT_EQ(bytes, reference);
+    EXPECT_EQ(bytes.size(), 1 + 3 + 3000 * 28 + 3 + 1000 * 11 + 3 + 5000 * 16);
+
+    mesh_batch_t fast, slow;
+    mp::ReadBuffer a(bytes.data(), bytes.size()), b(bytes.data(), bytes.size());
+    read(a, fast);
+    ref_read(b, slow);
+    EXPECT_EQ(a.position, bytes.size());
+    EXPECT_TRUE(same(fast, slow));
+    EXPECT_TRUE(same(fast, mesh));
+}
+
+TEST(FixedSizeRecords, PosesAndNestedFixedRecordsMatchTheReference) {
+    Filler fill(5);
+    fill.max_elements = 200;
+    std::vector<pose7_t> poses;
+    std::vector<moticon_side_t> sides;
+    std::vector<vec6d_t> sixes;
+    fill(poses);
+    fill(sides);
+    fill(sixes);
+    auto check = [](const auto& values) {
+        const auto bytes = encode(values);
+        std::vector<uint8_t> reference;
+        ref_pack(reference, values);
+        EXPECT_EQ(bytes, reference);
+        std::decay_t<decltype(values)> back;
+        mp::ReadBuffer in(bytes.data(), bytes.size());
+        read(in, back);
+        EXPECT_TRUE(same(back, values));
+        EXPECT_EQ(in.position, bytes.size());
+    };
+    check(poses);
+    check(sides);
+    check(sixes);
+    // Inside records that are not fixed-size themselves.
+    check(random_record<openvr_frame_t>(3));
+    check(random_record<art_frame_t>(3));
+}
+
+TEST(FixedSizeRecords, ElementsInOtherFormsAnywhereInAList) {
+    // Each triangle index and each vertex coordinate is written either in the fixed form or in
+    // another accepted one (smallest integer, float 32); every element must read the same.
+    std::mt19937_64 rng(11);
+    std::vector<index_triple_t> triangles(400);
+    std::vector<vec3d_t> vertices(400);
+    std::vector<uint8_t> tri_bytes, vert_bytes;
+    mp::pack_array_header(tri_bytes, triangles.size());
+    mp::pack_array_header(vert_bytes, vertices.size());
+    for (std::size_t i = 0; i < triangles.size(); ++i) {
+        auto& t = triangles[i];
+        t = {static_cast<uint32_t>(rng() >> (rng() % 64)), static_cast<uint32_t>(rng() % 300),
+             static_cast<uint32_t>(rng())};
+        mp::pack_array_header(tri_bytes, 3);
+        for (uint32_t index : {t.a, t.b, t.c}) {
+            if (rng() % 4 == 0)
+                mp::pack(tri_bytes, static_cast<long long>(index));
+            else
+                mp::pack(tri_bytes, index);
+        }
+        auto& v = vertices[i];
+        mp::pack_array_header(vert_bytes, 3);
+        for (double* c : {&v.x, &v.y, &v.z}) {
+            if (rng() % 4 == 0) {
+                const float single = static_cast<float>(static_cast<int32_t>(rng())) / 1024.0f;
+                *c = single;
+                uint32_t bits;
+                std::memcpy(&bits, &single, 4);
+                vert_bytes.push_back(0xCA);
+                for (int s = 24; s >= 0; s -= 8)
+                    vert_bytes.push_back(static_cast<uint8_t>(bits >> s));
+            } else {
+                *c = random_bits_double(rng);
+                mp::pack(vert_bytes, *c);
+            }
+        }
+    }
+    std::vector<index_triple_t> tri_back;
+    std::vector<vec3d_t> vert_back;
+    uint64_t consumed = 0;
+    tri_back = decode<std::vector<index_triple_t>>(tri_bytes, &consumed);
+    EXPECT_EQ(consumed, tri_bytes.size());
+    vert_back = decode<std::vector<vec3d_t>>(vert_bytes, &consumed);
+    EXPECT_EQ(consumed, vert_bytes.size());
+    EXPECT_TRUE(same(tri_back, triangles));
+    EXPECT_TRUE(same(vert_back, vertices));
+}
+
+}  // namespace
