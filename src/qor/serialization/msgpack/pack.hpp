@@ -47,6 +47,17 @@ void pack(std::vector<uint8_t>& out, const buffer& value);
 /// Array of single-byte booleans.
 void pack(std::vector<uint8_t>& out, const std::vector<bool>& values);
 
+// The container templates are declared together before any is defined, so that each finds
+// the others for nested types (a vector of tuples, a tuple holding a map...).
+template <class T>
+void pack(std::vector<uint8_t>& out, const std::vector<T>& values);
+template <class V>
+void pack(std::vector<uint8_t>& out, const std::map<std::string, V>& values);
+template <class... Ts>
+void pack(std::vector<uint8_t>& out, const std::tuple<Ts...>& values);
+template <class A, class B>
+void pack(std::vector<uint8_t>& out, const std::pair<A, B>& value);
+
 /// Array header, then each element by its own rule.
 template <class T>
 void pack(std::vector<uint8_t>& out, const std::vector<T>& values) {

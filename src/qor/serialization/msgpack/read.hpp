@@ -70,6 +70,17 @@ uint64_t skip(ReadBuffer& in);
 /// tuple".
 [[noreturn]] void throw_tuple_count(uint64_t in_message, uint64_t in_struct);
 
+// The container templates are declared together before any is defined, so that each finds
+// the others for nested types (a vector of tuples, a tuple holding a map...).
+template <class T>
+void read(ReadBuffer& in, std::vector<T>& values);
+template <class K, class V>
+void read(ReadBuffer& in, std::map<K, V>& values);
+template <class... Ts>
+void read(ReadBuffer& in, std::tuple<Ts...>& values);
+template <class A, class B>
+void read(ReadBuffer& in, std::pair<A, B>& value);
+
 /// Array header, resize to exactly its count, then each element in place.
 template <class T>
 void read(ReadBuffer& in, std::vector<T>& values) {

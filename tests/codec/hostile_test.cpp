@@ -1,0 +1,338 @@
+// Bytes from the network are hostile: every reader and `skip` must refuse truncated and
+// malformed input with an error and never read outside the buffer. Inputs are copied into
+// heap blocks of exactly their length so that the sanitizer build catches any overread.
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <random>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include <qor/serialization/msgpack.hpp>
+
+#include "hex.hpp"
+
+namespace msgpack = qor::serialization::msgpack;
+using codec_test::error_of;
+using codec_test::hex;
+
+namespace {
+
+using Reader = std::function<void(msgpack::ReadBuffer&)>;
+
+template <class T>
+Reader reader_of() {
+    return [](msgpack::ReadBuffer& in) {
+        T value{};
+        msgpack::read(in, value);
+    };
+}
+
+// Exactly `count` bytes on the heap: one byte more read is an ASan report.
+struct Block {
+    std::unique_ptr<uint8_t[]> bytes;
+    uint64_t count;
+    Block(const uint8_t* from, uint64_t n) : bytes(new uint8_t[n == 0 ? 1 : n]), count(n) {
+        std::copy(from, from + n, bytes.get());
+    }
+    msgpack::ReadBuffer cursor() const { return msgpack::ReadBuffer(bytes.get(), count); }
+};
+
+struct ValidRow {
+    const char* name;
+    const char* bytes;
+    Reader reader;
+};
+
+std::vector<ValidRow> valid_rows() {
+    return {
+        {"uint 8", "cc ff", reader_of<long>()},
+        {"uint 16", "cd ff ff", reader_of<int>()},
+        {"uint 32", "ce ff ff ff ff", reader_of<uint32_t>()},
+        {"uint 64", "cf 00 00 00 01 00 00 00 00", reader_of<unsigned long>()},
+        {"int 8", "d0 df", reader_of<long long>()},
+        {"int 16", "d1 ff 80", reader_of<int>()},
+        {"int 32", "d2 ff ff 80 00", reader_of<long>()},
+        {"int 64", "d3 ff ff ff ff 7f ff ff ff", reader_of<long>()},
+        {"float 32 as float", "ca 3f c0 00 00", reader_of<float>()},
+        {"float 32 as double", "ca 3f c0 00 00", reader_of<double>()},
+        {"float 64 as float", "cb 3f f8 00 00 00 00 00 00", reader_of<float>()},
+        {"float 64 as double", "cb 3f f8 00 00 00 00 00 00", reader_of<double>()},
+        {"fixstr", "a3 61 62 63", reader_of<std::string>()},
+        {"str 8", "d9 03 61 62 63", reader_of<std::string>()},
+        {"str 16", "da 00 03 61 62 63", reader_of<std::string>()},
+        {"str 32", "db 00 00 00 03 61 62 63", reader_of<std::string>()},
+        {"bin 8", "c4 02 01 02", reader_of<msgpack::buffer>()},
+        {"bin 16", "c5 00 02 01 02", reader_of<msgpack::buffer>()},
+        {"bin 32", "c6 00 00 00 02 01 02", reader_of<msgpack::buffer>()},
+        {"bool", "c3", reader_of<bool>()},
+        {"vector<bool>", "93 c3 c2 c3", reader_of<std::vector<bool>>()},
+        {"vector<int> array 16", "dc 00 03 01 cc 80 d0 df", reader_of<std::vector<int>>()},
+        {"vector<double> array 32", "dd 00 00 00 01 cb 3f f0 00 00 00 00 00 00",
+         reader_of<std::vector<double>>()},
+        {"vector<string>", "92 a1 61 d9 01 62", reader_of<std::vector<std::string>>()},
+        {"map", "82 a1 61 01 a1 62 cd 01 00", reader_of<std::map<std::string, int>>()},
+        {"map 16", "de 00 01 a1 61 01", reader_of<std::map<std::string, int>>()},
+        {"tuple", "93 01 a1 78 cb 40 00 00 00 00 00 00 00",
+         reader_of<std::tuple<int, std::string, double>>()},
+        {"pair", "92 ce 00 00 00 07 d1 ff 38", reader_of<std::pair<uint32_t, int>>()},
+        {"nested", "92 92 01 02 91 03", reader_of<std::vector<std::vector<int>>>()},
+    };
+}
+
+}  // namespace
+
+TEST(Truncation, EveryPrefixOfEveryValidValueFailsWithEndOfData) {
+    for (const auto& row : valid_rows()) {
+        SCOPED_TRACE(row.name);
+        const auto whole = hex(row.bytes);
+        {
+            const Block block(whole.data(), whole.size());
+            auto in = block.cursor();
+            row.reader(in);
+            EXPECT_EQ(in.position, whole.size());
+            auto again = block.cursor();
+            EXPECT_EQ(msgpack::skip(again), whole.size());
+            EXPECT_EQ(again.position, whole.size());
+        }
+        for (uint64_t length = 0; length < whole.size(); ++length) {
+            SCOPED_TRACE(length);
+            const Block block(whole.data(), length);
+            auto in = block.cursor();
+            EXPECT_EQ(error_of([&] { row.reader(in); }), "unexpected end of data");
+            EXPECT_LE(in.position, length);
+            auto skipping = block.cursor();
+            EXPECT_EQ(error_of([&] { msgpack::skip(skipping); }), "unexpected end of data");
+            EXPECT_EQ(skipping.position, 0u);
+        }
+    }
+}
+
+TEST(Truncation, ScalarReadersLeaveThePositionAtTheTruncatedValue) {
+    const auto bytes = hex("01 cd 01");  // an int, then a uint 16 missing its last byte
+    const Block block(bytes.data(), bytes.size());
+    auto in = block.cursor();
+    int first = 0, second = 0;
+    msgpack::read(in, first);
+    EXPECT_EQ(error_of([&] { msgpack::read(in, second); }), "unexpected end of data");
+    EXPECT_EQ(in.position, 1u);
+}
+
+TEST(Truncation, TypeErrorWinsOverTruncation) {
+    // A str 32 header cut short is still a string, not an integer.
+    const auto bytes = hex("db 00");
+    const Block block(bytes.data(), bytes.size());
+    auto in = block.cursor();
+    int value = 0;
+    EXPECT_EQ(error_of([&] { msgpack::read(in, value); }), "expecting integer value");
+    double d = 0;
+    EXPECT_EQ(error_of([&] { msgpack::read(in, d); }), "expected double value");
+    msgpack::buffer blob;
+    EXPECT_EQ(error_of([&] { msgpack::read(in, blob); }),
+              "inconsistent data while parsing binary data");
+    EXPECT_EQ(in.position, 0u);
+}
+
+TEST(HostileHeaders, CountsThatCannotFitAreRefusedBeforeAnyAllocation) {
+    struct Row {
+        const char* bytes;
+        Reader reader;
+    };
+    const Row rows[] = {
+        {"dd ff ff ff ff", reader_of<std::vector<std::vector<int>>>()},
+        {"dd ff ff ff ff", reader_of<std::vector<bool>>()},
+        {"dd 00 00 00 02 01", reader_of<std::vector<int>>()},
+        {"dc ff ff 00", reader_of<std::vector<std::string>>()},
+        {"df ff ff ff ff", reader_of<std::map<std::string, int>>()},
+        // Two entries need at least four bytes.
+        {"82 01 01 01", reader_of<std::map<std::string, int>>()},
+        {"db ff ff ff ff 61", reader_of<std::string>()},
+        {"c6 ff ff ff ff 61", reader_of<msgpack::buffer>()},
+        {"c6 ff ff ff fb 00 00 00 00", reader_of<msgpack::buffer>()},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.bytes);
+        const auto bytes = hex(row.bytes);
+        const Block block(bytes.data(), bytes.size());
+        auto in = block.cursor();
+        EXPECT_EQ(error_of([&] { row.reader(in); }), "unexpected end of data");
+        EXPECT_EQ(in.position, 0u);
+    }
+}
+
+TEST(HostileHeaders, RefusedHeaderLeavesTheTargetUntouched) {
+    const auto bytes = hex("dd ff ff ff ff 01");
+    const Block block(bytes.data(), bytes.size());
+    auto in = block.cursor();
+    std::vector<long> values{1, 2};
+    EXPECT_EQ(error_of([&] { msgpack::read(in, values); }), "unexpected end of data");
+    EXPECT_EQ(values, (std::vector<long>{1, 2}));
+}
+
+TEST(HostileHeaders, CountsExactlyAtTheLimitAreAccepted) {
+    const auto array = hex("93 01 02 03");
+    const Block array_block(array.data(), array.size());
+    auto a = array_block.cursor();
+    EXPECT_EQ(msgpack::read_array_header(a), 3u);
+
+    const auto map = hex("82 01 02 03 04");
+    const Block map_block(map.data(), map.size());
+    auto m = map_block.cursor();
+    EXPECT_EQ(msgpack::read_map_header(m), 2u);
+}
+
+TEST(HostileHeaders, CursorPastItsEndReadsNothing) {
+    const auto bytes = hex("01 02");
+    const Block block(bytes.data(), bytes.size());
+    auto in = block.cursor();
+    in.position = 5;
+    int value = 0;
+    EXPECT_EQ(error_of([&] { msgpack::read(in, value); }), "unexpected end of data");
+    bool flag = false;
+    EXPECT_EQ(error_of([&] { msgpack::read(in, flag); }), "unexpected end of data");
+    EXPECT_EQ(error_of([&] { msgpack::skip(in); }), "unexpected end of data");
+    EXPECT_EQ(error_of([&] { msgpack::read_array_header(in); }), "unexpected end of data");
+    EXPECT_EQ(in.position, 5u);
+}
+
+TEST(Skip, WalksEveryFormIncludingExtAndNil) {
+    struct Row {
+        const char* bytes;
+        uint64_t size;  // of the first value; the rest of the row must be left alone
+    };
+    const Row rows[] = {
+        {"c0 ff", 1},
+        {"c2 ff", 1},
+        {"7f ff", 1},
+        {"e0 ff", 1},
+        {"a2 61 62 ff", 3},
+        {"d9 01 61 ff", 3},
+        {"c4 00 ff", 2},
+        {"c5 00 01 00 ff", 4},
+        {"d4 01 aa ff", 3},
+        {"d5 01 aa bb ff", 4},
+        {"d6 01 00 00 00 00 ff", 6},
+        {"d7 01 00 00 00 00 00 00 00 00 ff", 10},
+        {"d8 01 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 ff", 18},
+        {"c7 02 05 aa bb ff", 5},
+        {"c8 00 01 05 aa ff", 5},
+        {"c9 00 00 00 01 05 aa ff", 7},
+        {"ca 00 00 00 00 ff", 5},
+        {"cb 00 00 00 00 00 00 00 00 ff", 9},
+        {"cf 00 00 00 00 00 00 00 00 ff", 9},
+        {"d3 00 00 00 00 00 00 00 00 ff", 9},
+        {"90 ff", 1},
+        {"80 ff", 1},
+        {"92 01 a1 61 ff", 4},
+        {"82 01 02 a1 61 91 c0 ff", 7},
+        {"dc 00 01 c3 ff", 4},
+        {"de 00 01 01 02 ff", 5},
+        {"93 81 01 92 02 03 c4 01 00 d4 00 00 ff", 12},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.bytes);
+        const auto bytes = hex(row.bytes);
+        const Block block(bytes.data(), bytes.size());
+        auto in = block.cursor();
+        EXPECT_EQ(msgpack::skip(in), row.size);
+        EXPECT_EQ(in.position, row.size);
+    }
+}
+
+TEST(Skip, RefusesTheReservedTypeByte) {
+    for (const char* bytes : {"c1", "91 c1", "82 01 02 03 c1"}) {
+        const auto v = hex(bytes);
+        const Block block(v.data(), v.size());
+        auto in = block.cursor();
+        EXPECT_EQ(error_of([&] { msgpack::skip(in); }), "invalid type byte 0xC1") << bytes;
+        EXPECT_EQ(in.position, 0u);
+    }
+}
+
+TEST(Skip, DeepNestingNeedsNoStack) {
+    constexpr size_t depth = 100000;
+    std::vector<uint8_t> arrays(depth, 0x91);
+    arrays.push_back(0x01);
+    const Block block(arrays.data(), arrays.size());
+    auto in = block.cursor();
+    EXPECT_EQ(msgpack::skip(in), depth + 1);
+
+    // The same nest with its innermost value missing.
+    const Block cut(arrays.data(), depth);
+    auto truncated = cut.cursor();
+    EXPECT_EQ(error_of([&] { msgpack::skip(truncated); }), "unexpected end of data");
+
+    // Maps nest through their values: {1: {1: ... 1}}.
+    std::vector<uint8_t> maps;
+    for (size_t i = 0; i < depth; ++i) {
+        maps.push_back(0x81);
+        maps.push_back(0x01);
+    }
+    maps.push_back(0xC0);
+    const Block map_block(maps.data(), maps.size());
+    auto m = map_block.cursor();
+    EXPECT_EQ(msgpack::skip(m), maps.size());
+}
+
+TEST(Skip, HugeCountsFailFastInsteadOfLooping) {
+    // Nested array 32 headers each claiming four billion elements.
+    const auto bytes = hex("dd ff ff ff ff dd ff ff ff ff dd ff ff ff ff 01");
+    const Block block(bytes.data(), bytes.size());
+    auto in = block.cursor();
+    EXPECT_EQ(error_of([&] { msgpack::skip(in); }), "unexpected end of data");
+}
+
+TEST(RandomBytes, EveryReaderAndSkipFailCleanlyOrStayInBounds) {
+    const std::vector<Reader> readers = {
+        reader_of<long>(),
+        reader_of<long long>(),
+        reader_of<int>(),
+        reader_of<uint32_t>(),
+        reader_of<unsigned long>(),
+        reader_of<float>(),
+        reader_of<double>(),
+        reader_of<bool>(),
+        reader_of<std::string>(),
+        reader_of<msgpack::buffer>(),
+        reader_of<std::vector<bool>>(),
+        reader_of<std::vector<int>>(),
+        reader_of<std::vector<std::string>>(),
+        reader_of<std::map<std::string, double>>(),
+        reader_of<std::tuple<int, std::string>>(),
+        reader_of<std::vector<std::vector<msgpack::buffer>>>(),
+        [](msgpack::ReadBuffer& in) { msgpack::skip(in); },
+    };
+    std::mt19937_64 random(20241122);
+    // Mostly type bytes from the interesting ranges, with small lengths, so that many inputs
+    // get past the first byte.
+    const uint8_t interesting[] = {0x00, 0x03, 0x7f, 0x80, 0x82, 0x90, 0x93, 0xa1, 0xbf, 0xc0,
+                                   0xc1, 0xc2, 0xc3, 0xc4, 0xc5, 0xc6, 0xc7, 0xc8, 0xc9, 0xca,
+                                   0xcb, 0xcc, 0xcd, 0xce, 0xcf, 0xd0, 0xd3, 0xd4, 0xd8, 0xd9,
+                                   0xda, 0xdb, 0xdc, 0xdd, 0xde, 0xdf, 0xe0, 0xff};
+    uint64_t successes = 0;
+    uint64_t failures = 0;
+    for (int round = 0; round < 20000; ++round) {
+        std::vector<uint8_t> bytes(random() % 24);
+        for (auto& b : bytes)
+            b = random() % 3 == 0 ? uint8_t(random()) : interesting[random() % sizeof(interesting)];
+        const Block block(bytes.data(), bytes.size());
+        for (const auto& reader : readers) {
+            auto in = block.cursor();
+            try {
+                reader(in);
+                ++successes;
+                EXPECT_LE(in.position, in.size);
+            } catch (const std::runtime_error&) {
+                ++failures;
+                EXPECT_LE(in.position, in.size);
+            }
+        }
+    }
+    // Both outcomes must have been exercised for the run to mean anything.
+    EXPECT_GT(successes, 10000u);
+    EXPECT_GT(failures, 10000u);
+}

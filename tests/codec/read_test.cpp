@@ -1,0 +1,286 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <map>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include <qor/serialization/msgpack.hpp>
+
+#include "hex.hpp"
+
+namespace msgpack = qor::serialization::msgpack;
+using codec_test::error_of;
+using codec_test::hex;
+
+namespace {
+
+// Reads one T from `bytes` and checks that exactly `bytes.size()` were consumed.
+template <class T>
+T read_all(const std::vector<uint8_t>& bytes) {
+    msgpack::ReadBuffer in(bytes.data(), bytes.size());
+    T value{};
+    msgpack::read(in, value);
+    EXPECT_EQ(in.position, bytes.size());
+    return value;
+}
+
+// Reads a T from `bytes`, expecting `text`; the failing value must not have been consumed.
+template <class T>
+std::string read_error(const std::vector<uint8_t>& bytes) {
+    msgpack::ReadBuffer in(bytes.data(), bytes.size());
+    T value{};
+    const std::string text = error_of([&] { msgpack::read(in, value); });
+    EXPECT_EQ(in.position, 0u) << text;
+    return text;
+}
+
+struct IntegerRow {
+    const char* bytes;
+    long long as_64;     // long and long long
+    int as_int;          // int: low 32 bits
+    uint32_t as_u32;     // uint32_t: low 32 bits
+    unsigned long as_u;  // unsigned long: all 64 bits
+};
+
+const IntegerRow integer_rows[] = {
+    {"00", 0, 0, 0, 0},
+    {"7f", 127, 127, 127, 127},
+    {"e0", -32, -32, 0xFFFFFFE0u, 0xFFFFFFFFFFFFFFE0ul},
+    {"ff", -1, -1, 0xFFFFFFFFu, 0xFFFFFFFFFFFFFFFFul},
+    {"cc ff", 255, 255, 255, 255},
+    {"cd ff ff", 65535, 65535, 65535, 65535},
+    {"ce ff ff ff ff", 4294967295ll, -1, 0xFFFFFFFFu, 4294967295ul},
+    {"ce 80 00 00 00", 2147483648ll, -2147483647 - 1, 0x80000000u, 2147483648ul},
+    {"cf 00 00 00 01 00 00 00 00", 4294967296ll, 0, 0, 4294967296ul},
+    {"cf 00 00 00 01 00 00 00 07", 4294967303ll, 7, 7, 4294967303ul},
+    // uint 64 above the signed range keeps its bits: negative in the signed targets.
+    {"cf ff ff ff ff ff ff ff fe", -2, -2, 0xFFFFFFFEu, 0xFFFFFFFFFFFFFFFEul},
+    {"d0 80", -128, -128, 0xFFFFFF80u, 0xFFFFFFFFFFFFFF80ul},
+    {"d0 7f", 127, 127, 127, 127},
+    {"d1 80 00", -32768, -32768, 0xFFFF8000u, 0xFFFFFFFFFFFF8000ul},
+    {"d2 80 00 00 00", -2147483648ll, -2147483647 - 1, 0x80000000u, 0xFFFFFFFF80000000ul},
+    {"d3 ff ff ff ff 7f ff ff ff", -2147483649ll, 2147483647, 0x7FFFFFFFu, 0xFFFFFFFF7FFFFFFFul},
+    {"d3 80 00 00 00 00 00 00 00", std::numeric_limits<long long>::min(), 0, 0,
+     0x8000000000000000ul},
+};
+
+}  // namespace
+
+TEST(ReadInteger, EveryFormIntoEveryIntegerTarget) {
+    for (const auto& row : integer_rows) {
+        SCOPED_TRACE(row.bytes);
+        const auto bytes = hex(row.bytes);
+        EXPECT_EQ(read_all<long>(bytes), row.as_64);
+        EXPECT_EQ(read_all<long long>(bytes), row.as_64);
+        EXPECT_EQ(read_all<int>(bytes), row.as_int);
+        EXPECT_EQ(read_all<uint32_t>(bytes), row.as_u32);
+        EXPECT_EQ(read_all<unsigned long>(bytes), row.as_u);
+    }
+}
+
+TEST(ReadInteger, NonIntegerFormsAreRefusedWithoutConsuming) {
+    for (const char* bytes : {"c0", "c2", "c3", "ca 3f c0 00 00", "cb 3f f8 00 00 00 00 00 00",
+                              "a1 31", "c4 01 31", "91 01", "81 01 01", "c1", "d4 01 01"}) {
+        SCOPED_TRACE(bytes);
+        EXPECT_EQ(read_error<long>(hex(bytes)), "expecting integer value");
+        EXPECT_EQ(read_error<long long>(hex(bytes)), "expecting integer value");
+        EXPECT_EQ(read_error<int>(hex(bytes)), "expecting integer value");
+        EXPECT_EQ(read_error<uint32_t>(hex(bytes)), "expecting integer value");
+        EXPECT_EQ(read_error<unsigned long>(hex(bytes)), "expecting integer value");
+    }
+}
+
+TEST(ReadFloat, WideningIsExactAndNarrowingIsNearest) {
+    // float 64 1.5 into float; float 32 0.1f into double keeps the single-precision value.
+    EXPECT_EQ(read_all<float>(hex("cb 3f f8 00 00 00 00 00 00")), 1.5f);
+    EXPECT_EQ(read_all<double>(hex("ca 3d cc cc cd")), double(0.1f));
+    EXPECT_NE(read_all<double>(hex("ca 3d cc cc cd")), 0.1);
+    EXPECT_EQ(read_all<float>(hex("ca 3d cc cc cd")), 0.1f);
+    EXPECT_EQ(read_all<double>(hex("cb 3f b9 99 99 99 99 99 9a")), 0.1);
+    EXPECT_EQ(read_all<float>(hex("cb 3f b9 99 99 99 99 99 9a")), 0.1f);
+    EXPECT_TRUE(std::isinf(read_all<float>(hex("cb 7f ef ff ff ff ff ff ff"))));
+    EXPECT_TRUE(std::isnan(read_all<double>(hex("ca 7f c0 00 00"))));
+    EXPECT_EQ(read_all<double>(hex("cb 80 00 00 00 00 00 00 00")), 0.0);
+    EXPECT_TRUE(std::signbit(read_all<double>(hex("cb 80 00 00 00 00 00 00 00"))));
+}
+
+TEST(ReadFloat, IntegersAndOtherFormsAreRefusedWithTheTargetsText) {
+    for (const char* bytes :
+         {"01", "e0", "cc 01", "d3 00 00 00 00 00 00 00 01", "c0", "c3", "a0", "90"}) {
+        SCOPED_TRACE(bytes);
+        EXPECT_EQ(read_error<double>(hex(bytes)), "expected double value");
+        EXPECT_EQ(read_error<float>(hex(bytes)), "expected float value");
+    }
+}
+
+TEST(ReadBool, AnyByteIsAcceptedAndOnlyC3IsTrue) {
+    for (int b = 0; b < 256; ++b) {
+        const std::vector<uint8_t> bytes{uint8_t(b), 0xC3};
+        msgpack::ReadBuffer in(bytes.data(), bytes.size());
+        bool value = b != 0xC3;  // the opposite of what must come out
+        msgpack::read(in, value);
+        EXPECT_EQ(value, b == 0xC3) << b;
+        EXPECT_EQ(in.position, 1u) << b;
+    }
+}
+
+TEST(ReadString, EveryStrFormAndItsRefusals) {
+    EXPECT_EQ(read_all<std::string>(hex("a0")), "");
+    EXPECT_EQ(read_all<std::string>(hex("a3 61 00 62")), std::string("a\0b", 3));
+    EXPECT_EQ(read_all<std::string>(hex("d9 02 68 69")), "hi");
+    EXPECT_EQ(read_all<std::string>(hex("da 00 02 68 69")), "hi");
+    EXPECT_EQ(read_all<std::string>(hex("db 00 00 00 02 68 69")), "hi");
+    EXPECT_EQ(read_all<std::string>(hex("a2 ff fe")), "\xff\xfe");
+    // Binary is never taken for a string, nor anything else.
+    for (const char* bytes : {"c4 01 61", "c0", "01", "90", "c5 00 00"}) {
+        EXPECT_EQ(read_error<std::string>(hex(bytes)), "inconsistent data while parsing string")
+            << bytes;
+    }
+}
+
+TEST(ReadBinary, EveryBinFormAndItsRefusals) {
+    EXPECT_EQ(read_all<msgpack::buffer>(hex("c4 00")).size, 0u);
+    EXPECT_NE(read_all<msgpack::buffer>(hex("c4 00")).data, nullptr);
+    EXPECT_EQ(read_all<msgpack::buffer>(hex("c4 02 01 02")), msgpack::buffer(hex("01 02")));
+    EXPECT_EQ(read_all<msgpack::buffer>(hex("c5 00 02 01 02")), msgpack::buffer(hex("01 02")));
+    EXPECT_EQ(read_all<msgpack::buffer>(hex("c6 00 00 00 02 01 02")),
+              msgpack::buffer(hex("01 02")));
+    for (const char* bytes : {"a0", "a1 61", "d9 00", "c0", "90"}) {
+        EXPECT_EQ(read_error<msgpack::buffer>(hex(bytes)),
+                  "inconsistent data while parsing binary data")
+            << bytes;
+    }
+}
+
+TEST(ReadBinary, PayloadIsCopiedNotShared) {
+    auto bytes = hex("c4 01 aa");
+    msgpack::buffer value;
+    msgpack::ReadBuffer in(bytes.data(), bytes.size());
+    msgpack::read(in, value);
+    bytes[2] = 0xBB;
+    EXPECT_EQ(value.data[0], 0xAA);
+}
+
+TEST(ReadContainer, HeadersOfEveryFormAndTheirRefusals) {
+    const auto array16 = hex("dc 00 02 01 02");
+    msgpack::ReadBuffer a(array16.data(), array16.size());
+    EXPECT_EQ(msgpack::read_array_header(a), 2u);
+    EXPECT_EQ(a.position, 3u);
+
+    const auto map32 = hex("df 00 00 00 01 01 02");
+    msgpack::ReadBuffer m(map32.data(), map32.size());
+    EXPECT_EQ(msgpack::read_map_header(m), 1u);
+    EXPECT_EQ(m.position, 5u);
+
+    const auto fixmap = hex("80 90");
+    msgpack::ReadBuffer f(fixmap.data(), fixmap.size());
+    EXPECT_EQ(msgpack::read_map_header(f), 0u);
+    EXPECT_EQ(msgpack::read_array_header(f), 0u);
+    EXPECT_EQ(f.position, 2u);
+
+    const auto wrong = hex("81 01 01");
+    msgpack::ReadBuffer w(wrong.data(), wrong.size());
+    EXPECT_EQ(error_of([&] { msgpack::read_array_header(w); }),
+              "inconsistent data while parsing array");
+    EXPECT_EQ(w.position, 0u);
+    const auto wrong_map = hex("91 01");
+    msgpack::ReadBuffer wm(wrong_map.data(), wrong_map.size());
+    EXPECT_EQ(error_of([&] { msgpack::read_map_header(wm); }),
+              "inconsistent data while parsing map");
+    EXPECT_EQ(wm.position, 0u);
+}
+
+TEST(ReadContainer, VectorIsResizedToTheCountBeforeItsElementsAreRead) {
+    const auto five = hex("95 01 02 03 04 05");
+    std::vector<int> longer(8, 9);
+    msgpack::ReadBuffer a(five.data(), five.size());
+    msgpack::read(a, longer);
+    EXPECT_EQ(longer, (std::vector<int>{1, 2, 3, 4, 5}));
+
+    std::vector<int> shorter{9, 9};
+    msgpack::ReadBuffer b(five.data(), five.size());
+    msgpack::read(b, shorter);
+    EXPECT_EQ(shorter, (std::vector<int>{1, 2, 3, 4, 5}));
+
+    // A failing element leaves the vector resized and the elements before it overwritten.
+    const auto bad = hex("93 07 c0 08");
+    std::vector<int> partial{9};
+    msgpack::ReadBuffer c(bad.data(), bad.size());
+    EXPECT_EQ(error_of([&] { msgpack::read(c, partial); }), "expecting integer value");
+    EXPECT_EQ(partial, (std::vector<int>{7, 0, 0}));
+    EXPECT_EQ(c.position, 2u);
+}
+
+TEST(ReadContainer, VectorOfBoolTakesOneByteEach) {
+    const auto bytes = hex("93 c3 c2 00");
+    EXPECT_EQ(read_all<std::vector<bool>>(bytes), (std::vector<bool>{true, false, false}));
+    std::vector<bool> values(7, true);
+    msgpack::ReadBuffer in(bytes.data(), bytes.size());
+    msgpack::read(in, values);
+    EXPECT_EQ(values.size(), 3u);
+}
+
+TEST(ReadContainer, MapsTuplesAndPairs) {
+    const auto map = hex("82 a1 61 01 a1 62 02");
+    std::map<std::string, int> m{{"old", 5}};
+    msgpack::ReadBuffer in(map.data(), map.size());
+    msgpack::read(in, m);
+    EXPECT_EQ(m, (std::map<std::string, int>{{"a", 1}, {"b", 2}}));
+
+    EXPECT_EQ((read_all<std::tuple<int, std::string, double>>(
+                  hex("93 01 a1 78 cb 40 00 00 00 00 00 00 00"))),
+              std::make_tuple(1, std::string("x"), 2.0));
+    EXPECT_EQ((read_all<std::pair<uint32_t, int>>(hex("92 ce 00 00 00 07 d1 ff 38"))),
+              std::make_pair(uint32_t(7), -200));
+}
+
+TEST(ReadContainer, CountErrorsConsumeOnlyTheHeader) {
+    const auto four = hex("94 01 02 03 04");
+    msgpack::ReadBuffer in(four.data(), four.size());
+    std::tuple<int, int, int> triple;
+    EXPECT_EQ(error_of([&] { msgpack::read(in, triple); }),
+              "reading tuple : wrong number of fields. 4 fields in message, 3 in tuple");
+    EXPECT_EQ(in.position, 1u);
+
+    const auto one = hex("91 01");
+    msgpack::ReadBuffer p(one.data(), one.size());
+    std::pair<int, int> pair;
+    EXPECT_EQ(error_of([&] { msgpack::read(p, pair); }),
+              "reading tuple : wrong number of fields. 1 fields in message, 2 in tuple");
+    EXPECT_EQ(p.position, 1u);
+
+    EXPECT_EQ(error_of([] { msgpack::throw_struct_count(4, 3); }),
+              "reading struct : wrong number of fields. 4 fields in message, 3 in struct");
+    EXPECT_EQ(error_of([] { msgpack::throw_struct_count(4294967296ull, 0); }),
+              "reading struct : wrong number of fields. 4294967296 fields in message, 0 in struct");
+}
+
+TEST(ReadBuffer, ReadersLeaveTheCursorBehindEachValueForTheNext) {
+    const auto bytes = hex("01 a1 61 cb 3f f0 00 00 00 00 00 00 c3 c4 01 ff");
+    msgpack::ReadBuffer in(bytes.data(), bytes.size());
+    int i = 0;
+    std::string s;
+    double d = 0;
+    bool b = false;
+    msgpack::buffer blob;
+    msgpack::read(in, i);
+    msgpack::read(in, s);
+    msgpack::read(in, d);
+    msgpack::read(in, b);
+    msgpack::read(in, blob);
+    EXPECT_EQ(i, 1);
+    EXPECT_EQ(s, "a");
+    EXPECT_EQ(d, 1.0);
+    EXPECT_TRUE(b);
+    EXPECT_EQ(blob, msgpack::buffer(hex("ff")));
+    EXPECT_EQ(in.remaining(), 0u);
+
+    const msgpack::buffer block(bytes);
+    msgpack::ReadBuffer over_block(block);
+    EXPECT_EQ(over_block.data, block.data);
+    EXPECT_EQ(over_block.size, bytes.size());
+    EXPECT_EQ(over_block.position, 0u);
+}
