@@ -7,8 +7,8 @@
 #include <random>
 #include <stdexcept>
 
-#include <boost/asio/ssl/context.hpp>
 #include <spdlog/spdlog.h>
+#include <boost/asio/ssl/context.hpp>
 
 #include <qor/serialization/msgpack.hpp>
 #include <qor/transport/auth.hpp>
@@ -55,9 +55,8 @@ long long detail_integer(const wamp::Message& m, const std::string& key, long lo
 }
 
 bool is_auth_refusal(const std::string& reason) {
-    return reason == "wamp.error.authentication_failed" ||
-           reason == "wamp.error.not_authorized" || reason == "wamp.error.no_auth_method" ||
-           reason == "wamp.error.authorization_failed";
+    return reason == "wamp.error.authentication_failed" || reason == "wamp.error.not_authorized" ||
+           reason == "wamp.error.no_auth_method" || reason == "wamp.error.authorization_failed";
 }
 
 }  // namespace
@@ -228,6 +227,9 @@ struct Endpoint::Impl {
     }
 
     void fail_opening(const std::string& cause) {
+        // Cancelling below reports "cancelled" back here; the first cause is the one kept.
+        if (stage == Stage::down) return;
+        stage = Stage::down;
         failure = cause.empty() ? "failed" : cause;
         if (opening) {
             auto o = std::move(opening);
@@ -239,7 +241,6 @@ struct Endpoint::Impl {
         }
         inbox.clear();
         lost.reset();
-        stage = Stage::down;
         opening_failed = true;
     }
 
@@ -283,8 +284,7 @@ struct Endpoint::Impl {
             return fail_opening("session refused: " + m.reason +
                                 (text.empty() ? "" : " (" + text + ")"));
         }
-        fail_opening(std::string("protocol error: ") + wamp::type_name(m.type) +
-                     " before WELCOME");
+        fail_opening(std::string("protocol error: ") + wamp::type_name(m.type) + " before WELCOME");
     }
 
     // Parses and handles the messages received so far; returns how many.
@@ -406,8 +406,8 @@ struct Endpoint::Impl {
             work = true;
             next_attempt.reset();
             ++attempt;
-            log(spdlog::level::info, "[{}] reconnecting to {} (attempt {})", options.name,
-                url_text, attempt);
+            log(spdlog::level::info, "[{}] reconnecting to {} (attempt {})", options.name, url_text,
+                attempt);
             start_opening();
         }
         // Calls still waiting on a dead link are failed, also when an earlier failure
@@ -447,7 +447,8 @@ struct Endpoint::Impl {
     // Schedules the next automatic attempt if the policy allows one; tells the observers.
     void schedule(const std::string& reason) {
         const ReconnectPolicy& p = options.reconnect;
-        const bool retry = p.enabled && !auth_refused && (p.max_retries == 0 || attempt < p.max_retries);
+        const bool retry =
+            p.enabled && !auth_refused && (p.max_retries == 0 || attempt < p.max_retries);
         milliseconds delay(0);
         if (retry) {
             delay = retry_delay();
@@ -480,15 +481,31 @@ Endpoint::Endpoint(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 
 Endpoint::~Endpoint() = default;
 
-bool Endpoint::update_first() { return impl_->pass(); }
-bool Endpoint::update_second() { return impl_->pass(); }
+bool Endpoint::update_first() {
+    return impl_->pass();
+}
+bool Endpoint::update_second() {
+    return impl_->pass();
+}
 
-wamp::Client& Endpoint::client() { return *impl_->client; }
-const std::string& Endpoint::url() const { return impl_->url_text; }
-LinkState Endpoint::state() const { return impl_->link; }
-bool Endpoint::connected() const { return impl_->stage == Stage::established; }
-uint64_t Endpoint::session_id() const { return impl_->session; }
-const std::string& Endpoint::last_error() const { return impl_->last_error; }
+wamp::Client& Endpoint::client() {
+    return *impl_->client;
+}
+const std::string& Endpoint::url() const {
+    return impl_->url_text;
+}
+LinkState Endpoint::state() const {
+    return impl_->link;
+}
+bool Endpoint::connected() const {
+    return impl_->stage == Stage::established;
+}
+uint64_t Endpoint::session_id() const {
+    return impl_->session;
+}
+const std::string& Endpoint::last_error() const {
+    return impl_->last_error;
+}
 
 void Endpoint::on_state_change(std::function<void(const LinkEvent&)> callback) {
     impl_->on_change = std::move(callback);

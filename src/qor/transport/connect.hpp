@@ -19,12 +19,12 @@ namespace qor::transport {
 
 /// When and how often a lost endpoint reopens by itself (never after an authentication failure).
 struct ReconnectPolicy {
-    bool enabled = false;                                ///< off: a lost endpoint stays down
-    int max_retries = 10;                                ///< attempts per loss; 0 means no limit
-    std::chrono::milliseconds initial_delay{250};        ///< wait before the first attempt
-    double growth = 2.0;                                 ///< each further wait is this much longer
-    std::chrono::milliseconds max_delay{10000};          ///< waits never exceed this
-    double jitter = 0.2;                                 ///< each wait varies by up to this share
+    bool enabled = false;                          ///< off: a lost endpoint stays down
+    int max_retries = 10;                          ///< attempts per loss; 0 means no limit
+    std::chrono::milliseconds initial_delay{250};  ///< wait before the first attempt
+    double growth = 2.0;                           ///< each further wait is this much longer
+    std::chrono::milliseconds max_delay{10000};    ///< waits never exceed this
+    double jitter = 0.2;                           ///< each wait varies by up to this share
 };
 
 /// How an endpoint opens and keeps its session.
@@ -42,9 +42,9 @@ struct ConnectOptions {
     std::chrono::milliseconds keepalive_interval{0};
     /// A ping unanswered for this long means the link is dead.
     std::chrono::milliseconds keepalive_timeout{5000};
-    ReconnectPolicy reconnect;             ///< automatic reopening after a loss
-    std::string name = "server";           ///< endpoint name in log lines
-    spdlog::logger* logger = nullptr;      ///< may be null
+    ReconnectPolicy reconnect;         ///< automatic reopening after a loss
+    std::string name = "server";       ///< endpoint name in log lines
+    spdlog::logger* logger = nullptr;  ///< may be null
 };
 
 /// Where an endpoint's link stands.
@@ -53,10 +53,10 @@ enum class LinkState { connecting, connected, disconnected, closed };
 /// One change of an endpoint's link, as told to `Endpoint::on_state_change`.
 struct LinkEvent {
     LinkState state = LinkState::disconnected;  ///< the new state
-    std::string reason;            ///< why it changed (loss cause, ABORT reason...); may be empty
-    bool will_retry = false;       ///< an automatic attempt is scheduled
+    std::string reason;       ///< why it changed (loss cause, ABORT reason...); may be empty
+    bool will_retry = false;  ///< an automatic attempt is scheduled
     std::chrono::milliseconds delay{0};  ///< time until that attempt
-    int attempt = 0;               ///< automatic attempts made since the loss
+    int attempt = 0;                     ///< automatic attempts made since the loss
 };
 
 /// A transport endpoint: the `qor::wamp::Connection` behind one `qor::wamp::Client`, which
@@ -64,7 +64,7 @@ struct LinkEvent {
 /// alive by the `QorClient`. Its passes never block; state callbacks run inside them.
 /// One thread at a time, the one that pumps the peer.
 class Endpoint : public wamp::Connection {
-public:
+  public:
     ~Endpoint() override;
     Endpoint(const Endpoint&) = delete;
     Endpoint& operator=(const Endpoint&) = delete;
@@ -96,7 +96,7 @@ public:
 
     struct Impl;
 
-private:
+  private:
     explicit Endpoint(std::unique_ptr<Impl> impl);
     std::unique_ptr<Impl> impl_;
     friend Endpoint& open_endpoint(QorClient&, const std::string&, const ConnectOptions&,

@@ -207,6 +207,7 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
     }
 
     void received(const std::shared_ptr<Peer>& peer, const uint8_t* data, size_t size) {
+        if (options.tap) options.tap(data, size);
         std::optional<wamp::Message> parsed;
         try {
             parsed.emplace(wamp::parse_message(msgpack::buffer(data, size)));

@@ -48,6 +48,9 @@ struct ServerOptions {
     /// dropped.
     std::chrono::milliseconds opening_timeout{10000};
     std::shared_ptr<spdlog::logger> logger;  ///< may be null: nothing is logged
+    /// Optional: sees the bytes of every received message before parsing, the opening's
+    /// included (tracing, capture). Runs on the I/O thread.
+    std::function<void(const uint8_t* data, size_t size)> tap;
 };
 
 /// A session that has joined (WELCOME sent).
@@ -117,7 +120,8 @@ class Server {
     /// The ids of the sessions joined now.
     std::vector<uint64_t> sessions() const;
     /// While true the server reads nothing and answers nothing, pings included, like a hung
-    /// process; connections stay open. Lets clients' keepalive be exercised.
+    /// process; connections stay open. Lets clients' keepalive be exercised. A WebSocket
+    /// session silenced while it was reading does not come back: it ends when resumed.
     void set_silent(bool silent);
 
   private:

@@ -7,10 +7,10 @@ namespace qor::transport {
 /// A WAMP server address: rs://host:port, rss://host:port, ws://host[:port][/path],
 /// wss://host[:port][/path].
 struct Url {
-    std::string scheme;  ///< "rs", "rss", "ws" or "wss"
-    std::string host;    ///< name or address, without IPv6 brackets
-    std::string port;    ///< decimal; ws and wss default to 80 and 443
-    std::string path;    ///< WebSocket request target, "/" when absent; "/" for RawSocket
+    std::string scheme;      ///< "rs", "rss", "ws" or "wss"
+    std::string host;        ///< name or address, without IPv6 brackets
+    std::string port;        ///< decimal; ws and wss default to 80 and 443
+    std::string path;        ///< WebSocket request target, "/" when absent; "/" for RawSocket
     bool tls = false;        ///< rss and wss
     bool websocket = false;  ///< ws and wss
 };

@@ -62,6 +62,12 @@ std::string cause_of(const error_code& ec) {
     return ec.message();
 }
 
+// A failed TLS handshake is a TLS error whatever broke it (a plain peer usually just hangs up).
+std::string tls_cause(const error_code& ec) {
+    const std::string cause = cause_of(ec);
+    return cause.rfind("TLS", 0) == 0 ? cause : "TLS error: handshake failed: " + cause;
+}
+
 std::string peer_of(const tcp::socket& s) {
     error_code ec;
     const auto ep = s.remote_endpoint(ec);
@@ -257,6 +263,12 @@ class WebSocketChannel final : public ChannelBase,
 
     void set_paused(bool paused) override {
         paused_ = paused;
+        // A pending WebSocket read answers pings by itself, so pausing has to cancel it. The
+        // stream does not survive a cancelled read: resuming after that ends the link.
+        if (paused_ && reading_) {
+            error_code ignored;
+            beast::get_lowest_layer(*ws_).cancel(ignored);
+        }
         if (!paused_ && started_ && !reading_) read();
     }
 
@@ -279,6 +291,7 @@ class WebSocketChannel final : public ChannelBase,
     void on_read(error_code ec) {
         reading_ = false;
         if (closed_) return;
+        if (ec == asio::error::operation_aborted && paused_) return;
         if (ec) return finish(cause_of(ec));
         if (!ws_->got_binary()) return finish("websocket: text message where binary was expected");
         const auto bytes = in_.cdata();
@@ -372,7 +385,7 @@ class OpeningImpl final : public Opening, public std::enable_shared_from_this<Op
             }
             tls.async_handshake(client_ ? ssl::stream_base::client : ssl::stream_base::server,
                                 [self = this->shared_from_this()](error_code ec) {
-                                    if (ec) return self->fail(cause_of(ec));
+                                    if (ec) return self->fail(tls_cause(ec));
                                     self->framing();
                                 });
         } else {

@@ -1,0 +1,230 @@
+// RawSocket framing byte by byte, addresses, and the wampcra primitives against published
+// vectors.
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <qor/transport/auth.hpp>
+#include <qor/transport/rawsocket.hpp>
+#include <qor/transport/url.hpp>
+
+namespace rs = qor::transport::rawsocket;
+
+namespace {
+
+std::vector<uint8_t> hex(const std::string& text) {
+    std::vector<uint8_t> out;
+    for (size_t i = 0; i + 1 < text.size();) {
+        if (text[i] == ' ') {
+            ++i;
+            continue;
+        }
+        out.push_back(uint8_t(std::stoul(text.substr(i, 2), nullptr, 16)));
+        i += 2;
+    }
+    return out;
+}
+
+std::string error_of(const std::function<void()>& f) {
+    try {
+        f();
+    } catch (const std::exception& e) {
+        return e.what();
+    }
+    return "";
+}
+
+}  // namespace
+
+TEST(RawSocketHandshake, BytesAndLengths) {
+    // Exponent in the high nibble, serializer in the low one.
+    auto bytes = [](const std::array<uint8_t, 4>& a) {
+        return std::vector<uint8_t>(a.begin(), a.end());
+    };
+    EXPECT_EQ(hex("7f f2 00 00"), bytes(rs::client_hello(15)));
+    EXPECT_EQ(hex("7f 72 00 00"), bytes(rs::client_hello(7)));
+    EXPECT_EQ(hex("7f 02 00 00"), bytes(rs::server_accept(0)));
+    EXPECT_EQ(hex("7f 10 00 00"), bytes(rs::server_refuse(1)));
+    EXPECT_EQ(512u, rs::max_length_of(0));
+    EXPECT_EQ(1u << 24, rs::max_length_of(15));
+    EXPECT_EQ(0, rs::exponent_for(1));
+    EXPECT_EQ(0, rs::exponent_for(512));
+    EXPECT_EQ(1, rs::exponent_for(513));
+    EXPECT_EQ(7, rs::exponent_for(65536));
+    EXPECT_EQ(15, rs::exponent_for(16u * 1024 * 1024));
+    EXPECT_EQ(15, rs::exponent_for(0xFFFFFFFFu));
+
+    const auto accepted = rs::parse_handshake(hex("7f 72 00 00").data());
+    EXPECT_EQ(7, accepted.exponent);
+    EXPECT_EQ(2, accepted.serializer);
+    const auto refused = rs::parse_handshake(hex("7f 40 00 00").data());
+    EXPECT_EQ(0, refused.serializer);
+    EXPECT_EQ("maximum connection count reached", rs::refusal_text(refused.exponent));
+    EXPECT_EQ("serializer unsupported", rs::refusal_text(1));
+    EXPECT_EQ("maximum message length unacceptable", rs::refusal_text(2));
+    EXPECT_EQ("use of reserved bits (unsupported feature)", rs::refusal_text(3));
+
+    EXPECT_EQ("rawsocket: bad handshake magic byte",
+              error_of([] { rs::parse_handshake(hex("48 54 54 50").data()); }));
+    EXPECT_EQ("rawsocket: reserved handshake bytes are not zero",
+              error_of([] { rs::parse_handshake(hex("7f f2 00 01").data()); }));
+}
+
+TEST(RawSocketFrames, HeadersAreTypeAndBigEndianLength) {
+    std::vector<uint8_t> out;
+    rs::append_header(out, rs::FrameType::message, 0x010203);
+    rs::append_header(out, rs::FrameType::ping, 0);
+    const uint8_t payload[] = {0xAB, 0xCD};
+    rs::append_frame(out, rs::FrameType::pong, payload, 2);
+    EXPECT_EQ(hex("00 01 02 03 01 00 00 00 02 00 00 02 ab cd"), out);
+    EXPECT_EQ("rawsocket: frame too large",
+              error_of([&] { rs::append_header(out, rs::FrameType::message, 1u << 24); }));
+}
+
+TEST(RawSocketFrames, SplitAtEveryOffsetGivesTheSameFrames) {
+    // A message, a ping with payload, an empty message, a pong.
+    const auto stream = hex("00 00 00 03 93 01 02  01 00 00 01 7a  00 00 00 00  02 00 00 00");
+    struct Seen {
+        rs::FrameType type;
+        std::vector<uint8_t> data;
+        bool operator==(const Seen& o) const { return type == o.type && data == o.data; }
+    };
+    const std::vector<Seen> expected = {{rs::FrameType::message, hex("93 01 02")},
+                                        {rs::FrameType::ping, hex("7a")},
+                                        {rs::FrameType::message, {}},
+                                        {rs::FrameType::pong, {}}};
+    for (size_t cut = 0; cut <= stream.size(); ++cut) {
+        for (size_t second = cut; second <= stream.size(); ++second) {
+            rs::Splitter splitter(1024);
+            std::vector<Seen> seen;
+            auto drain = [&] {
+                rs::Frame f;
+                while (splitter.next(f)) seen.push_back({f.type, {f.data, f.data + f.size}});
+            };
+            splitter.feed(stream.data(), cut);
+            drain();
+            splitter.feed(stream.data() + cut, second - cut);
+            drain();
+            splitter.feed(stream.data() + second, stream.size() - second);
+            drain();
+            ASSERT_EQ(expected.size(), seen.size()) << "cuts at " << cut << " and " << second;
+            EXPECT_TRUE(expected == seen) << "cuts at " << cut << " and " << second;
+            EXPECT_EQ(0u, splitter.pending());
+        }
+    }
+}
+
+TEST(RawSocketFrames, ByteByByteThroughPrepareAndCommit) {
+    const auto stream = hex("00 00 00 02 c0 c3 00 00 00 01 c2");
+    rs::Splitter splitter(16);
+    std::vector<std::vector<uint8_t>> frames;
+    for (uint8_t byte : stream) {
+        *splitter.prepare(1) = byte;
+        splitter.commit(1);
+        rs::Frame f;
+        while (splitter.next(f)) frames.emplace_back(f.data, f.data + f.size);
+    }
+    ASSERT_EQ(2u, frames.size());
+    EXPECT_EQ(hex("c0 c3"), frames[0]);
+    EXPECT_EQ(hex("c2"), frames[1]);
+}
+
+TEST(RawSocketFrames, RefusedFrames) {
+    struct Row {
+        const char* bytes;
+        uint32_t limit;
+        const char* error;
+    };
+    const Row rows[] = {
+        // Type 3 and type 7 do not exist.
+        {"03 00 00 00", 64, "rawsocket: invalid frame type"},
+        {"07 00 00 01 00", 64, "rawsocket: invalid frame type"},
+        // One byte over the limit is refused from the header alone, before the payload.
+        {"00 00 00 41", 64, "rawsocket: frame too large"},
+        {"00 ff ff ff", 1u << 20, "rawsocket: frame too large"},
+        {"01 00 00 41", 64, "rawsocket: frame too large"},
+    };
+    for (const Row& row : rows) {
+        rs::Splitter splitter(row.limit);
+        const auto bytes = hex(row.bytes);
+        splitter.feed(bytes.data(), bytes.size());
+        rs::Frame f;
+        EXPECT_EQ(row.error, error_of([&] { splitter.next(f); })) << row.bytes;
+    }
+    // Exactly at the limit is fine.
+    rs::Splitter splitter(2);
+    const auto ok = hex("00 00 00 02 c0 c0");
+    splitter.feed(ok.data(), ok.size());
+    rs::Frame f;
+    EXPECT_TRUE(splitter.next(f));
+    EXPECT_EQ(2u, f.size);
+}
+
+TEST(Url, AcceptedForms) {
+    struct Row {
+        const char* text;
+        const char* host;
+        const char* port;
+        const char* path;
+        bool tls;
+        bool websocket;
+    };
+    const Row rows[] = {
+        {"rs://127.0.0.1:8080", "127.0.0.1", "8080", "/", false, false},
+        {"rss://example.org:443", "example.org", "443", "/", true, false},
+        {"ws://localhost:9000/ws", "localhost", "9000", "/ws", false, true},
+        {"ws://localhost", "localhost", "80", "/", false, true},
+        {"wss://h/a/b?x=1", "h", "443", "/a/b?x=1", true, true},
+        {"ws://[::1]:7000/", "::1", "7000", "/", false, true},
+        {"rs://[::1]:7000", "::1", "7000", "/", false, false},
+    };
+    for (const Row& row : rows) {
+        const auto url = qor::transport::parse_url(row.text);
+        EXPECT_EQ(row.host, url.host) << row.text;
+        EXPECT_EQ(row.port, url.port) << row.text;
+        EXPECT_EQ(row.path, url.path) << row.text;
+        EXPECT_EQ(row.tls, url.tls) << row.text;
+        EXPECT_EQ(row.websocket, url.websocket) << row.text;
+    }
+}
+
+TEST(Url, RefusedFormsNameTheReason) {
+    const std::pair<const char*, const char*> rows[] = {
+        {"localhost:80", "invalid URL 'localhost:80': missing scheme"},
+        {"http://h:1",
+         "invalid URL 'http://h:1': unsupported scheme 'http' (use rs, rss, ws or wss)"},
+        {"rs://h", "invalid URL 'rs://h': a RawSocket address needs a port"},
+        {"rs://h:1/x", "invalid URL 'rs://h:1/x': a RawSocket address has no path"},
+        {"ws://:80", "invalid URL 'ws://:80': missing host"},
+        {"ws://h:", "invalid URL 'ws://h:': empty port"},
+        {"ws://h:0", "invalid URL 'ws://h:0': bad port '0'"},
+        {"ws://h:65536", "invalid URL 'ws://h:65536': bad port '65536'"},
+        {"ws://h:8x", "invalid URL 'ws://h:8x': bad port '8x'"},
+        {"ws://[::1:80", "invalid URL 'ws://[::1:80': unclosed IPv6 address"},
+    };
+    for (const auto& [text, error] : rows)
+        EXPECT_EQ(error, error_of([&] { qor::transport::parse_url(text); })) << text;
+}
+
+TEST(WampCra, PublishedVectors) {
+    // HMAC-SHA256, RFC 4231 test case 2, as base64.
+    EXPECT_EQ("W9zBRr9gdU5qBCQmCJV1x1oAPwidJzmDnexYuWTsOEM=",
+              qor::transport::wampcra_sign("Jefe", "what do ya want for nothing?"));
+    // PBKDF2-HMAC-SHA256 ("passwd", "salt", 1 iteration, 64 bytes), RFC 7914 section 11.
+    EXPECT_EQ(
+        "VawEblbjCJ/sFpHCJUS2BflBhSFt3gRl5oudV8INrLxJypzM8Xm2RZkWZLOdd+8xfHG4RbHjC9UJESBB06GXgw==",
+        qor::transport::wampcra_derive_key("passwd", "salt", 1, 64));
+    EXPECT_EQ("", qor::transport::base64_encode(""));
+    EXPECT_EQ("Zm8=", qor::transport::base64_encode("fo"));
+    EXPECT_EQ("wampcra: iterations and key length must be positive",
+              error_of([] { qor::transport::wampcra_derive_key("a", "b", 0, 32); }));
+    EXPECT_TRUE(qor::transport::equal_constant_time("abc", "abc"));
+    EXPECT_FALSE(qor::transport::equal_constant_time("abc", "abd"));
+    EXPECT_FALSE(qor::transport::equal_constant_time("abc", "ab"));
+}

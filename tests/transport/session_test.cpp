@@ -1,0 +1,605 @@
+// The client transports against the in-process server: opening, calls, subscriptions,
+// refusals, link loss, keepalive and reconnection, over every framing.
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <optional>
+
+#include <dax/client.hpp>
+
+#include "harness.hpp"
+
+namespace {
+
+using namespace transport_test;
+using qor::transport::ConnectOptions;
+using qor::transport::LinkEvent;
+using qor::transport::LinkState;
+using qor::transport::ServerOptions;
+
+std::string error_of(const std::function<void()>& f) {
+    try {
+        f();
+    } catch (const std::exception& e) {
+        return e.what();
+    }
+    return "";
+}
+
+struct Scheme {
+    const char* name;
+    bool websocket;
+    bool tls;
+};
+
+std::string url_for(const Scheme& s, const qor::transport::Server& server) {
+    const uint16_t port = s.websocket ? server.websocket_port() : server.rawsocket_port();
+    return std::string(s.name) + "://127.0.0.1:" + std::to_string(port) +
+           (s.websocket ? "/ws" : "");
+}
+
+class Transport : public ::testing::TestWithParam<Scheme> {
+  protected:
+    void SetUp() override {
+        if (GetParam().tls && !certificate().ok)
+            GTEST_SKIP() << "openssl could not make a certificate";
+    }
+
+    ServerOptions server_options() const {
+        ServerOptions o;
+        if (GetParam().tls) {
+            o.tls_certificate_file = certificate().cert;
+            o.tls_private_key_file = certificate().key;
+        }
+        return o;
+    }
+
+    ConnectOptions client_options() const {
+        ConnectOptions o;
+        o.connect_timeout = 3000ms;
+        if (GetParam().tls) o.tls_ca_file = certificate().cert;
+        return o;
+    }
+
+    std::string url(const Router& router) const { return url_for(GetParam(), router.server); }
+
+    template <class T>
+    std::optional<qor::wamp::RpcResult<T>> call_and_wait(qor::QorClient& peer,
+                                                         const std::string& procedure,
+                                                         const std::string& arg) {
+        std::optional<qor::wamp::RpcResult<T>> got;
+        std::function<void(qor::wamp::RpcResult<T>)> done = [&](qor::wamp::RpcResult<T> r) {
+            got = r;
+        };
+        if (arg.empty())
+            peer.call<T>(done, procedure);
+        else
+            peer.call<T>(done, procedure, arg);
+        pump_until(peer, [&] { return got.has_value(); });
+        return got;
+    }
+};
+
+TEST_P(Transport, OpensCallsSubscribesAndReceivesEvents) {
+    Router router(server_options());
+    qor::QorClient peer;
+    auto& endpoint = qor::transport::connect(peer, url(router), client_options());
+    EXPECT_TRUE(peer.server_connected);
+    EXPECT_TRUE(peer.has_server);
+    EXPECT_EQ(&endpoint.client(), peer.server_endpoint);
+    EXPECT_EQ(LinkState::connected, endpoint.state());
+    ASSERT_TRUE(router.wait([&] { return router.joins.size() == 1; }));
+    EXPECT_EQ(endpoint.session_id(), router.joins[0].id);
+    EXPECT_EQ(GetParam().websocket ? "websocket" : "rawsocket", router.joins[0].transport);
+    EXPECT_EQ("anonymous", router.joins[0].authmethod);
+
+    auto echoed = call_and_wait<std::string>(peer, "echo", "hello");
+    ASSERT_TRUE(echoed);
+    EXPECT_FALSE(echoed->isError);
+    EXPECT_EQ("hello", echoed->value);
+
+    auto failed = call_and_wait<std::string>(peer, "fail", "");
+    ASSERT_TRUE(failed);
+    EXPECT_TRUE(failed->isError);
+    EXPECT_EQ("app.error.failed", failed->error);
+
+    std::vector<std::string> events;
+    std::optional<bool> subscribed;
+    peer.server_endpoint->subscriber.subscribe(
+        "qor.server.update",
+        [&](const qor::wamp::Message& m) {
+            std::string value;
+            qor::wamp::IncomingMessage(m).fillArgsNS(value);
+            events.push_back(value);
+        },
+        [&](bool ok, std::string) { subscribed = ok; });
+    ASSERT_TRUE(pump_until(peer, [&] { return subscribed.has_value(); }));
+    EXPECT_TRUE(*subscribed);
+    EXPECT_EQ(1, router.publish("qor.server.update", "one"));
+    EXPECT_EQ(1, router.publish("qor.server.update", "two"));
+    ASSERT_TRUE(pump_until(peer, [&] { return events.size() == 2; }));
+    EXPECT_EQ((std::vector<std::string>{"one", "two"}), events);
+
+    // A pass with nothing to do says so.
+    EXPECT_FALSE(peer.update_first() && peer.update_second() && peer.update_first());
+
+    endpoint.close();
+    EXPECT_FALSE(peer.server_connected);
+    EXPECT_EQ(LinkState::closed, endpoint.state());
+    ASSERT_TRUE(router.wait([&] { return router.leaves.size() == 1; }));
+    EXPECT_EQ("wamp.close.close_realm", router.leaves[0].second);
+    EXPECT_EQ("qor client cannot call operations before server is connected",
+              error_of([&] { call_and_wait<std::string>(peer, "echo", "x"); }));
+}
+
+TEST_P(Transport, PipelinedCallsAllComeBackInAnyNumber) {
+    Router router(server_options());
+    qor::QorClient peer;
+    qor::transport::connect(peer, url(router), client_options());
+    int answered = 0;
+    std::vector<std::string> values;
+    std::function<void(qor::wamp::RpcResult<std::string>)> done =
+        [&](qor::wamp::RpcResult<std::string> r) {
+            ++answered;
+            values.push_back(r.value);
+        };
+    for (int i = 0; i < 500; ++i) peer.call<std::string>(done, "echo", std::to_string(i));
+    ASSERT_TRUE(pump_until(peer, [&] { return answered == 500; }));
+    std::sort(values.begin(), values.end());
+    std::vector<std::string> expected;
+    for (int i = 0; i < 500; ++i) expected.push_back(std::to_string(i));
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(expected, values);
+}
+
+TEST_P(Transport, WrongRealmIsRefusedWithTheAbortReason) {
+    Router router(server_options());
+    qor::QorClient peer;
+    auto options = client_options();
+    options.realm = "elsewhere";
+    const std::string u = url(router);
+    EXPECT_EQ("cannot connect to '" + u +
+                  "': session refused: wamp.error.no_such_realm (no realm 'elsewhere')",
+              error_of([&] { qor::transport::connect(peer, u, options); }));
+    EXPECT_FALSE(peer.server_connected);
+    EXPECT_FALSE(peer.has_server);
+    EXPECT_EQ(nullptr, peer.server_endpoint);
+}
+
+TEST_P(Transport, TicketAndWampCraWithRightAndWrongSecrets) {
+    auto options = server_options();
+    qor::transport::Credential ticket;
+    ticket.authid = "alice";
+    ticket.ticket = "open sesame";
+    qor::transport::Credential cra;
+    cra.authid = "bob";
+    cra.wampcra_secret = "bob's secret";
+    qor::transport::Credential salted;
+    salted.authid = "carol";
+    salted.wampcra_secret = "carol's secret";
+    salted.wampcra_salt = "pepper";
+    salted.wampcra_iterations = 100;
+    salted.wampcra_keylen = 16;
+    options.credentials = {ticket, cra, salted};
+    Router router(options);
+    const std::string u = url(router);
+
+    struct Row {
+        const char* authid;
+        std::vector<std::string> methods;
+        const char* ticket;
+        const char* secret;
+        const char* error;  // empty: joins
+    };
+    const Row rows[] = {
+        {"alice", {"ticket"}, "open sesame", "", ""},
+        {"alice",
+         {"ticket"},
+         "open sesame!",
+         "",
+         "session refused: wamp.error.authentication_failed (wrong ticket secret for 'alice')"},
+        {"bob", {"wampcra"}, "", "bob's secret", ""},
+        {"bob", {"ticket", "wampcra"}, "", "bob's secret", ""},
+        {"bob",
+         {"wampcra"},
+         "",
+         "bob's secre",
+         "session refused: wamp.error.authentication_failed (wrong wampcra secret for 'bob')"},
+        {"carol", {"wampcra"}, "", "carol's secret", ""},
+        {"carol",
+         {"wampcra"},
+         "",
+         "carol's",
+         "session refused: wamp.error.authentication_failed (wrong wampcra secret for 'carol')"},
+        {"mallory",
+         {"ticket"},
+         "x",
+         "",
+         "session refused: wamp.error.not_authorized (unknown authid 'mallory')"},
+        {"alice",
+         {"wampcra"},
+         "",
+         "x",
+         "session refused: wamp.error.no_auth_method (no offered authentication method is "
+         "accepted for 'alice')"},
+        {"bob",
+         {"wampcra"},
+         "",
+         "",
+         "authentication method 'wampcra' requested without a secret for it"},
+    };
+    for (const Row& row : rows) {
+        qor::QorClient peer;
+        auto o = client_options();
+        o.authid = row.authid;
+        o.authmethods = row.methods;
+        o.ticket = row.ticket;
+        o.secret = row.secret;
+        const std::string error = error_of([&] { qor::transport::connect(peer, u, o); });
+        if (*row.error == 0) {
+            EXPECT_EQ("", error) << row.authid;
+            EXPECT_TRUE(peer.server_connected) << row.authid;
+        } else {
+            EXPECT_EQ("cannot connect to '" + u + "': " + row.error, error) << row.authid;
+            EXPECT_FALSE(peer.server_connected);
+        }
+    }
+    ASSERT_TRUE(router.wait([&] { return router.joins.size() == 4; }));
+    EXPECT_EQ("ticket", router.joins[0].authmethod);
+    EXPECT_EQ("alice", router.joins[0].authid);
+    EXPECT_EQ("wampcra", router.joins[1].authmethod);
+}
+
+TEST_P(Transport, ServerStoppedDuringABlockingCallFailsItAtOnce) {
+    auto router = std::make_unique<Router>(server_options());
+    qor::QorClient peer;
+    auto& endpoint = qor::transport::connect(peer, url(*router), client_options());
+    std::vector<LinkEvent> events;
+    endpoint.on_state_change([&](const LinkEvent& e) { events.push_back(e); });
+
+    dax::client::DaxClient client(&peer);
+    client.setTimeoutMs(60000);
+    std::thread killer([&] {
+        // Unanswered CALL seen: the server goes away under the waiting caller.
+        if (router->wait([&] { return !router->calls.empty(); })) router->server.stop();
+    });
+    const auto started = std::chrono::steady_clock::now();
+    EXPECT_EQ("qor.error.connection_lost", error_of([&] { client.CLEAR_SCENE(); }));
+    const auto waited = std::chrono::steady_clock::now() - started;
+    killer.join();
+    // Far below its own time-out: the loss completed it, not the clock.
+    EXPECT_LT(waited, std::chrono::seconds(30));
+    EXPECT_FALSE(peer.server_connected);
+    EXPECT_EQ(LinkState::disconnected, endpoint.state());
+    ASSERT_FALSE(events.empty());
+    EXPECT_EQ(LinkState::disconnected, events.back().state);
+    EXPECT_FALSE(events.back().will_retry);
+    EXPECT_FALSE(endpoint.last_error().empty());
+    EXPECT_TRUE(peer.server_endpoint->caller.pending.empty());
+}
+
+TEST_P(Transport, ReconnectRestoresSubscriptions) {
+    auto router = std::make_unique<Router>(server_options());
+    ServerOptions again = server_options();
+    again.rawsocket_port = router->server.rawsocket_port();
+    again.websocket_port = router->server.websocket_port();
+    qor::QorClient peer;
+    auto& endpoint = qor::transport::connect(peer, url(*router), client_options());
+    std::vector<std::string> events;
+    int confirmations = 0;
+    peer.server_endpoint->subscriber.subscribe(
+        "device.frames",
+        [&](const qor::wamp::Message& m) {
+            std::string value;
+            qor::wamp::IncomingMessage(m).fillArgsNS(value);
+            events.push_back(value);
+        },
+        [&](bool ok, std::string) { confirmations += ok ? 1 : 0; });
+    ASSERT_TRUE(pump_until(peer, [&] { return confirmations == 1; }));
+
+    router.reset();  // stops the server
+    ASSERT_TRUE(pump_until(peer, [&] { return !peer.server_connected; }));
+    EXPECT_THROW(endpoint.reconnect(), std::runtime_error);  // nobody listening
+
+    router = std::make_unique<Router>(again);
+    endpoint.reconnect();
+    EXPECT_TRUE(peer.server_connected);
+    ASSERT_TRUE(router->wait([&] { return router->subscriptions.size() == 1; }));
+    EXPECT_EQ("device.frames", router->subscriptions[0].topic);
+    ASSERT_TRUE(pump_until(peer, [&] { return confirmations == 2; }));
+    router->publish("device.frames", "after restart");
+    ASSERT_TRUE(pump_until(peer, [&] { return events.size() == 1; }));
+    EXPECT_EQ("after restart", events[0]);
+}
+
+TEST_P(Transport, AutomaticReconnectAfterServerRestart) {
+    auto router = std::make_unique<Router>(server_options());
+    ServerOptions again = server_options();
+    again.rawsocket_port = router->server.rawsocket_port();
+    again.websocket_port = router->server.websocket_port();
+    qor::QorClient peer;
+    auto options = client_options();
+    options.reconnect.enabled = true;
+    options.reconnect.initial_delay = 20ms;
+    options.reconnect.max_delay = 100ms;
+    options.reconnect.max_retries = 0;
+    auto& endpoint = qor::transport::connect(peer, url(*router), options);
+    std::vector<LinkEvent> events;
+    endpoint.on_state_change([&](const LinkEvent& e) { events.push_back(e); });
+    std::vector<std::string> received;
+    peer.server_endpoint->subscriber.subscribe(
+        "t",
+        [&](const qor::wamp::Message& m) {
+            std::string value;
+            qor::wamp::IncomingMessage(m).fillArgsNS(value);
+            received.push_back(value);
+        },
+        nullptr);
+    ASSERT_TRUE(router->wait([&] { return router->subscriptions.size() == 1; }));
+
+    router.reset();
+    ASSERT_TRUE(pump_until(peer, [&] { return !peer.server_connected; }));
+    // Let a few attempts fail against the closed port before the server comes back.
+    ASSERT_TRUE(pump_until(peer, [&] {
+        int failures = 0;
+        for (const auto& e : events) failures += e.state == LinkState::disconnected ? 1 : 0;
+        return failures >= 3;
+    }));
+    router = std::make_unique<Router>(again);
+    ASSERT_TRUE(pump_until(
+        peer, [&] { return peer.server_connected; }, 10000ms));
+    ASSERT_TRUE(router->wait([&] { return router->subscriptions.size() == 1; }));
+    router->publish("t", "back");
+    ASSERT_TRUE(pump_until(peer, [&] { return received.size() == 1; }));
+
+    ASSERT_GE(events.size(), 4u);
+    EXPECT_EQ(LinkState::disconnected, events[0].state);
+    EXPECT_TRUE(events[0].will_retry);
+    EXPECT_EQ(0, events[0].attempt);
+    EXPECT_EQ(LinkState::connected, events.back().state);
+    int max_attempt = 0;
+    for (const auto& e : events) {
+        max_attempt = std::max(max_attempt, e.attempt);
+        if (e.state == LinkState::disconnected) {
+            EXPECT_TRUE(e.will_retry);
+            EXPECT_LE(e.delay, 120ms);  // max_delay plus jitter
+        }
+    }
+    EXPECT_GE(max_attempt, 2);
+}
+
+TEST_P(Transport, SilentPeerIsFoundByTheKeepalive) {
+    Router router(server_options());
+    qor::QorClient peer;
+    auto options = client_options();
+    options.keepalive_interval = 30ms;
+    options.keepalive_timeout = 150ms;
+    auto& endpoint = qor::transport::connect(peer, url(router), options);
+    // Answered pings keep an idle link up.
+    pump_until(
+        peer, [] { return false; }, 300ms);
+    EXPECT_TRUE(peer.server_connected);
+    router.server.set_silent(true);
+    ASSERT_TRUE(pump_until(peer, [&] { return !peer.server_connected; }));
+    EXPECT_EQ("keepalive: no answer within 150 ms", endpoint.last_error());
+}
+
+TEST_P(Transport, IncomingMessageOverTheLimitEndsTheLink) {
+    Router router(server_options());
+    qor::QorClient peer;
+    auto options = client_options();
+    options.max_message_size = 64 * 1024;
+    auto& endpoint = qor::transport::connect(peer, url(router), options);
+    std::optional<qor::wamp::RpcResult<msgpack::buffer>> got;
+    std::function<void(qor::wamp::RpcResult<msgpack::buffer>)> done =
+        [&](qor::wamp::RpcResult<msgpack::buffer> r) { got = r; };
+    peer.call<msgpack::buffer>(done, "big", 1000LL);
+    ASSERT_TRUE(pump_until(peer, [&] { return got.has_value(); }));
+    EXPECT_FALSE(got->isError);
+    EXPECT_EQ(1000u, got->value.size);
+    got.reset();
+    peer.call<msgpack::buffer>(done, "big", 200000LL);
+    ASSERT_TRUE(pump_until(peer, [&] { return got.has_value(); }));
+    EXPECT_TRUE(got->isError);
+    EXPECT_EQ("qor.error.connection_lost", got->error);
+    EXPECT_FALSE(peer.server_connected);
+    // RawSocket: the server refuses to send beyond what we announced; WebSocket: we refuse it.
+    EXPECT_FALSE(endpoint.last_error().empty());
+}
+
+TEST_P(Transport, OutgoingMessageOverThePeersLimit) {
+    auto options = server_options();
+    options.max_message_size = 1024;
+    Router router(options);
+    qor::QorClient peer;
+    auto& endpoint = qor::transport::connect(peer, url(router), client_options());
+    std::function<void(qor::wamp::RpcResult<std::string>)> ignore =
+        [](qor::wamp::RpcResult<std::string>) {};
+    const std::string large(4000, 'x');
+    if (GetParam().websocket) {
+        // WebSocket announces no limit: the server ends the link when it sees the message.
+        peer.call<std::string>(ignore, "echo", large);
+        ASSERT_TRUE(pump_until(peer, [&] { return !peer.server_connected; }));
+        EXPECT_FALSE(endpoint.last_error().empty());
+    } else {
+        EXPECT_EQ("rawsocket: message larger than the peer accepts",
+                  error_of([&] { peer.call<std::string>(ignore, "echo", large); }));
+        EXPECT_TRUE(peer.server_connected);
+    }
+}
+
+const Scheme schemes[] = {
+    {"rs", false, false}, {"ws", true, false}, {"rss", false, true}, {"wss", true, true}};
+INSTANTIATE_TEST_SUITE_P(Schemes, Transport, ::testing::ValuesIn(schemes),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST(ConnectFailures, RefusedPortNamesUrlAndCause) {
+    // A port that was just free: bind, read the number, close.
+    uint16_t port = 0;
+    {
+        RawPeer closed;
+        port = closed.port;
+    }
+    const std::string url = "rs://127.0.0.1:" + std::to_string(port);
+    qor::QorClient peer;
+    EXPECT_EQ("cannot connect to '" + url + "': connection refused",
+              error_of([&] { qor::transport::connect(peer, url); }));
+    EXPECT_FALSE(peer.has_server);
+    EXPECT_TRUE(peer.owned_connections.empty());
+}
+
+TEST(ConnectFailures, ServerThatNeverAnswersTimesOut) {
+    RawPeer mute;  // listens, never accepts
+    ConnectOptions options;
+    options.connect_timeout = 200ms;
+    for (const char* scheme : {"rs", "ws"}) {
+        const std::string url = std::string(scheme) + "://127.0.0.1:" + std::to_string(mute.port);
+        qor::QorClient peer;
+        EXPECT_EQ("cannot connect to '" + url + "': timed out after 200 ms",
+                  error_of([&] { qor::transport::connect(peer, url, options); }));
+    }
+}
+
+TEST(ConnectFailures, BadAddressAndTls) {
+    qor::QorClient peer;
+    EXPECT_EQ("invalid URL 'tcp://x:1': unsupported scheme 'tcp' (use rs, rss, ws or wss)",
+              error_of([&] { qor::transport::connect(peer, "tcp://x:1"); }));
+    if (!certificate().ok) GTEST_SKIP() << "openssl could not make a certificate";
+    ServerOptions so;
+    so.tls_certificate_file = certificate().cert;
+    so.tls_private_key_file = certificate().key;
+    Router router(so);
+    const std::string url = "wss://127.0.0.1:" + std::to_string(router.server.websocket_port());
+    // The self-signed certificate is not trusted by the system store.
+    const std::string error = error_of([&] { qor::transport::connect(peer, url); });
+    EXPECT_EQ(0u, error.find("cannot connect to '" + url + "': TLS error: ")) << error;
+    // Without verification it opens.
+    ConnectOptions lax;
+    lax.tls_verify = false;
+    qor::transport::connect(peer, url, lax);
+    EXPECT_TRUE(peer.server_connected);
+    // A TLS client against a plain server fails in the TLS handshake.
+    Router plain;
+    const std::string mixed = "rss://127.0.0.1:" + std::to_string(plain.server.rawsocket_port());
+    qor::QorClient other;
+    const std::string mixed_error = error_of([&] { qor::transport::connect(other, mixed, lax); });
+    EXPECT_EQ(0u, mixed_error.find("cannot connect to '" + mixed + "': TLS")) << mixed_error;
+}
+
+// A RawSocket peer that misbehaves at each step; bytes in hex.
+TEST(ConnectFailures, MisbehavingRawSocketPeers) {
+    struct Row {
+        const char* name;
+        std::vector<uint8_t> handshake;
+        std::vector<uint8_t> after_hello;
+        const char* error;
+    };
+    const std::vector<uint8_t> ok = {0x7F, 0xF2, 0, 0};
+    const Row rows[] = {
+        {"refusal", {0x7F, 0x10, 0, 0}, {}, "handshake refused: serializer unsupported"},
+        {"refusal 4",
+         {0x7F, 0x40, 0, 0},
+         {},
+         "handshake refused: maximum connection count reached"},
+        {"json", {0x7F, 0xF1, 0, 0}, {}, "handshake refused: unsupported serializer 1"},
+        {"http", {'H', 'T', 'T', 'P'}, {}, "bad handshake: rawsocket: bad handshake magic byte"},
+        {"reserved",
+         {0x7F, 0xF2, 0, 1},
+         {},
+         "bad handshake: rawsocket: reserved handshake bytes are not zero"},
+        {"garbage message", ok, {0, 0, 0, 3, 0xC1, 0xC1, 0xC1}, "protocol error: "},
+        {"frame type 5", ok, {5, 0, 0, 0}, "rawsocket: invalid frame type"},
+        {"oversized frame", ok, {0, 0xFF, 0xFF, 0xFF}, "rawsocket: frame too large"},
+        {"not a welcome", ok, {0, 0, 0, 3, 0x92, 0x06, 0x80}, "protocol error: "},
+        {"eof", ok, {}, "no handshake reply: "},
+    };
+    for (const Row& row : rows) {
+        RawPeer peer_socket;
+        if (std::string(row.name) == "eof")
+            peer_socket.script(4, {}, {});
+        else
+            peer_socket.script(4, row.handshake, row.after_hello);
+        ConnectOptions options;
+        options.connect_timeout = 1000ms;
+        options.max_message_size = 64 * 1024;
+        const std::string url = "rs://127.0.0.1:" + std::to_string(peer_socket.port);
+        qor::QorClient peer;
+        const std::string error = error_of([&] { qor::transport::connect(peer, url, options); });
+        const std::string prefix = "cannot connect to '" + url + "': " + row.error;
+        if (std::string(row.name) == "eof") {
+            // Nothing sent back: the opening runs out of time.
+            EXPECT_EQ("cannot connect to '" + url + "': timed out after 1000 ms", error);
+        } else {
+            EXPECT_EQ(0u, error.find(prefix)) << row.name << ": " << error;
+        }
+    }
+}
+
+TEST(ConnectFailures, GarbageAfterWelcomeIsALinkLoss) {
+    // WELCOME [2, 1, {}] then a frame whose payload is no WAMP message.
+    RawPeer peer_socket;
+    peer_socket.script(4, {0x7F, 0xF2, 0, 0},
+                       {0, 0, 0, 4, 0x93, 0x02, 0x01, 0x80, 0, 0, 0, 2, 0xA1, 0x41});
+    qor::QorClient peer;
+    auto& endpoint =
+        qor::transport::connect(peer, "rs://127.0.0.1:" + std::to_string(peer_socket.port));
+    EXPECT_EQ(1u, endpoint.session_id());
+    ASSERT_TRUE(pump_until(peer, [&] { return !peer.server_connected; }));
+    EXPECT_EQ(0u, endpoint.last_error().find("protocol error: ")) << endpoint.last_error();
+}
+
+TEST(Server, GoodbyeFromTheServerEndsTheSessionAndDevicesSourcesServeTopics) {
+    Router router;
+    qor::QorClient peer;
+    const std::string url = "rs://127.0.0.1:" + std::to_string(router.server.rawsocket_port());
+    auto& server_link = qor::transport::connect(peer, url);
+    std::vector<std::string> frames;
+    peer.pending_device_bindings["kinect_frame_0"] = [&](qor::wamp::Client* c) {
+        c->subscriber.subscribe(
+            "kinect_frame_0",
+            [&](const qor::wamp::Message& m) {
+                std::string v;
+                qor::wamp::IncomingMessage(m).fillArgsNS(v);
+                frames.push_back(v);
+            },
+            nullptr);
+    };
+    auto& device = qor::transport::connect_device_source(peer, url, {"kinect_frame_0"});
+    ASSERT_EQ(1u, peer.extra_endpoints.size());
+    EXPECT_EQ(&device.client(), peer.extra_endpoints[0]);
+    EXPECT_EQ(&device.client(), peer.topic_endpoints["kinect_frame_0"]);
+    EXPECT_TRUE(peer.pending_device_bindings.empty());
+    ASSERT_TRUE(router.wait([&] { return router.subscriptions.size() == 1; }));
+    EXPECT_EQ(device.session_id(), router.subscriptions[0].session);
+    router.publish("kinect_frame_0", "frame");
+    ASSERT_TRUE(pump_until(peer, [&] { return frames.size() == 1; }));
+
+    router.server.close(server_link.session_id(), "wamp.close.system_shutdown");
+    ASSERT_TRUE(pump_until(peer, [&] { return !peer.server_connected; }));
+    EXPECT_EQ("closed by the server: wamp.close.system_shutdown", server_link.last_error());
+    EXPECT_TRUE(device.connected());
+    ASSERT_TRUE(router.wait([&] { return router.leaves.size() == 1; }));
+    EXPECT_EQ("wamp.close.system_shutdown", router.leaves[0].second);
+}
+
+TEST(Server, RefusesWhatIsNotWamp) {
+    Router router;
+    qor::QorClient peer;
+    ConnectOptions options;
+    options.connect_timeout = 1000ms;
+    // A RawSocket client talking to the WebSocket port gets no HTTP answer it understands.
+    const std::string wrong = "rs://127.0.0.1:" + std::to_string(router.server.websocket_port());
+    EXPECT_EQ(0u, error_of([&] {
+                      qor::transport::connect(peer, wrong, options);
+                  }).find("cannot connect to '" + wrong + "': "));
+    // And a WebSocket client on the RawSocket port.
+    const std::string wrong2 = "ws://127.0.0.1:" + std::to_string(router.server.rawsocket_port());
+    EXPECT_EQ(0u, error_of([&] {
+                      qor::transport::connect(peer, wrong2, options);
+                  }).find("cannot connect to '" + wrong2 + "': "));
+    EXPECT_TRUE(router.joins.empty());
+    EXPECT_FALSE(peer.server_connected);
+}
+
+}  // namespace
