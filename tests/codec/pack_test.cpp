@@ -239,3 +239,25 @@ TEST(PackBuffer, AppendsToExistingBytesAndGrowTailReturnsTheOldEnd) {
     msgpack::pack(out, 5);
     EXPECT_EQ(to_hex(out), "01 02 00 00 00 05");
 }
+
+TEST(PackRuns, VectorsOfNumbersGiveTheSameBytesAsOneValueAtATime) {
+    std::vector<long> longs;
+    for (const auto& row : signed_rows) longs.push_back(long(row.value));
+    for (const auto& row : wide_rows) longs.push_back(long(row.value));
+    std::vector<uint8_t> expected;
+    msgpack::pack_array_header(expected, longs.size());
+    for (long v : longs) msgpack::pack(expected, v);
+    std::vector<uint8_t> out{0xAB};  // a run appends after what is there
+    msgpack::pack(out, longs);
+    expected.insert(expected.begin(), 0xAB);
+    EXPECT_EQ(to_hex(out), to_hex(expected));
+
+    const std::vector<int> ints{0, -1, 127, 128, -128, -32768, 2147483647};
+    EXPECT_EQ(packed(ints), "97 00 ff 7f cc 80 d1 ff 80 d2 ff ff 80 00 ce 7f ff ff ff");
+    const std::vector<unsigned long> ids{1, 255, 65536, 4294967296ul};
+    EXPECT_EQ(packed(ids), "94 01 cc ff ce 00 01 00 00 cf 00 00 00 01 00 00 00 00");
+    EXPECT_EQ(packed(std::vector<uint32_t>{0, 7}), "92 ce 00 00 00 00 ce 00 00 00 07");
+    EXPECT_EQ(packed(std::vector<double>{1.0, -2.5}),
+              "92 cb 3f f0 00 00 00 00 00 00 cb c0 04 00 00 00 00 00 00");
+    EXPECT_EQ(packed(std::vector<long long>{}), "90");
+}

@@ -284,3 +284,35 @@ TEST(ReadBuffer, ReadersLeaveTheCursorBehindEachValueForTheNext) {
     EXPECT_EQ(over_block.size, bytes.size());
     EXPECT_EQ(over_block.position, 0u);
 }
+
+TEST(ReadRuns, VectorsOfNumbersAcceptEveryFormAndStopAtTheFailingValue) {
+    const auto ints =
+        hex("96 00 ff cc 80 d1 ff 80 cf 00 00 00 01 00 00 00 05 d3 ff ff ff ff ff ff ff fe");
+    EXPECT_EQ(read_all<std::vector<int>>(ints), (std::vector<int>{0, -1, 128, -128, 5, -2}));
+    EXPECT_EQ(read_all<std::vector<long>>(ints),
+              (std::vector<long>{0, -1, 128, -128, 4294967301l, -2}));
+    EXPECT_EQ(read_all<std::vector<uint32_t>>(ints),
+              (std::vector<uint32_t>{0, 0xFFFFFFFFu, 128, 0xFFFFFF80u, 5, 0xFFFFFFFEu}));
+    EXPECT_EQ(read_all<std::vector<unsigned long>>(hex("92 01 cf ff ff ff ff ff ff ff ff")),
+              (std::vector<unsigned long>{1, 0xFFFFFFFFFFFFFFFFul}));
+
+    const auto floats = hex("92 ca 3f c0 00 00 cb 3f f8 00 00 00 00 00 00");
+    EXPECT_EQ(read_all<std::vector<double>>(floats), (std::vector<double>{1.5, 1.5}));
+    EXPECT_EQ(read_all<std::vector<float>>(floats), (std::vector<float>{1.5f, 1.5f}));
+
+    // The third value is a string: two elements written, the cursor at the string.
+    const auto bad = hex("94 cb 3f f0 00 00 00 00 00 00 ca 3f c0 00 00 a1 61 01");
+    std::vector<double> values;
+    msgpack::ReadBuffer in(bad.data(), bad.size());
+    EXPECT_EQ(error_of([&] { msgpack::read(in, values); }), "expected double value");
+    EXPECT_EQ(values, (std::vector<double>{1.0, 1.5, 0.0, 0.0}));
+    EXPECT_EQ(in.position, 15u);
+
+    // A run truncated inside its last value.
+    const auto cut = hex("92 01 cd 01");
+    std::vector<long long> longs;
+    msgpack::ReadBuffer c(cut.data(), cut.size());
+    EXPECT_EQ(error_of([&] { msgpack::read(c, longs); }), "unexpected end of data");
+    EXPECT_EQ(c.position, 2u);
+    EXPECT_EQ(longs, (std::vector<long long>{1, 0}));
+}

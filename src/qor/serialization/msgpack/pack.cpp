@@ -18,68 +18,56 @@ uint8_t* grow(std::vector<uint8_t>& out, uint64_t n) {
     return out.data() + at;
 }
 
-// Encoded size of a signed value by the integer rule. The negative side is deliberately one
-// step narrower than the format permits (-128 takes int 16, -32768 int 32): the server and
-// every existing peer expect exactly these forms.
-uint64_t signed_size(int64_t v) {
-    if (v >= 0) {
-        if (v <= 0x7F) return 1;
-        if (v <= 0xFF) return 2;
-        if (v <= 0xFFFF) return 3;
-        if (v <= 0xFFFFFFFFll) return 5;
-        return 9;
-    }
-    if (v >= -32) return 1;
-    if (v >= -127) return 2;
-    if (v >= -32767) return 3;
-    if (v >= -2147483648ll) return 5;
-    return 9;
+// Writes one integer form at `p`: `form` 0 is the one-byte fixint (the low byte of `bits`),
+// 1 to 4 the forms with 1, 2, 4 and 8 value bytes, whose type bytes are `base` + `form`.
+// Always stores nine bytes, so `p` needs that much room; returns the bytes that count. The
+// width is chosen by arithmetic rather than branches: in a run of mixed magnitudes branch
+// mispredictions would otherwise cost more than the writing.
+inline uint64_t put_form(uint8_t* p, uint64_t bits, unsigned form, unsigned base) {
+    static constexpr uint8_t value_bytes[5] = {0, 1, 2, 4, 8};
+    const unsigned width = value_bytes[form];
+    p[0] = form == 0 ? uint8_t(bits) : uint8_t(base + form);
+    put_be64(p + 1, bits << ((64 - 8 * width) & 63));  // value bytes first, the rest is slack
+    return 1 + width;
 }
 
-void fill_signed(uint8_t* p, int64_t v, uint64_t size) {
-    if (v >= 0) {
-        switch (size) {
-            case 1:
-                put_u8(p, uint8_t(v));
-                break;
-            case 2:
-                put_u8(put_u8(p, 0xCC), uint8_t(v));
-                break;
-            case 3:
-                put_be16(put_u8(p, 0xCD), uint16_t(v));
-                break;
-            case 5:
-                put_be32(put_u8(p, 0xCE), uint32_t(v));
-                break;
-            default:
-                put_be64(put_u8(p, 0xCF), uint64_t(v));
-                break;
-        }
-        return;
-    }
-    switch (size) {
-        case 1:
-            put_u8(p, uint8_t(int8_t(v)));
-            break;
-        case 2:
-            put_u8(put_u8(p, 0xD0), uint8_t(int8_t(v)));
-            break;
-        case 3:
-            put_be16(put_u8(p, 0xD1), uint16_t(int16_t(v)));
-            break;
-        case 5:
-            put_be32(put_u8(p, 0xD2), uint32_t(int32_t(v)));
-            break;
-        default:
-            put_be64(put_u8(p, 0xD3), uint64_t(v));
-            break;
-    }
+// The integer rule for signed values. Non-negative values take the unsigned forms. The
+// negative side is deliberately one step narrower than the format permits (-128 takes
+// int 16, -32768 int 32): the server and every existing peer expect exactly these forms.
+inline uint64_t put_signed(uint8_t* p, int64_t v) {
+    const unsigned up = (v > 0x7F) + (v > 0xFF) + (v > 0xFFFF) + (v > 0xFFFFFFFFll);
+    const unsigned down = (v < -32) + (v < -127) + (v < -32767) + (v < -2147483648ll);
+    return v < 0 ? put_form(p, uint64_t(v), down, 0xCF) : put_form(p, uint64_t(v), up, 0xCB);
 }
 
-void pack_signed(std::vector<uint8_t>& out, int64_t v) {
-    const uint64_t size = signed_size(v);
-    fill_signed(grow(out, size), v, size);
+inline uint64_t put_unsigned(uint8_t* p, uint64_t v) {
+    const unsigned up = (v > 0x7F) + (v > 0xFF) + (v > 0xFFFF) + (v > 0xFFFFFFFFull);
+    return put_form(p, v, up, 0xCB);
 }
+
+constexpr uint64_t max_integer_size = 9;
+
+// One integer: room for the widest form, then the vector is cut back to the bytes written.
+template <class Put, class T>
+void pack_integer(std::vector<uint8_t>& out, Put put, T v) {
+    const uint64_t at = out.size();
+    out.resize(at + max_integer_size);
+    out.resize(at + put(out.data() + at, v));
+}
+
+// A run of integers grown once for the widest forms and cut back once at the end.
+template <class Put, class T>
+void pack_integers(std::vector<uint8_t>& out, Put put, const T* values, uint64_t count) {
+    const uint64_t at = out.size();
+    out.resize(at + count * max_integer_size);
+    uint8_t* const start = out.data() + at;
+    uint8_t* p = start;
+    for (uint64_t i = 0; i < count; ++i) p += put(p, values[i]);
+    out.resize(at + uint64_t(p - start));
+}
+
+const auto put_signed_fn = [](uint8_t* p, int64_t v) { return put_signed(p, v); };
+const auto put_unsigned_fn = [](uint8_t* p, uint64_t v) { return put_unsigned(p, v); };
 
 // Length-prefixed forms (str, bin): `form8` is the 8-bit-length type byte, followed in the
 // format by the 16 and 32-bit ones; `fix_base` is the one-byte form for lengths below
@@ -150,15 +138,15 @@ void pack(std::vector<uint8_t>& out, bool value) {
 }
 
 void pack(std::vector<uint8_t>& out, int value) {
-    pack_signed(out, value);
+    pack_integer(out, put_signed_fn, value);
 }
 
 void pack(std::vector<uint8_t>& out, long value) {
-    pack_signed(out, value);
+    pack_integer(out, put_signed_fn, value);
 }
 
 void pack(std::vector<uint8_t>& out, long long value) {
-    pack_signed(out, value);
+    pack_integer(out, put_signed_fn, value);
 }
 
 void pack(std::vector<uint8_t>& out, uint32_t value) {
@@ -166,17 +154,7 @@ void pack(std::vector<uint8_t>& out, uint32_t value) {
 }
 
 void pack(std::vector<uint8_t>& out, unsigned long value) {
-    if (value <= 0x7F) {
-        out.push_back(uint8_t(value));
-    } else if (value <= 0xFF) {
-        put_u8(put_u8(grow(out, 2), 0xCC), uint8_t(value));
-    } else if (value <= 0xFFFF) {
-        put_be16(put_u8(grow(out, 3), 0xCD), uint16_t(value));
-    } else if (value <= 0xFFFFFFFFul) {
-        put_be32(put_u8(grow(out, 5), 0xCE), uint32_t(value));
-    } else {
-        put_be64(put_u8(grow(out, 9), 0xCF), uint64_t(value));
-    }
+    pack_integer(out, put_unsigned_fn, value);
 }
 
 void pack(std::vector<uint8_t>& out, double value) {
@@ -206,6 +184,32 @@ void pack(std::vector<uint8_t>& out, const std::vector<bool>& values) {
     pack_array_header(out, values.size());
     uint8_t* p = grow(out, values.size());
     for (bool v : values) *p++ = v ? 0xC3 : 0xC2;
+}
+
+void pack_values(std::vector<uint8_t>& out, const int* values, uint64_t count) {
+    pack_integers(out, put_signed_fn, values, count);
+}
+
+void pack_values(std::vector<uint8_t>& out, const long* values, uint64_t count) {
+    pack_integers(out, put_signed_fn, values, count);
+}
+
+void pack_values(std::vector<uint8_t>& out, const long long* values, uint64_t count) {
+    pack_integers(out, put_signed_fn, values, count);
+}
+
+void pack_values(std::vector<uint8_t>& out, const unsigned long* values, uint64_t count) {
+    pack_integers(out, put_unsigned_fn, values, count);
+}
+
+void pack_values(std::vector<uint8_t>& out, const uint32_t* values, uint64_t count) {
+    uint8_t* p = grow(out, count * uint32_size);
+    for (uint64_t i = 0; i < count; ++i) p = put_uint32(p, values[i]);
+}
+
+void pack_values(std::vector<uint8_t>& out, const double* values, uint64_t count) {
+    uint8_t* p = grow(out, count * float64_size);
+    for (uint64_t i = 0; i < count; ++i) p = put_float64(p, values[i]);
 }
 
 }  // namespace qor::serialization::msgpack

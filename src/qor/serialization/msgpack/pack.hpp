@@ -4,6 +4,7 @@
 #include <map>
 #include <string>
 #include <tuple>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -47,6 +48,21 @@ void pack(std::vector<uint8_t>& out, const buffer& value);
 /// Array of single-byte booleans.
 void pack(std::vector<uint8_t>& out, const std::vector<bool>& values);
 
+// Runs of numbers, each by its own rule above and without an array header: the same bytes
+// as packing them one at a time, with the target grown once for the whole run.
+/// `count` values of `values`, each in its smallest form.
+void pack_values(std::vector<uint8_t>& out, const int* values, uint64_t count);
+/// `count` values of `values`, each in its smallest form.
+void pack_values(std::vector<uint8_t>& out, const long* values, uint64_t count);
+/// `count` values of `values`, each in its smallest form.
+void pack_values(std::vector<uint8_t>& out, const long long* values, uint64_t count);
+/// `count` values of `values`, each in its smallest unsigned form.
+void pack_values(std::vector<uint8_t>& out, const unsigned long* values, uint64_t count);
+/// `count` values of `values`, each as uint 32.
+void pack_values(std::vector<uint8_t>& out, const uint32_t* values, uint64_t count);
+/// `count` values of `values`, each as float 64.
+void pack_values(std::vector<uint8_t>& out, const double* values, uint64_t count);
+
 // The container templates are declared together before any is defined, so that each finds
 // the others for nested types (a vector of tuples, a tuple holding a map...).
 template <class T>
@@ -58,11 +74,17 @@ void pack(std::vector<uint8_t>& out, const std::tuple<Ts...>& values);
 template <class A, class B>
 void pack(std::vector<uint8_t>& out, const std::pair<A, B>& value);
 
-/// Array header, then each element by its own rule.
+/// Array header, then each element by its own rule (numbers in one run).
 template <class T>
 void pack(std::vector<uint8_t>& out, const std::vector<T>& values) {
     pack_array_header(out, values.size());
-    for (const T& v : values) pack(out, v);
+    if constexpr (std::is_same_v<T, int> || std::is_same_v<T, long> ||
+                  std::is_same_v<T, long long> || std::is_same_v<T, unsigned long> ||
+                  std::is_same_v<T, uint32_t> || std::is_same_v<T, double>) {
+        pack_values(out, values.data(), values.size());
+    } else {
+        for (const T& v : values) pack(out, v);
+    }
 }
 
 /// Map header, then each key and value in the map's key order.

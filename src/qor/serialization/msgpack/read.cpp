@@ -53,6 +53,45 @@ uint64_t read_container_header(ReadBuffer& in, uint8_t fix_base, uint8_t form16,
     return count;
 }
 
+// Decodes `count` values into consecutive elements with the cursor kept in locals; on an
+// error the cursor is left at the failing value, as the one-value readers leave it.
+template <class T, class Decode>
+void read_run(ReadBuffer& in, T* values, uint64_t count, Decode decode) {
+    const uint8_t* const data = in.data;
+    const uint64_t size = in.size;
+    uint64_t position = in.position;
+    try {
+        for (uint64_t i = 0; i < count; ++i) {
+            const uint64_t avail = position < size ? size - position : 0;
+            position += decode(avail == 0 ? data : data + position, avail, values[i]);
+        }
+    } catch (...) {
+        in.position = position;
+        throw;
+    }
+    in.position = position;
+}
+
+template <class T>
+void read_integers(ReadBuffer& in, T* values, uint64_t count) {
+    read_run(in, values, count, [](const uint8_t* p, uint64_t avail, T& value) {
+        uint64_t bits;
+        const uint64_t used = detail::decode_integer(p, avail, bits);
+        value = static_cast<T>(bits);  // two's complement: the low bits for the narrow targets
+        return used;
+    });
+}
+
+template <class T>
+void read_floats(ReadBuffer& in, T* values, uint64_t count, const char* wrong_type) {
+    read_run(in, values, count, [wrong_type](const uint8_t* p, uint64_t avail, T& value) {
+        double wide;
+        const uint64_t used = detail::decode_floating(p, avail, wide, wrong_type);
+        value = static_cast<T>(wide);
+        return used;
+    });
+}
+
 [[noreturn]] void throw_count(const char* what, uint64_t in_message, uint64_t expected,
                               const char* container) {
     std::ostringstream text;
@@ -133,6 +172,34 @@ void read(ReadBuffer& in, std::vector<bool>& values) {
     const uint8_t* p = in.data + in.position;
     for (uint64_t i = 0; i < count; ++i) values[i] = p[i] == 0xC3;
     in.position += count;
+}
+
+void read_values(ReadBuffer& in, int* values, uint64_t count) {
+    read_integers(in, values, count);
+}
+
+void read_values(ReadBuffer& in, long* values, uint64_t count) {
+    read_integers(in, values, count);
+}
+
+void read_values(ReadBuffer& in, long long* values, uint64_t count) {
+    read_integers(in, values, count);
+}
+
+void read_values(ReadBuffer& in, unsigned long* values, uint64_t count) {
+    read_integers(in, values, count);
+}
+
+void read_values(ReadBuffer& in, uint32_t* values, uint64_t count) {
+    read_integers(in, values, count);
+}
+
+void read_values(ReadBuffer& in, float* values, uint64_t count) {
+    read_floats(in, values, count, "expected float value");
+}
+
+void read_values(ReadBuffer& in, double* values, uint64_t count) {
+    read_floats(in, values, count, "expected double value");
 }
 
 uint64_t skip(ReadBuffer& in) {

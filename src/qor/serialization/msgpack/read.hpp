@@ -4,6 +4,7 @@
 #include <map>
 #include <string>
 #include <tuple>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -24,8 +25,8 @@ struct ReadBuffer {
     /// A cursor over `count` bytes at `bytes`, at position 0.
     ReadBuffer(const uint8_t* bytes, uint64_t count);
 
-    /// Bytes not yet read.
-    uint64_t remaining() const { return size - position; }
+    /// Bytes not yet read (0 for a cursor moved past its end).
+    uint64_t remaining() const { return position < size ? size - position : 0; }
     /// Pointer to the next byte to read.
     const uint8_t* current() const { return data + position; }
 };
@@ -59,6 +60,23 @@ void read(ReadBuffer& in, buffer& value);
 /// Array of single-byte booleans.
 void read(ReadBuffer& in, std::vector<bool>& values);
 
+// Runs of numbers read into consecutive elements, each by its reader above. On an error the
+// position is at the failing value and the elements before it are already overwritten.
+/// `count` integers into `values`.
+void read_values(ReadBuffer& in, int* values, uint64_t count);
+/// `count` integers into `values`.
+void read_values(ReadBuffer& in, long* values, uint64_t count);
+/// `count` integers into `values`.
+void read_values(ReadBuffer& in, long long* values, uint64_t count);
+/// `count` integers into `values`.
+void read_values(ReadBuffer& in, unsigned long* values, uint64_t count);
+/// `count` integers into `values`.
+void read_values(ReadBuffer& in, uint32_t* values, uint64_t count);
+/// `count` float 32 or float 64 values into `values`.
+void read_values(ReadBuffer& in, float* values, uint64_t count);
+/// `count` float 32 or float 64 values into `values`.
+void read_values(ReadBuffer& in, double* values, uint64_t count);
+
 /// Skips one complete value of any form (ext included) and returns its size in bytes. Walks
 /// without recursion, so any nesting depth is safe; refuses 0xC1 ("invalid type byte 0xC1").
 uint64_t skip(ReadBuffer& in);
@@ -81,12 +99,19 @@ void read(ReadBuffer& in, std::tuple<Ts...>& values);
 template <class A, class B>
 void read(ReadBuffer& in, std::pair<A, B>& value);
 
-/// Array header, resize to exactly its count, then each element in place.
+/// Array header, resize to exactly its count, then each element in place (numbers in one run).
 template <class T>
 void read(ReadBuffer& in, std::vector<T>& values) {
     const uint64_t count = read_array_header(in);
     values.resize(count);
-    for (T& v : values) read(in, v);
+    if constexpr (std::is_same_v<T, int> || std::is_same_v<T, long> ||
+                  std::is_same_v<T, long long> || std::is_same_v<T, unsigned long> ||
+                  std::is_same_v<T, uint32_t> || std::is_same_v<T, float> ||
+                  std::is_same_v<T, double>) {
+        read_values(in, values.data(), count);
+    } else {
+        for (T& v : values) read(in, v);
+    }
 }
 
 /// Map header, then keys and values; an existing key is overwritten.
