@@ -198,6 +198,11 @@ void pack_fields(std::vector<uint8_t>& out, const T& record) {
 
 }  // namespace detail
 
+// The codec's overloads join the records' so that dax::types::pack and read take any value:
+// records, their vectors and the scalars alike.
+using qor::serialization::msgpack::pack;
+using qor::serialization::msgpack::read;
+
 /// Appends `record` as an array of its fields in declaration order.
 template <class T, std::enable_if_t<is_record_v<T>, int> = 0>
 void pack(std::vector<uint8_t>& out, const T& record) {
