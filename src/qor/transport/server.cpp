@@ -552,6 +552,10 @@ void Server::stop() {
         impl->io.stop();
     });
     s.thread.join();
+    // The cancelled operations still hold the state they captured; running their handlers
+    // here releases it, so nothing outlives the server.
+    s.io.restart();
+    s.io.poll();
     s.rs_port = 0;
     s.ws_port = 0;
 }

@@ -96,8 +96,10 @@ class ChannelBase : public Channel {
     std::string peer_;
 
     void report_closed(const std::string& cause) {
+        // The message handler may be the caller of this very close, so it is left in place;
+        // once `closed_` is set it is never called again.
         auto closed = std::move(handlers_.closed);
-        handlers_ = Handlers{};
+        handlers_.closed = nullptr;
         if (closed) closed(cause);
     }
 
