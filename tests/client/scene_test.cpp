@@ -1,0 +1,318 @@
+// Scene records both ways, per-step state, sync_step, and the whole path beside a real plug-in.
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <qor/serialization/msgpack/pack.hpp>
+
+#include "client_fixture.hpp"
+#include "test_components.hpp"
+
+namespace client_test {
+namespace {
+
+using dax::client::DaxClient;
+using qor::serialization::msgpack::buffer;
+namespace mp = qor::serialization::msgpack;
+
+class SceneTest : public ClientTest {
+  protected:
+    /// The scene record of the last SEND_SCENE, without its bin header.
+    std::string sent_scene() {
+        const qor::wamp::Message& call = net.link.last_call();
+        EXPECT_EQ(call.procedure, "qor.server.operation.SEND_SCENE");
+        EXPECT_EQ(call.args_count, 1u);
+        mp::ReadBuffer in(call.raw.data + call.args_offset, call.args_end - call.args_offset);
+        buffer scene;
+        mp::read(in, scene);
+        return to_hex(scene);
+    }
+    /// Runs `action` and returns the text of the std::runtime_error it throws.
+    template <class F>
+    std::string error_of(F&& action) {
+        try {
+            action();
+        } catch (const std::runtime_error& e) {
+            return e.what();
+        }
+        return "no exception";
+    }
+    /// A step result carrying `states` (hex of the map).
+    static dax::types::integration_result_t step_result(const std::string& states) {
+        dax::types::integration_result_t result;
+        result.states = buffer(hex(states));
+        result.value_int = 3;
+        return result;
+    }
+    Body* body(int64_t id) { return static_cast<Body*>(client->getComponent(id)); }
+    Counter* counter(int64_t id) { return static_cast<Counter*>(client->getComponent(id)); }
+};
+
+// ---- sending -------------------------------------------------------------------------------
+
+TEST_F(SceneTest, EmptyRegistryIsOneByte) {
+    client->send_scene_to_server();
+    EXPECT_EQ(sent_scene(), "90");
+    EXPECT_EQ(args_hex(net.link.last_call()), "c40190");
+}
+
+TEST_F(SceneTest, BodyExample) {
+    client->Create("Body", 5, 0);
+    client->send_scene_to_server();
+    EXPECT_EQ(sent_scene(), to_hex(hex("91 94 a4 426f6479 05 00 c0")));
+}
+
+TEST_F(SceneTest, ComponentsGoInAscendingIdOrderWithTheirOwnData) {
+    static_cast<Counter*>(client->Create("Counter", 300, 2))->value = -1;
+    client->Create("Body", -3, 1);
+    client->send_scene_to_server();
+    EXPECT_EQ(sent_scene(),
+              to_hex(hex("92  94 a4 426f6479 fd 01 c0  94 a7 436f756e746572 cd012c 02 ff")));
+}
+
+TEST_F(SceneTest, SixteenComponentsNeedTheArray16Header) {
+    for (int i = 0; i < 16; ++i) client->Create("Body");
+    client->send_scene_to_server();
+    EXPECT_EQ(sent_scene().substr(0, 6), "dc0010");
+}
+
+TEST_F(SceneTest, IdsAndClientIdsUseTheCompactIntegerForm) {
+    struct Row {
+        int64_t id;
+        int client_id;
+        const char* encoded;  // the id, then the client id
+    };
+    const Row rows[] = {
+        {0, 0, "00 00"},
+        {127, 127, "7f 7f"},
+        {128, 128, "cc80 cc80"},
+        {255, 255, "ccff ccff"},
+        {256, 256, "cd0100 cd0100"},
+        {65535, 65535, "cdffff cdffff"},
+        {65536, 65536, "ce00010000 ce00010000"},
+        {4294967295LL, 2147483647, "ceffffffff ce7fffffff"},
+        {4294967296LL, 0, "cf0000000100000000 00"},
+        {-1, -1, "ff ff"},
+        {-32, -32, "e0 e0"},
+        {-33, -33, "d0df d0df"},
+        {-127, -127, "d081 d081"},
+        // One step narrower than the format allows, on purpose.
+        {-128, -128, "d1ff80 d1ff80"},
+        {-32767, -32767, "d18001 d18001"},
+        {-32768, -32768, "d2ffff8000 d2ffff8000"},
+        {-2147483648LL, -2147483647 - 1, "d280000000 d280000000"},
+        {-2147483649LL, 0, "d3ffffffff7fffffff 00"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.id);
+        client->Clear();
+        client->Create("Body", row.id, row.client_id);
+        client->send_scene_to_server();
+        EXPECT_EQ(sent_scene(), "9194a4426f6479" + to_hex(hex(row.encoded)) + "c0");
+    }
+}
+
+// ---- receiving a scene ---------------------------------------------------------------------
+
+const char* kTwoComponents = "92  94 a4 426f6479 03 07 c0  94 a7 436f756e746572 0a 00 2a";
+
+TEST_F(SceneTest, CreateModeBuildsEveryComponent) {
+    client->deserialize_components(buffer(hex(kTwoComponents)), true);
+    ASSERT_EQ(client->components.size(), 2u);
+    EXPECT_EQ(body(3)->getClientId(), 7);
+    EXPECT_EQ(body(3)->deserialized, 1);
+    EXPECT_EQ(counter(10)->value, 42);
+    EXPECT_EQ(client->next_component_id, 0);
+}
+
+TEST_F(SceneTest, EmptySceneChangesNothing) {
+    client->Create("Body", 1, 0);
+    client->deserialize_components(buffer(hex("90")), true);
+    client->deserialize_components(buffer(hex("90")), false);
+    EXPECT_EQ(client->components.size(), 1u);
+}
+
+TEST_F(SceneTest, UpdateModeFeedsExistingComponentsAndRefusesUnknownIds) {
+    client->deserialize_components(buffer(hex(kTwoComponents)), true);
+    auto* before = counter(10);
+    // Type name and client id are not looked at in update mode.
+    client->deserialize_components(buffer(hex("91 94 a1 58 0a 63 cd0400")), false);
+    EXPECT_EQ(counter(10), before);
+    EXPECT_EQ(before->value, 1024);
+    EXPECT_EQ(before->getClientId(), 0);
+
+    EXPECT_EQ(error_of([&] {
+                  client->deserialize_components(buffer(hex("91 94 a4 426f6479 63 00 c0")), false);
+              }),
+              "update_scene_state: component not found id=99");
+}
+
+TEST_F(SceneTest, MalformedScenesRaiseTheirErrors) {
+    struct Row {
+        const char* bytes;
+        const char* error;
+    };
+    const Row rows[] = {
+        {"80", "inconsistent data while parsing array"},
+        {"c0", "inconsistent data while parsing array"},
+        {"91 a4 426f6479", "inconsistent data while parsing array"},
+        {"91 94 05 05 00 c0", "inconsistent data while parsing string"},
+        {"92 94 a4 426f6479 01 00 c0  94 a4 4e6f7065 02 00 c0",
+         "Error in DaxClient::Create : type 'Nope' not found"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.bytes);
+        client->Clear();
+        EXPECT_EQ(error_of([&] { client->deserialize_components(buffer(hex(row.bytes)), true); }),
+                  row.error);
+    }
+    // Components created before the unknown type stay.
+    EXPECT_NE(client->getComponent(1), nullptr);
+}
+
+TEST_F(SceneTest, TruncatedScenesFailCleanlyAtEveryLength) {
+    const std::vector<uint8_t> whole = hex(kTwoComponents);
+    for (std::size_t cut = 0; cut < whole.size(); ++cut) {
+        SCOPED_TRACE(cut);
+        client->Clear();
+        const buffer part(whole.data(), cut);
+        EXPECT_THROW(client->deserialize_components(part, true), std::runtime_error);
+    }
+}
+
+TEST_F(SceneTest, GetServerSceneClearsAtOnceAndRebuildsOnTheAnswer) {
+    client->Create("Counter", 50, 0);
+    client->get_server_scene();
+    EXPECT_TRUE(client->components.empty());  // before the server has answered
+    EXPECT_EQ(net.link.last_call().procedure, "qor.server.operation.GET_SERVER_SCENE");
+    EXPECT_EQ(net.link.last_call().args_count, 0u);
+
+    net.link.reply_last_result(buffer(hex(kTwoComponents)));
+    client->full_update();
+    ASSERT_EQ(client->components.size(), 2u);
+    EXPECT_EQ(body(3)->scene_loaded, 1);
+    EXPECT_EQ(counter(10)->scene_loaded, 1);
+
+    client->get_server_scene();
+    net.link.reply_last_error("qor.error.no_scene");
+    EXPECT_NO_THROW(client->full_update());
+    EXPECT_TRUE(client->components.empty());
+}
+
+TEST_F(SceneTest, UpdateSceneFromServerKeepsComponentsAndIgnoresErrors) {
+    client->deserialize_components(buffer(hex(kTwoComponents)), true);
+    client->update_scene_from_server();
+    EXPECT_EQ(client->components.size(), 2u);
+    net.link.reply_last_error("qor.error.no_scene");
+    EXPECT_NO_THROW(client->full_update());
+    EXPECT_EQ(counter(10)->value, 42);
+
+    client->update_scene_from_server();
+    net.link.reply_last_result(buffer(hex("91 94 a7 436f756e746572 0a 00 07")));
+    client->full_update();
+    EXPECT_EQ(counter(10)->value, 7);
+    EXPECT_EQ(body(3)->scene_loaded, 0);  // only a full scene calls onSceneLoaded
+}
+
+// ---- per-step state ------------------------------------------------------------------------
+
+TEST_F(SceneTest, StateUpdateCountsVersionsAndFeedsComponents) {
+    client->deserialize_components(buffer(hex(kTwoComponents)), true);
+    client->update_scene_state(step_result("80"));
+    EXPECT_EQ(client->getSceneStateVersion(), 0);  // an empty map counts too
+
+    client->update_scene_state(
+        step_result("82 03 93 cb3ff0000000000000 cb4000000000000000 cb4008000000000000 0a 05"));
+    EXPECT_EQ(client->getSceneStateVersion(), 1);
+    EXPECT_THAT(body(3)->position, ::testing::ElementsAre(1.0, 2.0, 3.0));
+    EXPECT_EQ(counter(10)->value, 5);
+
+    // map 16 form
+    client->update_scene_state(step_result("de 0001 0a 06"));
+    EXPECT_EQ(counter(10)->value, 6);
+}
+
+TEST_F(SceneTest, StateNamingAnAbsentIdAppliesWhatCameBefore) {
+    client->Create("Counter", 1, 0);
+    EXPECT_EQ(error_of([&] { client->update_scene_state(step_result("82 01 11 09 22")); }),
+              "update_scene_state: component not found id=9");
+    EXPECT_EQ(counter(1)->value, 0x11);
+    EXPECT_EQ(client->getSceneStateVersion(), 0);
+
+    EXPECT_EQ(error_of([&] { client->update_scene_state(step_result("91 01")); }),
+              "inconsistent data while parsing map");
+    EXPECT_EQ(client->getSceneStateVersion(), 1);  // incremented before anything is read
+
+    // A state cut short never reads past its bytes.
+    EXPECT_EQ(error_of([&] { client->update_scene_state(step_result("81 01 cd 01")); }),
+              "unexpected end of data");
+}
+
+TEST_F(SceneTest, SyncStepWaitsForTheStepAndAppliesIt) {
+    client->Create("Counter", 4, 0);
+    net.on_pass(3, [&] { net.link.reply_last_result(step_result("81 04 2a")); });
+    client->sync_step();
+    EXPECT_EQ(net.link.last_call().procedure, "qor.server.operation.STEP_SIMULATION");
+    EXPECT_EQ(net.link.first_passes, 3u);
+    EXPECT_EQ(net.link.second_passes, 3u);
+    EXPECT_EQ(counter(4)->value, 42);
+    EXPECT_EQ(client->getSceneStateVersion(), 0);
+}
+
+TEST_F(SceneTest, SyncStepKeepsWaitingThroughAnErrorUntilTheLinkIsLost) {
+    client->setTimeoutMs(0);  // sync_step has no time-out of its own
+    net.on_pass(1, [&] { net.link.reply_last_error("qor.error.locked"); });
+    int passes_after_error = 0;
+    net.link.before_second = [&] {
+        if (net.link.first_passes > 1 && ++passes_after_error == 50) {
+            net.peer.server_connected = false;  // as a transport does when the link drops
+        }
+    };
+    EXPECT_EQ(error_of([&] { client->sync_step(); }), "qor.error.connection_lost");
+    EXPECT_EQ(passes_after_error, 50);
+    EXPECT_EQ(client->getSceneStateVersion(), -1);
+}
+
+// ---- the whole path, beside a real plug-in ------------------------------------------------
+
+TEST_F(SceneTest, PluginComponentsGoToTheServerStepAndFollowPublishedState) {
+    std::vector<int64_t> status;
+    client->init("demo", [&](int64_t ok, std::string) { status.push_back(ok); });
+    net.link.confirm_subscription("qor.server.update", qor::wamp::Id(77));
+
+    auto* ball = client->Create("Body");
+    auto* score = static_cast<Counter*>(client->Create("Counter"));
+    score->value = 3;
+    client->send_scene_to_server();
+    EXPECT_EQ(sent_scene(),
+              to_hex(hex("92 94 a4 426f6479 00 00 c0 94 a7 436f756e746572 01 00 03")));
+    net.link.reply_last_result(0);
+
+    net.on_pass(2, [&] {
+        net.link.reply_last_result(
+            step_result("82 00 93 cb3ff0000000000000 cb4000000000000000 cb4008000000000000 01 04"));
+    });
+    client->sync_step();
+    EXPECT_EQ(status, std::vector<int64_t>{1});
+    EXPECT_THAT(static_cast<Body*>(ball)->position, ::testing::ElementsAre(1.0, 2.0, 3.0));
+    EXPECT_EQ(score->value, 4);
+    EXPECT_EQ(client->getSceneStateVersion(), 0);
+
+    net.link.publish_event(qor::wamp::Id(77), step_result("81 01 05"));
+    EXPECT_TRUE(client->full_update());
+    EXPECT_EQ(score->value, 5);
+    EXPECT_EQ(client->getSceneStateVersion(), 1);
+
+    // A published state that names a component we do not have surfaces through the pump.
+    net.link.publish_event(qor::wamp::Id(77), step_result("81 07 05"));
+    EXPECT_EQ(error_of([&] { client->full_update(); }),
+              "update_scene_state: component not found id=7");
+}
+
+}  // namespace
+}  // namespace client_test
