@@ -58,6 +58,8 @@ class LoopbackConnection : public Connection {
     void inject(const uint8_t* data, uint64_t size);
     /// Queues an encoded message.
     void inject(serialization::msgpack::buffer bytes);
+    /// Queues an encoded message held in a byte vector.
+    void inject(const std::vector<uint8_t>& bytes) { inject(bytes.data(), bytes.size()); }
     /// Queues a message, serialized now.
     void inject(const Message& message);
     /// Messages queued and not yet delivered.

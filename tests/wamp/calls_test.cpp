@@ -1,0 +1,340 @@
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <dax/types.hpp>
+#include <qor/serialization/msgpack/pack.hpp>
+
+#include "wamp_test_util.hpp"
+
+using namespace qor::wamp;
+using namespace wamp_test;
+namespace types = dax::types;
+
+namespace {
+
+const std::string clear_scene = "qor.server.operation.CLEAR_SCENE";
+
+template <class F>
+std::string error_of(F&& f) {
+    try {
+        f();
+    } catch (const std::runtime_error& e) {
+        return e.what();
+    }
+    return "<no error>";
+}
+
+template <class T>
+std::function<void(RpcResult<T>)> keep(std::vector<RpcResult<T>>& into) {
+    return [&into](RpcResult<T> result) { into.push_back(std::move(result)); };
+}
+
+}  // namespace
+
+TEST(WampCall, ResultReachesTheCallbackThroughThePump) {
+    LoopbackPeer p;
+    std::vector<RpcResult<int>> results;
+    p.peer.call<int>(keep(results), clear_scene);
+
+    const Message& call = p.link.last_call();
+    EXPECT_EQ(call.procedure, clear_scene);
+    EXPECT_GE(call.request.value(), 1u);
+    EXPECT_EQ(call.args_count, 0u);
+    // Without arguments the argument list is left out: four elements.
+    EXPECT_EQ(p.link.written_bytes.back().data[0], 0x94);
+    EXPECT_EQ(p.server.caller.pending.count(call.request.value()), 1u);
+
+    p.link.reply_last_result(42);
+    EXPECT_TRUE(results.empty()) << "answers are delivered inside the pump, not at inject time";
+    EXPECT_TRUE(p.pump());
+    ASSERT_EQ(results.size(), 1u);
+    EXPECT_EQ(results[0].value, 42);
+    EXPECT_FALSE(results[0].isError);
+    EXPECT_EQ(results[0].getError(), "");
+    EXPECT_TRUE(p.server.caller.pending.empty());
+    EXPECT_FALSE(p.pump());
+}
+
+TEST(WampCall, ErrorYieldsTheUriAndAValueInitialisedValue) {
+    LoopbackPeer p;
+    std::vector<RpcResult<std::string>> results;
+    p.peer.call<std::string>(keep(results), "qor.server.operation.GET_LOG", 1, 2);
+    // With arguments the CALL has five elements.
+    EXPECT_EQ(p.link.written_bytes.back().data[0], 0x95);
+    p.link.reply_last_error("qor.error.no_such_thing");
+    p.pump();
+    ASSERT_EQ(results.size(), 1u);
+    EXPECT_TRUE(results[0].isError);
+    EXPECT_EQ(results[0].error, "qor.error.no_such_thing");
+    EXPECT_EQ(results[0].value, "");
+}
+
+TEST(WampCall, ArgumentsAreEncodedOnceInCallOrderAndBuffersGoAsBin) {
+    LoopbackPeer p;
+    std::vector<RpcResult<bool>> results;
+    const uint8_t scene[] = {0x93, 0x01, 0x02, 0x03};
+    p.peer.call<bool>(keep(results), "qor.server.operation.SEND_SCENE", mp::buffer(scene, 4),
+                      std::string("name"), 7LL, 1.0, true);
+    const Message& call = p.link.last_call();
+    EXPECT_EQ(call.args_count, 5u);
+    EXPECT_EQ(std::vector<uint8_t>(call.raw.data + call.args_offset, call.raw.data + call.args_end),
+              hex("C4 04 93 01 02 03 A4 6E 61 6D 65 07 CB 3F F0 00 00 00 00 00 00 C3"));
+    mp::buffer got_scene;
+    std::string name;
+    long long number = 0;
+    double real = 0;
+    bool flag = false;
+    IncomingMessage(call).fillArgsNS(got_scene, name, number, real, flag);
+    EXPECT_EQ(bytes_of(got_scene), hex("93 01 02 03"));
+    EXPECT_EQ(name, "name");
+    EXPECT_EQ(number, 7);
+    EXPECT_EQ(real, 1.0);
+    EXPECT_TRUE(flag);
+}
+
+TEST(WampCall, RefusedBeforeTheServerIsConnected) {
+    LoopbackPeer p;
+    p.peer.server_connected = false;
+    std::vector<RpcResult<int>> results;
+    EXPECT_EQ(error_of([&] { p.peer.call<int>(keep(results), clear_scene); }),
+              "qor client cannot call operations before server is connected");
+    EXPECT_TRUE(p.link.written.empty());
+    EXPECT_TRUE(p.server.caller.pending.empty());
+}
+
+TEST(WampCall, ResultWithoutArgumentsDeliversAValueInitialisedValue) {
+    LoopbackPeer p;
+    std::vector<RpcResult<types::mesh_info_t>> results;
+    p.peer.call<types::mesh_info_t>(keep(results), "qor.server.operation.GET_TRIMESH_INFO", 3);
+    p.link.reply_last_result();
+    p.pump();
+    ASSERT_EQ(results.size(), 1u);
+    EXPECT_FALSE(results[0].isError);
+    EXPECT_EQ(results[0].value.value_1, 0);
+    EXPECT_EQ(results[0].value.text, "");
+}
+
+TEST(WampCall, LateAndUnknownAnswersAreDroppedAndLogged) {
+    CapturedLog log(spdlog::level::debug);
+    LoopbackPeer p(log.logger.get());
+    std::vector<RpcResult<int>> results;
+    p.peer.call<int>(keep(results), clear_scene);
+    const Id request = p.link.last_call().request;
+    p.link.reply_result(request, 1);
+    p.link.reply_result(request, 2);  // a duplicate arriving after the first was handled
+    p.link.reply_error(Id(request.value() == 1 ? 2 : 1), "qor.error.x");  // never asked
+    EXPECT_NO_THROW(p.pump());
+    ASSERT_EQ(results.size(), 1u);
+    EXPECT_EQ(results[0].value, 1);
+    EXPECT_NE(log.text().find("[server] dropping RESULT for unknown request " +
+                              std::to_string(request.value())),
+              std::string::npos)
+        << log.text();
+    EXPECT_NE(log.text().find("[server] dropping ERROR for unknown request"), std::string::npos);
+}
+
+TEST(WampCall, AnswerGoesToTheHandlerThatReplacedAnEntryWithTheSameId) {
+    LoopbackPeer p;
+    std::vector<RpcResult<int>> first;
+    std::vector<Id> second;
+    p.peer.call<int>(keep(first), clear_scene);
+    const uint64_t request = p.link.last_call().request.value();
+    // Registration is insert-or-assign: a handler registered under a pending id replaces it.
+    p.server.caller.pending.insert_or_assign(
+        request, [&second](const Message& answer) { second.push_back(answer.request); });
+    p.link.reply_result(Id(request), 5);
+    p.pump();
+    EXPECT_TRUE(first.empty());
+    EXPECT_EQ(second, std::vector<Id>{Id(request)});
+}
+
+TEST(WampCall, HandlerThatThrowsLeavesThroughThePumpAndIsGone) {
+    LoopbackPeer p;
+    int ran = 0;
+    p.peer.call<int>(
+        [&ran](RpcResult<int>) {
+            ++ran;
+            throw std::runtime_error("handler failed");
+        },
+        clear_scene);
+    std::vector<RpcResult<int>> other;
+    p.link.reply_last_result(1);
+    p.peer.call<int>(keep(other), clear_scene);
+    p.link.reply_last_result(2);
+
+    EXPECT_EQ(error_of([&] { p.pump(); }), "handler failed");
+    EXPECT_EQ(ran, 1);
+    EXPECT_EQ(p.server.caller.pending.size(), 1u);
+    // The second answer is still queued and is delivered by the next pump.
+    p.pump();
+    ASSERT_EQ(other.size(), 1u);
+    EXPECT_EQ(other[0].value, 2);
+    EXPECT_EQ(ran, 1);
+    EXPECT_TRUE(p.server.caller.pending.empty());
+}
+
+TEST(WampCall, HandlerMayStartTheNextCall) {
+    LoopbackPeer p;
+    std::vector<int> values;
+    std::function<void(RpcResult<int>)> chain = [&](RpcResult<int> r) {
+        values.push_back(r.value);
+        if (values.size() < 3) p.peer.call<int>(chain, clear_scene);
+    };
+    p.peer.call<int>(chain, clear_scene);
+    for (int i = 1; i <= 3; ++i) {
+        p.link.reply_last_result(i * 10);
+        p.pump();
+    }
+    EXPECT_EQ(values, (std::vector<int>{10, 20, 30}));
+    EXPECT_EQ(p.link.calls().size(), 3u);
+    EXPECT_TRUE(p.server.caller.pending.empty());
+}
+
+TEST(WampCall, ResultThatDoesNotDecodeLeavesThroughThePump) {
+    LoopbackPeer p;
+    std::vector<RpcResult<int>> results;
+    p.peer.call<int>(keep(results), clear_scene);
+    p.link.reply_last_result(std::string("not a number"));
+    EXPECT_EQ(error_of([&] { p.pump(); }), "expecting integer value");
+    EXPECT_TRUE(results.empty());
+    EXPECT_TRUE(p.server.caller.pending.empty());
+}
+
+TEST(WampCall, DefaultHandlerComplainsWhenTheAnswerArrives) {
+    LoopbackPeer p;
+    p.server.caller.call(RPC<int>(clear_scene));
+    p.link.reply_last_result(1);
+    EXPECT_EQ(error_of([&] { p.pump(); }), "RPC onResult callback has not been set");
+}
+
+TEST(WampCall, FailedSendLeavesNothingPending) {
+    LoopbackPeer p;
+    p.server.session.write = [](const uint8_t*, uint64_t) {
+        throw std::runtime_error("link down");
+    };
+    std::vector<RpcResult<int>> results;
+    EXPECT_EQ(error_of([&] { p.peer.call<int>(keep(results), clear_scene); }), "link down");
+    EXPECT_TRUE(p.server.caller.pending.empty());
+}
+
+TEST(WampCall, EveryResultTypeRoundTrips) {
+    LoopbackPeer p;
+    auto round_trip = [&p](auto sent) {
+        using T = decltype(sent);
+        std::vector<RpcResult<T>> results;
+        p.peer.call<T>(keep(results), "qor.server.operation.X");
+        p.link.reply_last_result(sent);
+        p.pump();
+        ASSERT_EQ(results.size(), 1u);
+        // Equal encodings: the records have no comparison of their own.
+        const mp::buffer got = encoded(results[0].value);
+        const mp::buffer want = encoded(sent);
+        EXPECT_EQ(bytes_of(got), bytes_of(want)) << print(got.data, got.size, 0) << "\n"
+                                                 << print(want.data, want.size, 0);
+    };
+    round_trip(-7);
+    round_trip(true);
+    round_trip(1LL << 40);
+    round_trip(std::string("text"));
+    const uint8_t raw[] = {1, 2, 3};
+    round_trip(mp::buffer(raw, 3));
+    types::integration_result_t step;
+    step.states = mp::buffer(raw, 3);
+    step.value_int = 4;
+    round_trip(step);
+    types::mesh_batch_t mesh;
+    mesh.vertices.resize(2);
+    mesh.vertices[1].x = 1.5;
+    mesh.triangles.resize(1);
+    mesh.triangles[0].c = 9;
+    round_trip(mesh);
+    types::mesh_info_t info;
+    info.value_3 = 3;
+    info.text = "info";
+    round_trip(info);
+    types::vector_bool_t flags;
+    flags.values = {true, false, true};
+    round_trip(flags);
+    types::vector_string_t names;
+    names.values = {"a", "b"};
+    round_trip(names);
+    types::vector_pair_string_double_t pairs;
+    pairs.values.resize(1);
+    pairs.values[0].first = "k";
+    pairs.values[0].second = 2.5;
+    round_trip(pairs);
+}
+
+TEST(WampFillArgs, CountAndParsingErrorsHaveTheirTexts) {
+    const Message three = parse_message(mp::buffer(hex("94 32 07 80 93 01 02 03").data(), 8));
+    int a = 0, b = 0;
+    EXPECT_EQ(error_of([&] { IncomingMessage(three).fillArgsNS(a, b); }),
+              "IncomingMessage::fillArgsNS : wrong number of arguments. 3 in message, 2 in tuple");
+    const Message text = parse_message(mp::buffer(hex("94 32 07 80 91 A1 61").data(), 7));
+    EXPECT_EQ(
+        error_of([&] { IncomingMessage(text).fillArgsNS(a); }),
+        "IncomingMessage::fillArgsNS : error during argument parsing 'expecting integer value'");
+    types::moticon_frame_t frame;
+    const Message short_frame =
+        parse_message(mp::buffer(hex("94 32 07 80 91 93 90 90 90").data(), 9));
+    EXPECT_EQ(error_of([&] { IncomingMessage(short_frame).fillArgsNS(frame); }),
+              "IncomingMessage::fillArgsNS : error during argument parsing 'reading struct : wrong "
+              "number of fields. 3 fields in message, 2 in struct'");
+}
+
+TEST(WampFailAll, CompletesEveryPendingCallOnceEvenWhenAHandlerThrows) {
+    LoopbackPeer p;
+    std::vector<std::string> completed;
+    int throwing_runs = 0;
+    std::function<void(RpcResult<int>)> record = [&completed](RpcResult<int> r) {
+        EXPECT_TRUE(r.isError);
+        EXPECT_EQ(r.value, 0);
+        completed.push_back(r.error);
+    };
+    std::function<void(RpcResult<int>)> thrower = [&](RpcResult<int>) {
+        ++throwing_runs;
+        throw std::runtime_error("handler failed");
+    };
+    for (int i = 0; i < 3; ++i) p.peer.call<int>(record, clear_scene);
+    p.peer.call<int>(thrower, clear_scene);
+    for (int i = 0; i < 3; ++i) p.peer.call<int>(record, clear_scene);
+    ASSERT_EQ(p.server.caller.pending.size(), 7u);
+
+    // The ids are random, so the thrower may come anywhere: keep failing until all are done.
+    int rounds = 0;
+    while (!p.server.caller.pending.empty() && rounds++ < 10) {
+        try {
+            p.server.caller.fail_all("qor.error.connection_lost");
+        } catch (const std::runtime_error& e) {
+            EXPECT_EQ(std::string(e.what()), "handler failed");
+        }
+    }
+    EXPECT_EQ(throwing_runs, 1);
+    EXPECT_EQ(completed, std::vector<std::string>(6, "qor.error.connection_lost"));
+    EXPECT_LE(rounds, 2);
+}
+
+TEST(WampFailAll, CallsStartedByHandlersStayPending) {
+    LoopbackPeer p;
+    int failed = 0;
+    std::vector<RpcResult<int>> retried;
+    std::function<void(RpcResult<int>)> retry = [&](RpcResult<int> r) {
+        EXPECT_EQ(r.error, "qor.error.connection_lost");
+        ++failed;
+        p.peer.call<int>(keep(retried), clear_scene);
+    };
+    p.peer.call<int>(retry, clear_scene);
+    p.peer.call<int>(retry, clear_scene);
+    p.server.caller.fail_all("qor.error.connection_lost");
+    EXPECT_EQ(failed, 2);
+    EXPECT_EQ(p.server.caller.pending.size(), 2u);
+    EXPECT_TRUE(retried.empty());
+    p.link.reply_last_result(8);
+    p.pump();
+    ASSERT_EQ(retried.size(), 1u);
+    EXPECT_EQ(retried[0].value, 8);
+}

@@ -1,0 +1,368 @@
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "wamp_test_util.hpp"
+
+using namespace qor::wamp;
+using namespace wamp_test;
+
+namespace {
+
+template <class F>
+std::string error_of(F&& f) {
+    try {
+        f();
+    } catch (const std::runtime_error& e) {
+        return e.what();
+    }
+    return "<no error>";
+}
+
+const std::string clear_scene = "qor.server.operation.CLEAR_SCENE";
+
+}  // namespace
+
+TEST(WampId, AcceptsUpToTwoToThe53AndRefusesAbove) {
+    EXPECT_EQ(Id(0).value(), 0u);
+    EXPECT_EQ(Id(9007199254740992ULL).value(), 9007199254740992ULL);
+    EXPECT_EQ(error_of([] { Id(9007199254740993ULL); }), "WAMP id too big");
+    EXPECT_EQ(error_of([] { Id(~0ULL); }), "WAMP id too big");
+    Message fresh(CALL);
+    EXPECT_EQ(fresh.request.value(), 0u);
+    EXPECT_EQ(fresh.session.value(), 0u);
+    EXPECT_EQ(fresh.subscription.value(), 0u);
+}
+
+TEST(WampId, RandomStaysInOneToTwoToThe53AndVaries) {
+    std::set<uint64_t> seen;
+    for (int i = 0; i < 10000; ++i) {
+        const uint64_t v = Id::Random().value();
+        ASSERT_GE(v, 1u);
+        ASSERT_LE(v, max_id);
+        seen.insert(v);
+    }
+    EXPECT_GT(seen.size(), 9990u);
+}
+
+TEST(WampMessage, FreshMessageHoldsItsInitialValues) {
+    Message m(ERROR);
+    EXPECT_EQ(m.type, ERROR);
+    EXPECT_EQ(m.request_type, 3);
+    EXPECT_EQ(m.raw.size, 0u);
+    EXPECT_EQ(m.args_offset, 0u);
+    EXPECT_EQ(m.args_end, 0u);
+    EXPECT_EQ(m.args_count, 0u);
+    EXPECT_TRUE(m.realm.empty() && m.error.empty() && m.topic.empty() && m.procedure.empty());
+    EXPECT_TRUE(m.args.empty() && m.details.empty() && m.arguments_kw.empty());
+}
+
+TEST(WampMessage, UriConstructorFillsTheFieldOfItsKind) {
+    EXPECT_EQ(Message(CALL, Id(3), "p").procedure, "p");
+    EXPECT_EQ(Message(REGISTER, Id(3), "p").procedure, "p");
+    EXPECT_EQ(Message(SUBSCRIBE, Id(3), "t").topic, "t");
+    EXPECT_EQ(Message(PUBLISH, Id(3), "t").topic, "t");
+    EXPECT_EQ(Message(CALL, Id(3), "p").request.value(), 3u);
+    EXPECT_EQ(error_of([] { Message(RESULT, Id(3), "x"); }),
+              "WAMP message: a URI is given only to CALL, REGISTER, SUBSCRIBE or PUBLISH");
+}
+
+// ---- serialize: one row per message kind and per boundary of each element's form ----------
+
+struct SerializeRow {
+    const char* name;
+    std::function<Message()> build;
+    std::vector<uint8_t> expected;
+};
+
+Message with_args(Message m, std::vector<mp::buffer> args) {
+    m.args = std::move(args);
+    return m;
+}
+
+std::vector<SerializeRow> serialize_rows() {
+    auto msg = [](uint32_t type, std::function<void(Message&)> fill) {
+        return [type, fill] {
+            Message m(type);
+            fill(m);
+            return m;
+        };
+    };
+    return {
+        {"CALL without arguments", [] { return Message(CALL, Id(7), clear_scene); },
+         with(hex("94 30 07 80 D9 20"), clear_scene)},
+        {"CALL with arguments",
+         [] {
+             return with_args(Message(CALL, Id(7), "p"), {encoded(1), encoded(std::string("a"))});
+         },
+         hex("95 30 07 80 A1 70 92 01 A1 61")},
+        {"HELLO", msg(HELLO, [](Message& m) { m.realm = "realm1"; }),
+         with(hex("93 01 A6"), "realm1") + std::vector<uint8_t>{0x80}},
+        {"WELCOME", msg(WELCOME, [](Message& m) { m.session = Id(300); }),
+         hex("93 02 CD 01 2C 80")},
+        {"ABORT", msg(ABORT, [](Message& m) { m.reason = "r"; }), hex("93 03 80 A1 72")},
+        {"CHALLENGE", msg(CHALLENGE, [](Message& m) { m.authmethod = "ticket"; }),
+         with(hex("93 04 A6"), "ticket") + std::vector<uint8_t>{0x80}},
+        {"AUTHENTICATE", msg(AUTHENTICATE, [](Message& m) { m.signature = "s"; }),
+         hex("93 05 A1 73 80")},
+        {"GOODBYE", msg(GOODBYE, [](Message& m) { m.reason = "wamp.close.normal"; }),
+         with(hex("93 06 80 B1"), "wamp.close.normal")},
+        {"ERROR left as built keeps request type 3", [] { return Message(ERROR); },
+         hex("95 08 03 00 80 A0")},
+        {"ERROR of a CALL with arguments",
+         msg(ERROR,
+             [](Message& m) {
+                 m.request_type = 48;
+                 m.request = Id(5);
+                 m.error = "e";
+                 m.args = {encoded(1)};
+             }),
+         hex("96 08 30 05 80 A1 65 91 01")},
+        {"PUBLISH without arguments", [] { return Message(PUBLISH, Id(1), "t"); },
+         hex("94 10 01 80 A1 74")},
+        {"PUBLISH with one argument",
+         [] { return with_args(Message(PUBLISH, Id(1), "t"), {encoded(42)}); },
+         hex("95 10 01 80 A1 74 91 2A")},
+        {"PUBLISHED",
+         msg(PUBLISHED,
+             [](Message& m) {
+                 m.request = Id(1);
+                 m.publication = Id(2);
+             }),
+         hex("93 11 01 02")},
+        {"SUBSCRIBE", [] { return Message(SUBSCRIBE, Id(1), "t"); }, hex("94 20 01 80 A1 74")},
+        {"SUBSCRIBED",
+         msg(SUBSCRIBED,
+             [](Message& m) {
+                 m.request = Id(1);
+                 m.subscription = Id(65536);
+             }),
+         hex("93 21 01 CE 00 01 00 00")},
+        {"UNSUBSCRIBE",
+         msg(UNSUBSCRIBE,
+             [](Message& m) {
+                 m.request = Id(1);
+                 m.subscription = Id(2);
+             }),
+         hex("93 22 01 02")},
+        {"UNSUBSCRIBED", msg(UNSUBSCRIBED, [](Message& m) { m.request = Id(1); }), hex("92 23 01")},
+        {"EVENT",
+         msg(EVENT,
+             [](Message& m) {
+                 m.subscription = Id(2);
+                 m.publication = Id(3);
+                 m.args = {encoded(std::string("x"))};
+             }),
+         hex("95 24 02 03 80 91 A1 78")},
+        {"RESULT without arguments", msg(RESULT, [](Message& m) { m.request = Id(7); }),
+         hex("93 32 07 80")},
+        {"RESULT with arguments",
+         msg(RESULT,
+             [](Message& m) {
+                 m.request = Id(7);
+                 m.args = {encoded(true)};
+             }),
+         hex("94 32 07 80 91 C3")},
+        {"REGISTER", [] { return Message(REGISTER, Id(1), "p"); }, hex("94 40 01 80 A1 70")},
+        {"REGISTERED",
+         msg(REGISTERED,
+             [](Message& m) {
+                 m.request = Id(1);
+                 m.registration = Id(2);
+             }),
+         hex("93 41 01 02")},
+        {"UNREGISTER",
+         msg(UNREGISTER,
+             [](Message& m) {
+                 m.request = Id(1);
+                 m.registration = Id(2);
+             }),
+         hex("93 42 01 02")},
+        {"UNREGISTERED", msg(UNREGISTERED, [](Message& m) { m.request = Id(1); }), hex("92 43 01")},
+        {"INVOCATION",
+         msg(INVOCATION,
+             [](Message& m) {
+                 m.request = Id(1);
+                 m.registration = Id(2);
+                 m.args = {encoded(false)};
+             }),
+         hex("95 44 01 02 80 91 C2")},
+        {"YIELD", msg(YIELD, [](Message& m) { m.request = Id(1); }), hex("93 46 01 80")},
+        // Id forms: smallest unsigned form, up to uint 64 for 2^53.
+        {"id 127", [] { return Message(CALL, Id(127), "p"); }, hex("94 30 7F 80 A1 70")},
+        {"id 128", [] { return Message(CALL, Id(128), "p"); }, hex("94 30 CC 80 80 A1 70")},
+        {"id 255", [] { return Message(CALL, Id(255), "p"); }, hex("94 30 CC FF 80 A1 70")},
+        {"id 256", [] { return Message(CALL, Id(256), "p"); }, hex("94 30 CD 01 00 80 A1 70")},
+        {"id 65535", [] { return Message(CALL, Id(65535), "p"); }, hex("94 30 CD FF FF 80 A1 70")},
+        {"id 65536", [] { return Message(CALL, Id(65536), "p"); },
+         hex("94 30 CE 00 01 00 00 80 A1 70")},
+        {"id 4294967295", [] { return Message(CALL, Id(4294967295ULL), "p"); },
+         hex("94 30 CE FF FF FF FF 80 A1 70")},
+        {"id 4294967296", [] { return Message(CALL, Id(4294967296ULL), "p"); },
+         hex("94 30 CF 00 00 00 01 00 00 00 00 80 A1 70")},
+        {"id 2^53", [] { return Message(CALL, Id(max_id), "p"); },
+         hex("94 30 CF 00 20 00 00 00 00 00 00 80 A1 70")},
+        // request_type follows the signed integer rule, narrow negative bounds included.
+        {"request type 200", msg(ERROR, [](Message& m) { m.request_type = 200; }),
+         hex("95 08 CC C8 00 80 A0")},
+        {"request type -1", msg(ERROR, [](Message& m) { m.request_type = -1; }),
+         hex("95 08 FF 00 80 A0")},
+        {"request type -128", msg(ERROR, [](Message& m) { m.request_type = -128; }),
+         hex("95 08 D1 FF 80 00 80 A0")},
+        // details: keys in ascending order whatever the insertion order, values copied as held.
+        {"details in key order",
+         msg(HELLO,
+             [](Message& m) {
+                 m.realm = "r";
+                 m.details["b"] = encoded(2);
+                 m.details["a"] = encoded(std::string("x"));
+             }),
+         hex("93 01 A1 72 82 A1 61 A1 78 A1 62 02")},
+        {"details value copied unchanged",
+         msg(HELLO,
+             [](Message& m) {
+                 m.details["roles"] = mp::buffer(hex("81 A6 63 61 6C 6C 65 72 80").data(), 9);
+             }),
+         with(hex("93 01 A0 81 A5"), "roles") + hex("81 A6 63 61 6C 6C 65 72 80")},
+    };
+}
+
+TEST(WampSerialize, EveryKindAndFormIsExact) {
+    for (const SerializeRow& row : serialize_rows()) {
+        SCOPED_TRACE(row.name);
+        const mp::buffer out = serialize(row.build());
+        EXPECT_EQ(bytes_of(out), row.expected);
+    }
+}
+
+TEST(WampSerialize, CallExampleIsThirtyEightBytes) {
+    EXPECT_EQ(serialize(Message(CALL, Id(7), clear_scene)).size, 38u);
+}
+
+TEST(WampSerialize, StringAndContainerHeadersSwitchFormAtTheirBounds) {
+    struct Row {
+        size_t length;
+        std::vector<uint8_t> header;
+    };
+    const Row rows[] = {{31, hex("BF")},          {32, hex("D9 20")},
+                        {255, hex("D9 FF")},      {256, hex("DA 01 00")},
+                        {65535, hex("DA FF FF")}, {65536, hex("DB 00 01 00 00")}};
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.length);
+        const std::string uri(row.length, 'u');
+        const std::vector<uint8_t> out = bytes_of(serialize(Message(CALL, Id(1), uri)));
+        std::vector<uint8_t> expected = hex("94 30 01 80");
+        expected.insert(expected.end(), row.header.begin(), row.header.end());
+        expected.insert(expected.end(), uri.begin(), uri.end());
+        EXPECT_EQ(out, expected);
+    }
+
+    Message many(CALL, Id(1), "p");
+    for (int i = 0; i < 16; ++i) many.args.push_back(encoded(i));
+    for (int i = 0; i < 16; ++i) many.details["k" + std::to_string(i + 10)] = encoded(i);
+    const std::vector<uint8_t> out = bytes_of(serialize(many));
+    ASSERT_GE(out.size(), 7u);
+    EXPECT_EQ(std::vector<uint8_t>(out.begin() + 3, out.begin() + 6), hex("DE 00 10"));
+    const size_t args_at = out.size() - 16 - 3;
+    EXPECT_EQ(std::vector<uint8_t>(out.begin() + args_at, out.begin() + args_at + 3),
+              hex("DC 00 10"));
+}
+
+TEST(WampSerialize, RefusesCodesOutsideTheTable) {
+    for (uint32_t code : {0u, 7u, 9u, 15u, 18u, 31u, 37u, 47u, 49u, 51u, 63u, 69u, 71u, 255u}) {
+        SCOPED_TRACE(code);
+        EXPECT_EQ(error_of([&] { serialize(Message(code)); }),
+                  "Wamp message serialize : unkown message type");
+    }
+}
+
+TEST(WampTopic, OnlyTheSessionMetaTopicsMayBeginWithWamp) {
+    for (const char* accepted : {"wamp.session.on_join", "wamp.session.on_leave",
+                                 "qor.server.update", "wam", "", "WAMP.x", "art_frame"}) {
+        SCOPED_TRACE(accepted);
+        EXPECT_NO_THROW(check_topic(accepted));
+        EXPECT_NO_THROW(Message(SUBSCRIBE, Id(1), accepted));
+    }
+    for (const char* refused : {"wamp.session.on_join2", "wamp", "wampx", "wampum",
+                                "wamp.session.on_joined", "wamp.custom"}) {
+        SCOPED_TRACE(refused);
+        EXPECT_EQ(error_of([&] { Message(SUBSCRIBE, Id(1), refused); }),
+                  std::string("wamp topic '") + refused + "'invalid, cannot start with 'wamp'");
+    }
+}
+
+// ---- print ---------------------------------------------------------------------------------
+
+struct PrintRow {
+    const char* bytes;
+    uint64_t limit;
+    const char* text;
+};
+
+TEST(WampPrint, ValuesPrintAsTheLogShowsThem) {
+    const PrintRow rows[] = {
+        {"C0", 10, "nil"},
+        {"C2", 10, "false"},
+        {"C3", 10, "true"},
+        {"7F", 10, "127"},
+        {"E0", 10, "-32"},
+        {"D0 81", 10, "-127"},
+        {"D1 FF 80", 10, "-128"},
+        {"CC FF", 10, "255"},
+        {"CD 01 00", 10, "256"},
+        {"CE FF FF FF FF", 10, "4294967295"},
+        {"D3 FF FF FF FF FF FF FF FE", 10, "-2"},
+        {"CF FF FF FF FF FF FF FF FF", 10, "-1"},
+        {"CA 3F C0 00 00", 10, "1.5f"},
+        {"CB 40 00 00 00 00 00 00 00", 10, "2d"},
+        {"CB 3F B9 99 99 99 99 99 9A", 10, "0.1d"},
+        {"A0", 10, "\"\""},
+        {"A2 68 69", 10, "\"hi\""},
+        {"C4 03 01 02 03", 10, "bin(3)"},
+        {"C4 00", 10, "bin(0)"},
+        {"80", 10, "{}"},
+        {"90", 10, "[]"},
+        {"82 A1 61 01 A1 62 92 02 03", 10, "{\"a\":1, \"b\":[2, 3]}"},
+        {"93 01 02 03", 2, "[1, 2, ... (size=3)]"},
+        {"93 01 02 03", 0, "[1, 2, 3]"},
+        {"93 01 02 03", 3, "[1, 2, 3]"},
+        {"83 01 01 02 02 03 03", 1, "{1:1, ... (size=3)}"},
+        // A shortened container reports only what it read: the next member starts inside it.
+        {"92 93 01 02 03 04", 2, "[[1, 2, ... (size=3)], 3]"},
+        // ext and 0xC1 print nothing and consume nothing.
+        {"D4 01 00", 10, ""},
+        {"C1", 10, ""},
+        {"92 C1 05", 10, "[, ]"},
+    };
+    for (const PrintRow& row : rows) {
+        SCOPED_TRACE(row.bytes);
+        const std::vector<uint8_t> bytes = hex(row.bytes);
+        EXPECT_EQ(print(bytes.data(), bytes.size(), row.limit), row.text);
+        EXPECT_EQ(print(bytes.data(), row.limit), row.text);
+    }
+}
+
+TEST(WampPrint, CallWithLongArgumentIsShortenedByTheDefaultLimit) {
+    Message call(CALL, Id(7), clear_scene);
+    // Twelve integer arguments: the argument list is the array that gets shortened.
+    for (int i = 1; i <= 12; ++i) call.args.push_back(encoded(i));
+    const mp::buffer bytes = serialize(call);
+    EXPECT_EQ(print_limit, 10u);
+    EXPECT_EQ(print(bytes.data, print_limit),
+              "[48, 7, {}, \"qor.server.operation.CLEAR_SCENE\", [1, 2, 3, 4, 5, 6, 7, 8, 9, 10, "
+              "... (size=12)]]");
+}
+
+TEST(WampPrint, BoundedPrintRefusesCutAndRunawayValues) {
+    const std::vector<uint8_t> call = bytes_of(serialize(Message(CALL, Id(7), clear_scene)));
+    for (size_t cut = 0; cut < call.size(); ++cut) {
+        SCOPED_TRACE(cut);
+        EXPECT_THROW(print(call.data(), cut, 0), std::runtime_error);
+    }
+    const std::vector<uint8_t> deep(100000, 0x91);
+    EXPECT_EQ(error_of([&] { print(deep.data(), deep.size(), 0); }), "print : nesting too deep");
+}

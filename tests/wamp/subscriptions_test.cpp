@@ -1,0 +1,320 @@
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <dax/types.hpp>
+
+#include "wamp_test_util.hpp"
+
+using namespace qor::wamp;
+using namespace wamp_test;
+namespace types = dax::types;
+
+namespace {
+
+const std::string update_topic = "qor.server.update";
+
+template <class F>
+std::string error_of(F&& f) {
+    try {
+        f();
+    } catch (const std::runtime_error& e) {
+        return e.what();
+    }
+    return "<no error>";
+}
+
+using Status = std::vector<std::pair<bool, std::string>>;
+
+std::function<void(bool, std::string)> into(Status& status) {
+    return [&status](bool ok, std::string text) { status.emplace_back(ok, std::move(text)); };
+}
+
+std::function<void(types::integration_result_t)> count_into(std::vector<int>& values) {
+    return [&values](types::integration_result_t r) { values.push_back(r.value_int); };
+}
+
+types::integration_result_t step(int value) {
+    types::integration_result_t r;
+    r.value_int = value;
+    return r;
+}
+
+std::vector<Message> subscribes(const LoopbackConnection& link) {
+    std::vector<Message> out;
+    for (const Message& m : link.written) {
+        if (m.type == SUBSCRIBE) out.push_back(m);
+    }
+    return out;
+}
+
+}  // namespace
+
+TEST(WampSubscribe, OneSubscribePerTopicWithTheHandlerIdAsRequest) {
+    LoopbackPeer p;
+    std::vector<int> values;
+    const uint64_t first =
+        p.peer.bind_publish<types::integration_result_t>(update_topic, count_into(values), {});
+    const uint64_t second =
+        p.peer.bind_publish<types::integration_result_t>(update_topic, count_into(values), {});
+    EXPECT_GT(second, first);
+    const std::vector<Message> sent = subscribes(p.link);
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sent[0].request.value(), first);
+    EXPECT_EQ(sent[0].topic, update_topic);
+    EXPECT_TRUE(sent[0].details.empty());
+    EXPECT_EQ(
+        bytes_of(p.link.written_bytes.back()),
+        with(hex("94 20") + std::vector<uint8_t>{uint8_t(first)} + hex("80 B1"), update_topic));
+    const TopicEntry& topic = p.server.subscriber.topics.at(update_topic);
+    EXPECT_EQ(topic.state, 0u);
+    EXPECT_EQ(topic.subscription.value(), 1u);
+    EXPECT_EQ(topic.handler_ids, (std::set<uint64_t>{first, second}));
+}
+
+TEST(WampSubscribe, StatusReachesPendingHandlersOnceAndLateJoinersAtOnce) {
+    LoopbackPeer p;
+    Status a, b, late;
+    std::vector<int> values;
+    p.peer.bind_publish<types::integration_result_t>(update_topic, count_into(values), into(a));
+    p.peer.bind_publish<types::integration_result_t>(update_topic, count_into(values), into(b));
+    EXPECT_TRUE(a.empty() && b.empty()) << "a pending topic tells nobody yet";
+
+    p.link.confirm_subscription(update_topic, Id(5000));
+    p.pump();
+    EXPECT_EQ(a, (Status{{true, ""}}));
+    EXPECT_EQ(b, (Status{{true, ""}}));
+    const TopicEntry& topic = p.server.subscriber.topics.at(update_topic);
+    EXPECT_EQ(topic.state, 1u);
+    EXPECT_EQ(topic.subscription.value(), 5000u);
+    EXPECT_TRUE(p.server.subscriber.pending_requests.empty());
+
+    const size_t written = p.link.written.size();
+    p.peer.bind_publish<types::integration_result_t>(update_topic, count_into(values), into(late));
+    EXPECT_EQ(late, (Status{{true, ""}}));
+    EXPECT_NO_THROW(
+        p.peer.bind_publish<types::integration_result_t>(update_topic, count_into(values), {}));
+    EXPECT_EQ(p.link.written.size(), written) << "a known topic is not subscribed again";
+    EXPECT_EQ(a.size(), 1u);
+}
+
+TEST(WampSubscribe, FailureIsStoredAndToldToEveryHandler) {
+    LoopbackPeer p;
+    Status a, late;
+    std::vector<int> values;
+    p.peer.bind_publish<types::integration_result_t>(update_topic, count_into(values), into(a));
+    p.link.refuse_subscription(update_topic, "wamp.error.not_authorized");
+    p.pump();
+    EXPECT_EQ(a, (Status{{false, "wamp.error.not_authorized"}}));
+    const TopicEntry& topic = p.server.subscriber.topics.at(update_topic);
+    EXPECT_NE(topic.state, 0u);
+    EXPECT_NE(topic.state, 1u);
+    EXPECT_EQ(topic.error, "wamp.error.not_authorized");
+    p.peer.bind_publish<types::integration_result_t>(update_topic, count_into(values), into(late));
+    EXPECT_EQ(late, (Status{{false, "wamp.error.not_authorized"}}));
+}
+
+TEST(WampSubscribe, StatusCallbackThatSubscribesAgainIsToldOnlyOnce) {
+    LoopbackPeer p;
+    Status outer, inner;
+    std::vector<int> values;
+    p.peer.bind_publish<types::integration_result_t>(
+        update_topic, count_into(values), [&](bool ok, std::string text) {
+            outer.emplace_back(ok, text);
+            if (outer.size() == 1) {
+                p.peer.bind_publish<types::integration_result_t>(update_topic, count_into(values),
+                                                                 into(inner));
+            }
+        });
+    p.link.confirm_subscription(update_topic, Id(9));
+    p.pump();
+    EXPECT_EQ(outer.size(), 1u);
+    EXPECT_EQ(inner, (Status{{true, ""}}));
+}
+
+TEST(WampEvent, ReachesEveryHandlerOfTheConfirmedTopicInIdOrder) {
+    LoopbackPeer p;
+    std::vector<std::string> order;
+    for (const char* name : {"first", "second", "third"}) {
+        p.peer.bind_publish<types::integration_result_t>(
+            update_topic,
+            [&order, name](types::integration_result_t r) {
+                order.push_back(name + std::to_string(r.value_int));
+            },
+            {});
+    }
+    p.link.confirm_subscription(update_topic, Id(77));
+    p.link.publish_event(Id(77), step(4));
+    p.pump();
+    EXPECT_EQ(order, (std::vector<std::string>{"first4", "second4", "third4"}));
+}
+
+TEST(WampEvent, OnlyAConfirmedSubscriptionIdMatches) {
+    CapturedLog log(spdlog::level::debug);
+    LoopbackPeer p(log.logger.get());
+    std::vector<int> values;
+    p.peer.bind_publish<types::integration_result_t>(update_topic, count_into(values), {});
+    // A pending topic still holds its placeholder id 1: an event for 1 is not its own.
+    p.link.publish_event(Id(1), step(1));
+    p.pump();
+    EXPECT_TRUE(values.empty());
+    EXPECT_NE(log.text().find("[server] dropping EVENT for unknown subscription 1"),
+              std::string::npos)
+        << log.text();
+
+    p.link.confirm_subscription(update_topic, Id(2));
+    p.link.publish_event(Id(3), step(3));
+    p.link.publish_event(Id(2), step(2));
+    p.pump();
+    EXPECT_EQ(values, std::vector<int>{2});
+}
+
+TEST(WampEvent, WrongArgumentCountLeavesThroughThePumpWithoutCallingTheHandler) {
+    LoopbackPeer p;
+    std::vector<int> values;
+    p.peer.bind_publish<types::integration_result_t>(update_topic, count_into(values), {});
+    p.link.confirm_subscription(update_topic, Id(2));
+    p.pump();
+
+    p.link.publish_event(Id(2), step(1), step(2));
+    p.link.publish_event(Id(2));
+    p.link.publish_event(Id(2), 5);
+    p.link.publish_event(Id(2), step(3));
+    EXPECT_EQ(error_of([&] { p.pump(); }),
+              "IncomingMessage::fillArgsNS : wrong number of arguments. 2 in message, 1 in tuple");
+    EXPECT_EQ(error_of([&] { p.pump(); }),
+              "IncomingMessage::fillArgsNS : wrong number of arguments. 0 in message, 1 in tuple");
+    EXPECT_EQ(
+        error_of([&] { p.pump(); }),
+        "IncomingMessage::fillArgsNS : error during argument parsing 'inconsistent data while "
+        "parsing array'");
+    EXPECT_TRUE(values.empty());
+    // The peer is still usable: the well-formed event that followed arrives.
+    p.pump();
+    EXPECT_EQ(values, std::vector<int>{3});
+}
+
+TEST(WampSubscribe, RefusedTopicRaisesAndLeavesItsEntriesBehind) {
+    LoopbackPeer p;
+    std::vector<int> values;
+    EXPECT_EQ(error_of([&] {
+                  p.peer.bind_publish<types::integration_result_t>("wamp.custom",
+                                                                   count_into(values), {});
+              }),
+              "wamp topic 'wamp.custom'invalid, cannot start with 'wamp'");
+    EXPECT_TRUE(p.link.written.empty());
+    Subscriber& s = p.server.subscriber;
+    ASSERT_EQ(s.handlers.size(), 1u);
+    EXPECT_EQ(s.handlers.begin()->second.topic, "wamp.custom");
+    ASSERT_EQ(s.topics.count("wamp.custom"), 1u);
+    EXPECT_EQ(s.topics.at("wamp.custom").state, 0u);
+    EXPECT_TRUE(s.topics.at("wamp.custom").handler_ids.empty());
+    EXPECT_EQ(s.pending_requests.size(), 1u);
+    // The leftover is not sent again after a reconnect.
+    EXPECT_NO_THROW(s.resubscribe());
+    EXPECT_TRUE(p.link.written.empty());
+}
+
+TEST(WampSubscribe, ResubscribeSendsEveryTopicAgainAndKeepsHandlers) {
+    LoopbackPeer p;
+    std::vector<int> values;
+    Status status;
+    const uint64_t id = p.peer.bind_publish<types::integration_result_t>(
+        update_topic, count_into(values), into(status));
+    p.server.subscriber.subscribe("other", [](const Message&) {}, {});
+    p.link.confirm_subscription(update_topic, Id(10));
+    p.link.refuse_subscription("other", "wamp.error.x");
+    p.pump();
+    p.link.clear_written();
+
+    p.server.subscriber.resubscribe();
+    const std::vector<Message> sent = subscribes(p.link);
+    ASSERT_EQ(sent.size(), 2u);
+    EXPECT_EQ(sent[0].topic, "other");
+    EXPECT_EQ(sent[1].topic, update_topic);
+    EXPECT_EQ(sent[1].request.value(), id);
+    EXPECT_EQ(p.server.subscriber.topics.at(update_topic).state, 0u);
+
+    // Events for the old session's id no longer match; the new id does once confirmed.
+    p.link.publish_event(Id(10), step(1));
+    p.link.confirm_subscription(update_topic, Id(11));
+    p.link.publish_event(Id(11), step(2));
+    p.pump();
+    EXPECT_EQ(values, std::vector<int>{2});
+    EXPECT_EQ(status, (Status{{true, ""}, {true, ""}}));
+}
+
+TEST(WampBindDevice, WaitsForAnEndpointThenSubscribesThere) {
+    CapturedLog log(spdlog::level::trace);
+    LoopbackPeer p(log.logger.get());
+    Client device("device", log.logger.get());
+    LoopbackConnection device_link(device);
+    p.peer.extra_endpoints.push_back(&device);
+
+    std::vector<size_t> first_frames, second_frames;
+    const uint64_t b1 = p.peer.bind_device<types::xsens_frame_t>(
+        "xsens_frame",
+        [&](const types::xsens_frame_t& f) { first_frames.push_back(f.segments.size()); });
+    const uint64_t b2 = p.peer.bind_device<types::xsens_frame_t>(
+        "xsens_frame",
+        [&](const types::xsens_frame_t& f) { second_frames.push_back(f.segments.size()); });
+    EXPECT_NE(b1, b2);
+    EXPECT_TRUE(p.link.written.empty());
+    EXPECT_TRUE(device_link.written.empty());
+    EXPECT_EQ(p.peer.pending_device_bindings.size(), 1u);
+    EXPECT_TRUE(p.peer.device_bindings.empty());
+
+    p.peer.serve_topic("xsens_frame", &device);
+    EXPECT_TRUE(p.peer.pending_device_bindings.empty());
+    EXPECT_EQ(p.peer.topic_endpoints.at("xsens_frame"), &device);
+    ASSERT_EQ(subscribes(device_link).size(), 1u);
+    EXPECT_TRUE(p.link.written.empty());
+    // Only the binder that waited last runs; it records its binding.
+    ASSERT_EQ(p.peer.device_bindings.count(b2), 1u);
+    EXPECT_EQ(p.peer.device_bindings.at(b2).first, &device);
+    EXPECT_EQ(p.peer.device_bindings.at(b2).second, subscribes(device_link)[0].request.value());
+
+    device_link.confirm_subscription("xsens_frame", Id(3));
+    device_link.inject(hex("95 24 03 01 80 91 91 90"));  // one frame with no segments
+    p.pump();
+    EXPECT_TRUE(first_frames.empty());
+    EXPECT_EQ(second_frames, std::vector<size_t>{0});
+
+    // A topic already served subscribes at once.
+    const uint64_t b3 =
+        p.peer.bind_device<types::art_frame_t>("xsens_frame", [](const types::art_frame_t&) {});
+    EXPECT_EQ(p.peer.device_bindings.count(b3), 1u);
+}
+
+TEST(WampBindDevice, FailedSubscriptionIsLoggedThroughThePeerLogger) {
+    CapturedLog log(spdlog::level::trace);
+    LoopbackPeer p(log.logger.get());
+    p.peer.serve_topic("art_frame", &p.server);
+    p.peer.bind_device<types::art_frame_t>("art_frame", [](const types::art_frame_t&) {});
+    p.link.refuse_subscription("art_frame", "wamp.error.no_such_topic");
+    p.pump();
+    EXPECT_NE(log.text().find("error QorClient : error during bind_device : "
+                              "'wamp.error.no_such_topic'"),
+              std::string::npos)
+        << log.text();
+
+    // Without a logger the failure is silent rather than a crash.
+    LoopbackPeer quiet;
+    quiet.peer.serve_topic("art_frame", &quiet.server);
+    quiet.peer.bind_device<types::art_frame_t>("art_frame", [](const types::art_frame_t&) {});
+    quiet.link.refuse_subscription("art_frame", "wamp.error.no_such_topic");
+    EXPECT_NO_THROW(quiet.pump());
+}
+
+TEST(WampBindDevice, RefusedTopicRaisesWhenTheBinderRunsAndDoesNotWaitAgain) {
+    LoopbackPeer p;
+    p.peer.bind_device<types::art_frame_t>("wampish", [](const types::art_frame_t&) {});
+    EXPECT_EQ(error_of([&] { p.peer.serve_topic("wampish", &p.server); }),
+              "wamp topic 'wampish'invalid, cannot start with 'wamp'");
+    EXPECT_TRUE(p.peer.pending_device_bindings.empty());
+    EXPECT_TRUE(p.link.written.empty());
+}
