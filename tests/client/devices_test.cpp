@@ -1,0 +1,231 @@
+// Device frame streams: subscriptions made at construction, frames kept per stream.
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "client_fixture.hpp"
+
+namespace client_test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+namespace types = dax::types;
+
+std::vector<std::string> device_topics_in_subscription_order() {
+    std::vector<std::string> topics{"art_frame"};
+    for (int i = 0; i < 10; ++i) topics.push_back("leap_frame_" + std::to_string(i));
+    topics.push_back("optitrack_frame");
+    topics.push_back("xsens_frame");
+    for (int i = 0; i < 5; ++i) topics.push_back("kinect_frame_" + std::to_string(i));
+    for (int i = 0; i < 10; ++i) topics.push_back("openvr_frame_" + std::to_string(i));
+    topics.push_back("moticon_frame");
+    return topics;
+}
+
+/// A client whose peer already knows that the loopback endpoint serves every device topic,
+/// so construction subscribes each one at once.
+class DevicesTest : public ::testing::Test {
+  protected:
+    LoopbackPeer net;
+    std::unique_ptr<dax::client::DaxClient> client;
+
+    void SetUp() override {
+        for (const std::string& topic : device_topics_in_subscription_order()) {
+            net.peer.topic_endpoints[topic] = &net.endpoint;
+        }
+        client = std::make_unique<dax::client::DaxClient>(&net.peer);
+    }
+
+    /// Confirms `topic`'s subscription and publishes `frame` on it, then pumps.
+    template <class Frame>
+    void publish(const std::string& topic, const Frame& frame) {
+        auto found = subscriptions.find(topic);
+        if (found == subscriptions.end()) {
+            const qor::wamp::Id id(1000 + subscriptions.size());
+            found = subscriptions.emplace(topic, id).first;
+            net.link.confirm_subscription(topic, id);
+            client->full_update();
+        }
+        net.link.publish_event(found->second, frame);
+        client->full_update();
+    }
+
+    std::map<std::string, qor::wamp::Id> subscriptions;
+};
+
+TEST_F(DevicesTest, ConstructionSubscribesEveryTopicOnceInFamilyOrder) {
+    std::vector<std::string> subscribed;
+    for (const qor::wamp::Message& m : net.link.written) {
+        if (m.type == qor::wamp::SUBSCRIBE) subscribed.push_back(m.topic);
+    }
+    EXPECT_EQ(subscribed, device_topics_in_subscription_order());
+    EXPECT_EQ(client->leap.device_frames.size(), 10u);
+    EXPECT_EQ(client->kinect.device_available.size(), 5u);
+    EXPECT_EQ(client->openvr.device_frames.size(), 10u);
+}
+
+TEST_F(DevicesTest, NothingIsAvailableBeforeTheFirstFrame) {
+    types::art_frame_t art;
+    art.i1 = 99;
+    EXPECT_FALSE(client->get_art_frame(art));
+    EXPECT_EQ(art.i1, 99);
+    types::optitrack_frame_t opti;
+    opti.i1 = 98;
+    EXPECT_FALSE(client->get_optitrack_frame(opti));
+    EXPECT_EQ(opti.i1, 98);
+    types::moticon_frame_t moticon;
+    moticon.left.value = 2.5f;
+    EXPECT_FALSE(client->get_moticon_frame(moticon));
+    EXPECT_EQ(moticon.left.value, 2.5f);
+    types::xsens_frame_t xsens;
+    xsens.segments.resize(2);
+    EXPECT_FALSE(client->get_xsens_frame(xsens));
+    EXPECT_EQ(xsens.segments.size(), 2u);
+    types::leap_frame_t leap;
+    leap.i1 = 97;
+    EXPECT_FALSE(client->get_leap_frame(leap, 0));
+    EXPECT_EQ(leap.i1, 97);
+    types::kinect_frame_t kinect;
+    EXPECT_FALSE(client->get_kinect_frame(kinect, 4));
+    types::openvr_frame_t openvr;
+    EXPECT_FALSE(client->get_openvr_frame(openvr, 9));
+
+    EXPECT_FALSE(client->is_art_available());
+    EXPECT_FALSE(client->is_moticon_available());
+    EXPECT_FALSE(client->is_optitrack_available());
+    EXPECT_FALSE(client->is_xsens_available());
+    EXPECT_THAT(client->get_kinect_ids(), IsEmpty());
+    EXPECT_THAT(client->get_leap_ids(), IsEmpty());
+    EXPECT_THAT(client->get_openvr_ids(), IsEmpty());
+}
+
+TEST_F(DevicesTest, NumberedStreamsKeepTheirOwnFrames) {
+    types::leap_frame_t leap;
+    leap.i1 = 33;
+    leap.hands.resize(1);
+    leap.hands[0].b1 = true;
+    publish("leap_frame_3", leap);
+    EXPECT_THAT(client->get_leap_ids(), ElementsAre(3));
+    EXPECT_TRUE(client->is_leap_available(3));
+    EXPECT_FALSE(client->is_leap_available(2));
+    types::leap_frame_t got;
+    ASSERT_TRUE(client->get_leap_frame(got, 3));
+    EXPECT_EQ(got.i1, 33);
+    ASSERT_EQ(got.hands.size(), 1u);
+    EXPECT_TRUE(got.hands[0].b1);
+    EXPECT_FALSE(client->get_leap_frame(got, 2));
+
+    types::kinect_frame_t k4, k0;
+    k4.i1 = 4;
+    k0.i1 = 10;
+    publish("kinect_frame_4", k4);
+    publish("kinect_frame_0", k0);
+    EXPECT_THAT(client->get_kinect_ids(), ElementsAre(0, 4));
+    types::kinect_frame_t got_kinect;
+    ASSERT_TRUE(client->get_kinect_frame(got_kinect, 4));
+    EXPECT_EQ(got_kinect.i1, 4);
+    ASSERT_TRUE(client->get_kinect_frame(got_kinect, 0));
+    EXPECT_EQ(got_kinect.i1, 10);
+
+    types::openvr_frame_t vr;
+    vr.ints_b.values = {1, 2, 3};
+    publish("openvr_frame_9", vr);
+    types::openvr_frame_t got_vr;
+    ASSERT_TRUE(client->get_openvr_frame(got_vr, 9));
+    EXPECT_THAT(got_vr.ints_b.values, ElementsAre(1, 2, 3));
+    EXPECT_THAT(client->get_openvr_ids(), ElementsAre(9));
+}
+
+TEST_F(DevicesTest, OutOfRangeStreamIdsReadAsNoFrame) {
+    for (int i = 0; i < 5; ++i)
+        publish("kinect_frame_" + std::to_string(i), types::kinect_frame_t{});
+    types::kinect_frame_t kinect;
+    kinect.i1 = 7;
+    for (int id : {-1, 5, 1000}) {
+        SCOPED_TRACE(id);
+        EXPECT_FALSE(client->is_kinect_available(id));
+        EXPECT_FALSE(client->get_kinect_frame(kinect, id));
+        EXPECT_FALSE(client->is_leap_available(id + 5));  // 4 is in range but has no frame
+        EXPECT_FALSE(client->is_openvr_available(id * 10));
+    }
+    EXPECT_EQ(kinect.i1, 7);
+    EXPECT_EQ(client->get_kinect_ids().size(), 5u);
+}
+
+TEST_F(DevicesTest, LatestFrameReplacesTheLastAndStaysReadable) {
+    types::xsens_frame_t first, second;
+    first.segments.resize(1);
+    second.segments.resize(2);
+    second.segments[1].i2 = 12;
+    publish("xsens_frame", first);
+    publish("xsens_frame", second);
+    for (int read = 0; read < 2; ++read) {
+        types::xsens_frame_t got;
+        ASSERT_TRUE(client->get_xsens_frame(got));
+        ASSERT_EQ(got.segments.size(), 2u);
+        EXPECT_EQ(got.segments[1].i2, 12);
+    }
+    EXPECT_TRUE(client->is_xsens_available());
+}
+
+TEST_F(DevicesTest, SingleStreamFamiliesEachKeepTheirFrame) {
+    types::art_frame_t art;
+    art.i1 = 1;
+    types::optitrack_frame_t opti;
+    opti.f1 = 0.25f;
+    types::moticon_frame_t moticon;
+    moticon.right.point.y = -3.5f;
+    publish("art_frame", art);
+    publish("optitrack_frame", opti);
+    publish("moticon_frame", moticon);
+
+    types::art_frame_t got_art;
+    types::optitrack_frame_t got_opti;
+    types::moticon_frame_t got_moticon;
+    ASSERT_TRUE(client->get_art_frame(got_art));
+    ASSERT_TRUE(client->get_optitrack_frame(got_opti));
+    ASSERT_TRUE(client->get_moticon_frame(got_moticon));
+    EXPECT_EQ(got_art.i1, 1);
+    EXPECT_EQ(got_opti.f1, 0.25f);
+    EXPECT_EQ(got_moticon.right.point.y, -3.5f);
+    EXPECT_TRUE(client->is_art_available());
+    EXPECT_TRUE(client->is_optitrack_available());
+    EXPECT_TRUE(client->is_moticon_available());
+    EXPECT_FALSE(client->is_xsens_available());
+}
+
+TEST_F(DevicesTest, MalformedFrameFailsThroughThePumpAndKeepsTheOldOne) {
+    types::xsens_frame_t good;
+    good.segments.resize(3);
+    publish("xsens_frame", good);
+    // Two arguments where one frame is expected.
+    net.link.publish_event(subscriptions.at("xsens_frame"), types::xsens_frame_t{}, 1);
+    EXPECT_THROW(client->full_update(), std::runtime_error);
+    types::xsens_frame_t got;
+    ASSERT_TRUE(client->get_xsens_frame(got));
+    EXPECT_EQ(got.segments.size(), 3u);
+}
+
+TEST(DevicesLater, TopicsServedAfterConstructionAreBoundThen) {
+    LoopbackPeer net;
+    dax::client::DaxClient client(&net.peer);
+    EXPECT_EQ(net.peer.pending_device_bindings.size(), 29u);
+    EXPECT_TRUE(net.link.written.empty());
+    net.peer.serve_topic("leap_frame_7", &net.endpoint);
+    net.link.confirm_subscription("leap_frame_7", qor::wamp::Id(4));
+    client.full_update();
+    types::leap_frame_t frame;
+    frame.i1 = 70;
+    net.link.publish_event(qor::wamp::Id(4), frame);
+    client.full_update();
+    EXPECT_THAT(client.get_leap_ids(), ElementsAre(7));
+}
+
+}  // namespace
+}  // namespace client_test
