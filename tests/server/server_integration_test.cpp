@@ -1,0 +1,395 @@
+// qor-sim-server as a process, driven through DaxClient and the rigid-body plug-in over both
+// framings, and by an independent WAMP client (autobahn).
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <set>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <spdlog/sinks/null_sink.h>
+#include <spdlog/spdlog.h>
+
+#include <dax/client.hpp>
+#include <qor/launch/server_process.hpp>
+#include <qor/qor_client.hpp>
+#include <qor/transport/connect.hpp>
+#include <rigid_body/components.hpp>
+
+#include "sim_test_util.hpp"
+
+namespace qor::sim::testing {
+namespace {
+
+namespace dt = dax::types;
+using dax::client::DaxClient;
+using ::testing::HasSubstr;
+using Clock = std::chrono::steady_clock;
+
+std::unique_ptr<launch::ServerProcess> start_server(const TempFolder& data,
+                                                    std::vector<std::string> extra = {}) {
+    launch::LaunchOptions options;
+    options.executable = launch::executable_folder() + "/qor-sim-server";
+    options.args = {"--data-dir", data.str()};
+    options.args.insert(options.args.end(), extra.begin(), extra.end());
+    options.log_path = (data.path() / "server.log").string();
+    return std::make_unique<launch::ServerProcess>(options);
+}
+
+// One application: a peer connected to the server and a DaxClient with the plug-in loaded.
+struct App {
+    QorClient peer;
+    std::unique_ptr<DaxClient> client;
+
+    explicit App(const std::string& url) {
+        if (!spdlog::get("logger"))
+            spdlog::register_logger(std::make_shared<spdlog::logger>(
+                "logger", std::make_shared<spdlog::sinks::null_sink_mt>()));
+        transport::connect(peer, url);
+        client = std::make_unique<DaxClient>(&peer);
+        client->setTimeoutMs(10000);
+        client->init("test", [](int64_t, std::string) {});
+    }
+
+    rigid_body::Body* body(int64_t id) {
+        auto* c = client->getComponent(id);
+        EXPECT_NE(c, nullptr) << "component " << id;
+        EXPECT_EQ(c ? c->getType() : "", "Body");
+        return static_cast<rigid_body::Body*>(c);
+    }
+
+    // Ground (id 0) and a ball of radius 0.5 at height `z` (id 1).
+    rigid_body::Body* ground_and_ball(double z) {
+        client->Reset();
+        client->Create("Ground");
+        auto* b = static_cast<rigid_body::Body*>(client->Create("Body"));
+        b->shape = "sphere";
+        b->size = {0.5, 0, 0};
+        b->state.pose.position = {0, 0, z};
+        return b;
+    }
+
+    bool pump_until(const std::function<bool()>& done,
+                    std::chrono::milliseconds limit = std::chrono::milliseconds(10000)) {
+        const auto end = Clock::now() + limit;
+        while (!done()) {
+            if (Clock::now() > end) return false;
+            if (!client->full_update()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return true;
+    }
+};
+
+class ServerOverFraming : public ::testing::TestWithParam<std::string> {
+  protected:
+    TempFolder data;
+    std::unique_ptr<launch::ServerProcess> server = start_server(data);
+    std::string url() const {
+        return GetParam() == "rawsocket" ? server->rawsocket_url() : server->websocket_url();
+    }
+};
+
+TEST_P(ServerOverFraming, EveryOperationThroughDaxClient) {
+    App app(url());
+    DaxClient& c = *app.client;
+    std::set<std::string> used;
+    const auto op = [&used](const char* name) {
+        used.insert(std::string("qor.server.operation.") + name);
+    };
+
+    op("AUTHENTICATE");
+    EXPECT_EQ(c.AUTHENTICATE("anyone"), "anonymous");
+    op("GET_SERVER_BUILD_NUMBER");
+    EXPECT_FALSE(c.GET_SERVER_BUILD_NUMBER().empty());
+    op("GET_LOGS_LABELS");
+    EXPECT_THAT(c.GET_LOGS_LABELS(), HasSubstr("physics"));
+    op("SET_VERBOSE");
+    EXPECT_EQ(c.SET_VERBOSE(false), 0);
+
+    // The dropped ball falls and comes to rest on the ground, through sync_step and the plug-in.
+    rigid_body::Body* ball = app.ground_and_ball(4.0);
+    op("SEND_SCENE");
+    c.send_scene_to_server();
+    for (int i = 0; i < 30; ++i) c.sync_step();
+    EXPECT_NEAR(ball->state.pose.position.z, 4.0 - 0.5 * 9.81 * 0.25, 0.05);
+    for (int i = 0; i < 400; ++i) c.sync_step();
+    EXPECT_NEAR(ball->state.pose.position.z, 0.5, 0.02);
+    EXPECT_EQ(ball->updates, 430);
+    op("STEP_SIMULATION");
+    const dt::integration_result_t step = c.STEP_SIMULATION();
+    EXPECT_EQ(step.value_int, 431);
+    EXPECT_EQ(states_of(step).count(1), 1u);
+
+    // The server's scene holds the pose of the last state.
+    c.sync_step();
+    op("GET_SERVER_SCENE");
+    const mp::buffer scene = c.GET_SERVER_SCENE();
+    const auto components = decode_scene(scene.data, scene.size);
+    ASSERT_EQ(components.size(), 2u);
+    const BodyData served = decode_body(components[1].data);
+    EXPECT_EQ(served.pose.position.z, ball->state.pose.position.z);
+    EXPECT_EQ(served.pose.position.x, ball->state.pose.position.x);
+
+    // Published states while the server runs on its own clock.
+    op("SET_SERVER_PERIOD_MS");
+    EXPECT_EQ(c.SET_SERVER_PERIOD_MS(5.0), 17);
+    op("SET_PUBLISH_PERIOD_MS");
+    EXPECT_EQ(c.SET_PUBLISH_PERIOD_MS(10.0), 33);
+    op("SET_PUBLISH_COMPRESSION_LEVEL");
+    EXPECT_EQ(c.SET_PUBLISH_COMPRESSION_LEVEL(0), 0);
+    op("ENABLE_SCHEDULING");
+    EXPECT_EQ(c.ENABLE_SCHEDULING(true), 1);
+    ball->state.pose.position.z = 10;
+    c.send_scene_to_server();
+    const int version = c.getSceneStateVersion();
+    op("START_SIMULATION");
+    EXPECT_EQ(c.START_SIMULATION(), 1);
+    ASSERT_TRUE(app.pump_until([&] { return c.getSceneStateVersion() >= version + 5; }));
+    EXPECT_LT(ball->state.pose.position.z, 10.0);
+    op("PAUSE_SIMULATION");
+    EXPECT_EQ(c.PAUSE_SIMULATION(), 2);
+    op("RESUME_SIMULATION");
+    EXPECT_EQ(c.RESUME_SIMULATION(), 1);
+    op("STOP_SIMULATION");
+    EXPECT_EQ(c.STOP_SIMULATION(), 0);
+
+    op("LOCK_PHYSIC");
+    EXPECT_EQ(c.LOCK_PHYSIC(), 1);
+    op("UNLOCK_PHYSIC");
+    EXPECT_EQ(c.UNLOCK_PHYSIC(), 0);
+    op("UNREGISTER_COMPONENTS");
+    EXPECT_EQ(c.UNREGISTER_COMPONENTS(), 2);
+    op("COMPONENTS_REGISTERED");
+    EXPECT_FALSE(c.COMPONENTS_REGISTERED());
+    op("REGISTER_COMPONENTS");
+    EXPECT_EQ(c.REGISTER_COMPONENTS(), 2);
+    op("CREATE_COMPONENTS");
+    EXPECT_EQ(c.CREATE_COMPONENTS(), 1);
+    op("SET_PROPERTY");
+    EXPECT_EQ(c.SET_PROPERTY("gravity", "0 0 -3"), 1);
+    op("GET_PROPERTY");
+    EXPECT_EQ(c.GET_PROPERTY("gravity"), "0 0 -3");
+    op("HAS_PROPERTY");
+    EXPECT_TRUE(c.HAS_PROPERTY("gravity"));
+    op("CONFIGURE_COMPONENTS");
+    EXPECT_EQ(c.CONFIGURE_COMPONENTS(), 1);
+    EXPECT_NEAR(c.STEP_SIMULATION().vec_a.z, -3.0f, 1e-6);
+    op("DUMP");
+    EXPECT_EQ(c.DUMP(), 2);
+
+    // Meshes.
+    op("CREATE_TRIMESH");
+    const long long mesh = c.CREATE_TRIMESH("tri", 3, 1, 1);
+    dt::mesh_batch_t batch;
+    batch.vertices = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}};
+    batch.triangles = {{0, 1, 2}};
+    batch.pairs = {{0, 1}};
+    op("UPDATE_TRIMESH");
+    EXPECT_EQ(c.UPDATE_TRIMESH(mesh, 0, 0, batch), 3);
+    op("GET_TRIMESH");
+    const dt::mesh_batch_t back = c.GET_TRIMESH(mesh);
+    ASSERT_EQ(back.vertices.size(), 3u);
+    EXPECT_EQ(back.vertices[1].x, 1.0);
+    EXPECT_EQ(back.triangles[0].c, 2u);
+    op("GET_TRIMESH_INFO");
+    const dt::mesh_info_t info = c.GET_TRIMESH_INFO(mesh);
+    EXPECT_EQ(info.value_1, 3);
+    EXPECT_EQ(info.text, "tri");
+    op("DUMP_MESHES_TO_OBJ");
+    EXPECT_EQ(c.DUMP_MESHES_TO_OBJ("objs"), 1);
+    EXPECT_TRUE(std::filesystem::exists(data.path() / "objs" / "mesh_1_tri.obj"));
+    op("CLEAR_TRIMESHES");
+    EXPECT_EQ(c.CLEAR_TRIMESHES(), 1);
+
+    // Persistence.
+    op("SET_PERSISTENCE_MODE");
+    EXPECT_TRUE(c.SET_PERSISTENCE_MODE(1));
+    op("GET_PERSISTENCE_MODE");
+    EXPECT_EQ(c.GET_PERSISTENCE_MODE(), 1);
+    op("SAVE_COMPONENTS");
+    EXPECT_EQ(c.SAVE_COMPONENTS("one"), 2);
+    EXPECT_EQ(c.SAVE_COMPONENTS("two"), 2);
+    op("BROWSE_PERSISTENCES");
+    const auto saved = c.BROWSE_PERSISTENCES();
+    ASSERT_EQ(saved.values.size(), 2u);
+    EXPECT_EQ(saved.values[0].first, "one");
+    op("CLEAR_SCENE");
+    EXPECT_EQ(c.CLEAR_SCENE(), 2);
+    op("LOAD_COMPONENTS");
+    EXPECT_EQ(c.LOAD_COMPONENTS("one"), 2);
+    op("CLEAR_BODIES_PERSISTENCES");
+    EXPECT_EQ(c.CLEAR_BODIES_PERSISTENCES("one", dt::vector_string_t{{"1", "5"}}, false).values,
+              (std::vector<bool>{true, false}));
+    op("CLEAR_SCENE_PERSISTENCES");
+    EXPECT_TRUE(c.CLEAR_SCENE_PERSISTENCES("one", false));
+    op("CLEAR_PERSISTENCES");
+    EXPECT_TRUE(c.CLEAR_PERSISTENCES());
+
+    // Errors: the blocking form throws the error URI; the server remembers the text.
+    try {
+        c.GET_PROPERTY("missing");
+        ADD_FAILURE() << "GET_PROPERTY of a missing property succeeded";
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "qor.error.not_found");
+    }
+    // A peer that sends a wrong type gets wamp.error.invalid_argument.
+    wamp::RpcResult<int> wrong;
+    bool answered = false;
+    app.peer.call<int>(
+        [&](wamp::RpcResult<int> r) {
+            wrong = r;
+            answered = true;
+        },
+        "qor.server.operation.SET_SERVER_PERIOD_MS", std::string("fast"));
+    ASSERT_TRUE(app.pump_until([&] { return answered; }));
+    EXPECT_TRUE(wrong.isError);
+    EXPECT_EQ(wrong.error, "wamp.error.invalid_argument");
+    op("GET_LAST_ERRORS");
+    const auto errors = c.GET_LAST_ERRORS(true);
+    ASSERT_EQ(errors.values.size(), 2u);
+    EXPECT_THAT(errors.values[1], HasSubstr("argument 1 of SET_SERVER_PERIOD_MS must be a number"));
+
+    // QUIT: the answer arrives, then the server says GOODBYE and exits cleanly.
+    op("QUIT");
+    EXPECT_EQ(c.QUIT(), 0);
+    EXPECT_TRUE(app.pump_until([&] { return !app.peer.server_connected; }));
+    EXPECT_EQ(server->wait(std::chrono::milliseconds(10000)), 0);
+
+    const auto all = SimulationCore::procedures();
+    EXPECT_EQ(used, std::set<std::string>(all.begin(), all.end()));
+}
+
+TEST_P(ServerOverFraming, TwoClientsShareTheSceneAndUpdates) {
+    App a(url());
+    App b(url());
+    a.ground_and_ball(6.0);
+    a.client->send_scene_to_server();
+    a.client->SET_PUBLISH_PERIOD_MS(10.0);
+    // B mirrors the server's scene, then both follow the published states.
+    b.client->get_server_scene();
+    ASSERT_TRUE(b.pump_until([&] { return b.client->getComponent(1) != nullptr; }));
+    const int va = a.client->getSceneStateVersion();
+    const int vb = b.client->getSceneStateVersion();
+    a.client->START_SIMULATION();
+    ASSERT_TRUE(a.pump_until([&] { return a.client->getSceneStateVersion() >= va + 5; }));
+    ASSERT_TRUE(b.pump_until([&] { return b.client->getSceneStateVersion() >= vb + 5; }));
+    // Calls from both interleave while the simulation runs.
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_EQ(a.client->SET_PROPERTY("who", "a"), i == 0 ? 1 : 0);
+        EXPECT_EQ(b.client->GET_PROPERTY("who"), "a");
+    }
+    b.client->STOP_SIMULATION();
+    a.pump_until([] { return false; }, std::chrono::milliseconds(100));
+    b.pump_until([] { return false; }, std::chrono::milliseconds(100));
+    EXPECT_LT(a.body(1)->state.pose.position.z, 6.0);
+    EXPECT_EQ(a.body(1)->state.pose.position.z, b.body(1)->state.pose.position.z)
+        << "both applied the same last state";
+}
+
+TEST_P(ServerOverFraming, ClientVanishingMidCallDoesNotDisturbOthers) {
+    App steady(url());
+    steady.ground_and_ball(3.0);
+    steady.client->send_scene_to_server();
+    steady.client->sync_step();
+    {
+        // Fire many calls, then vanish without reading any answer.
+        QorClient leaver;
+        transport::connect(leaver, url());
+        for (int i = 0; i < 200; ++i)
+            leaver.call<std::string>([](wamp::RpcResult<std::string>) {},
+                                     "qor.server.operation.GET_LOGS_LABELS");
+        leaver.call<int>([](wamp::RpcResult<int>) {}, "qor.server.operation.SAVE_COMPONENTS",
+                         std::string("left"));
+        leaver.update_first();
+        leaver.update_second();
+    }
+    for (int i = 0; i < 50; ++i) steady.client->sync_step();
+    EXPECT_LT(steady.body(1)->state.pose.position.z, 3.0);
+    EXPECT_EQ(steady.client->GET_LOGS_LABELS().empty(), false);
+    EXPECT_TRUE(steady.peer.server_connected);
+}
+
+INSTANTIATE_TEST_SUITE_P(Framings, ServerOverFraming, ::testing::Values("rawsocket", "websocket"),
+                         [](const auto& info) { return info.param; });
+
+TEST(ServerProcess, PersistenceSurvivesARestart) {
+    TempFolder data;
+    double saved_z = 0;
+    {
+        auto server = start_server(data);
+        App app(server->rawsocket_url());
+        rigid_body::Body* ball = app.ground_and_ball(5.0);
+        app.client->send_scene_to_server();
+        for (int i = 0; i < 20; ++i) app.client->sync_step();
+        saved_z = ball->state.pose.position.z;
+        EXPECT_EQ(app.client->SAVE_COMPONENTS("kept"), 2);
+        app.client->SET_PROPERTY("colour", "green");
+        EXPECT_TRUE(app.client->SET_PERSISTENCE_MODE(2));
+        EXPECT_EQ(app.client->QUIT(), 0);
+        EXPECT_EQ(server->wait(std::chrono::milliseconds(10000)), 0);
+    }
+    auto server = start_server(data);
+    App app(server->websocket_url());
+    EXPECT_EQ(app.client->GET_PROPERTY("colour"), "green");
+    EXPECT_EQ(app.client->GET_PERSISTENCE_MODE(), 2);
+    // Mode 2 brought back the scene of the last run by itself.
+    app.client->get_server_scene();
+    ASSERT_TRUE(app.pump_until([&] { return app.client->getComponent(1) != nullptr; }));
+    EXPECT_EQ(app.body(1)->state.pose.position.z, saved_z);
+    const auto list = app.client->BROWSE_PERSISTENCES();
+    std::vector<std::string> names;
+    for (const auto& p : list.values) names.push_back(p.first);
+    EXPECT_THAT(names, ::testing::ElementsAre("autosave", "kept"));
+    EXPECT_EQ(app.client->LOAD_COMPONENTS("kept"), 2);
+}
+
+TEST(ServerProcess, DeviceFramesReachTheClient) {
+    TempFolder data;
+    auto server = start_server(data, {"--devices", "50"});
+    App app(server->rawsocket_url());
+    for (const char* t : {"art_frame", "kinect_frame_0", "leap_frame_0", "moticon_frame",
+                          "openvr_frame_0", "optitrack_frame", "xsens_frame"})
+        app.peer.serve_topic(t, app.peer.server_endpoint);
+    DaxClient& c = *app.client;
+    ASSERT_TRUE(app.pump_until([&] {
+        return c.is_art_available() && c.is_kinect_available(0) && c.is_leap_available(0) &&
+               c.is_moticon_available() && c.is_openvr_available(0) && c.is_optitrack_available() &&
+               c.is_xsens_available();
+    }));
+    dt::xsens_frame_t xsens;
+    ASSERT_TRUE(c.get_xsens_frame(xsens));
+    EXPECT_EQ(xsens.segments.size(), 23u);
+    EXPECT_EQ(c.get_leap_ids(), std::vector<int>{0});
+}
+
+TEST(ServerProcess, BadCommandLineIsRefused) {
+    const std::string exe = launch::executable_folder() + "/qor-sim-server";
+    for (const char* args :
+         {"--rawsocket-port 70000", "--devices", "--bogus", "--no-rawsocket --no-websocket"}) {
+        const int status = std::system((exe + " " + args + " >/dev/null 2>&1").c_str());
+        EXPECT_TRUE(WIFEXITED(status));
+        EXPECT_EQ(WEXITSTATUS(status), 2) << args;
+    }
+}
+
+TEST(ServerProcess, AutobahnClientOverBothFramings) {
+    if (std::system("/usr/bin/python3 -c 'import autobahn, msgpack' >/dev/null 2>&1") != 0)
+        GTEST_SKIP() << "/usr/bin/python3 with autobahn and msgpack is not installed";
+    TempFolder data;
+    auto server = start_server(data);
+    const std::string script = std::string(QOR_SERVER_TEST_DIR) + "/autobahn_check.py";
+    for (const std::string& url : {server->rawsocket_url(), server->websocket_url()}) {
+        const std::string out = (data.path() / "autobahn.out").string();
+        const int status = std::system(
+            ("/usr/bin/python3 " + script + " " + url + " realm1 >" + out + " 2>&1").c_str());
+        std::ifstream in(out);
+        const std::string text((std::istreambuf_iterator<char>(in)),
+                               std::istreambuf_iterator<char>());
+        EXPECT_EQ(status, 0) << url << ": " << text;
+        EXPECT_THAT(text, HasSubstr("OK")) << url;
+    }
+}
+
+}  // namespace
+}  // namespace qor::sim::testing
