@@ -221,6 +221,8 @@ struct SimulationCore::Impl {
     double last_step_ms = 0;
     std::map<int64_t, std::vector<uint8_t>> last_published;
     Publisher publisher;
+    bool publishing = false;  // the clock thread is inside the publisher, lock released
+    std::condition_variable published;
     bool quit = false;
     bool stopping = false;
     std::condition_variable quit_cv;
@@ -543,6 +545,7 @@ struct SimulationCore::Impl {
                 std::vector<uint8_t> value;
                 dt::pack(value, result(false));
                 Publisher out = publisher;
+                publishing = true;
                 lock.unlock();
                 try {
                     out(kUpdateTopic, value);
@@ -550,6 +553,8 @@ struct SimulationCore::Impl {
                     log->error("publishing a state failed: {}", e.what());
                 }
                 lock.lock();
+                publishing = false;
+                published.notify_all();
             }
         }
     }
@@ -890,7 +895,9 @@ SimulationCore::SimulationCore(CoreOptions options)
 SimulationCore::~SimulationCore() = default;
 
 void SimulationCore::set_publisher(Publisher publisher) {
-    std::lock_guard<std::mutex> lock(impl_->mutex);
+    std::unique_lock<std::mutex> lock(impl_->mutex);
+    // Whoever replaces the publisher may destroy what the old one used once this returns.
+    impl_->published.wait(lock, [this] { return !impl_->publishing; });
     impl_->publisher = std::move(publisher);
 }
 

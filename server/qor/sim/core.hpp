@@ -49,7 +49,8 @@ class SimulationCore {
     SimulationCore(const SimulationCore&) = delete;
     SimulationCore& operator=(const SimulationCore&) = delete;
 
-    /// Sets where state updates go; null drops them.
+    /// Sets where state updates go; null drops them. Returns once no call of the previous
+    /// publisher is running.
     void set_publisher(Publisher publisher);
 
     /// Runs `procedure` with `count` positional arguments encoded back to back in

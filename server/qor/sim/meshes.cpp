@@ -16,7 +16,7 @@ int64_t MeshStore::create(const std::string& name, int vertices, int triangles, 
     mesh.name = name;
     // The counts are hints from the client; cap the reservation so a wild number cannot
     // exhaust memory before any data arrives.
-    constexpr int kMaxReserve = 1 << 20;
+    constexpr int kMaxReserve = 1 << 16;
     mesh.batch.vertices.reserve(std::min(vertices, kMaxReserve));
     mesh.batch.triangles.reserve(std::min(triangles, kMaxReserve));
     mesh.batch.pairs.reserve(std::min(pairs, kMaxReserve));

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 
 #include <fmt/format.h>
@@ -142,8 +143,13 @@ std::vector<std::pair<std::string, double>> Store::list() const {
         // can be cleared) with time 0.
         double when = 0;
         try {
-            const std::vector<uint8_t> bytes = read_file(p.string());
-            mp::ReadBuffer in(bytes.data(), bytes.size());
+            // The header (tag, format, time) sits in the first few bytes.
+            std::ifstream file(p, std::ios::binary);
+            std::vector<uint8_t> head(64);
+            file.read(reinterpret_cast<char*>(head.data()),
+                      static_cast<std::streamsize>(head.size()));
+            head.resize(static_cast<size_t>(file.gcount()));
+            mp::ReadBuffer in(head.data(), head.size());
             expect_header(in, 5, kSceneMagic, p.string());
             mp::read(in, when);
         } catch (const std::exception&) {
