@@ -21,60 +21,27 @@ inline constexpr const char* end_of_data = "unexpected end of data";
 inline uint64_t decode_integer(const uint8_t* p, uint64_t avail, uint64_t& value) {
     if (avail == 0) fail(end_of_data);
     const uint8_t b = p[0];
-    if (b <= 0x7F) {
-        value = b;
-        return 1;
-    }
-    if (b >= 0xE0) {
+    if (int8_t(b) >= -32) {  // positive fixint 0x00..0x7F, negative fixint 0xE0..0xFF
         value = uint64_t(int64_t(int8_t(b)));
         return 1;
     }
-    uint64_t n;
-    switch (b) {
-        case 0xCC:
-        case 0xD0:
-            n = 2;
-            break;
-        case 0xCD:
-        case 0xD1:
-            n = 3;
-            break;
-        case 0xCE:
-        case 0xD2:
-            n = 5;
-            break;
-        case 0xCF:
-        case 0xD3:
-            n = 9;
-            break;
-        default:
-            fail("expecting integer value");
+    // 0xCC..0xCF are uint 8..64 and 0xD0..0xD3 int 8..64: the width and the signedness
+    // follow from the type byte, so one shift decodes every width without a branch per form.
+    const unsigned form = unsigned(b) - 0xCC;
+    if (form > 7) fail("expecting integer value");
+    const unsigned width = 1u << (form & 3);
+    if (avail < 1 + width) fail(end_of_data);
+    uint64_t raw;  // the value bytes at the top, big-endian
+    if (avail >= 9) {
+        raw = get_be64(p + 1);
+    } else {
+        raw = 0;
+        for (unsigned i = 0; i < width; ++i) raw = raw << 8 | p[1 + i];
+        raw <<= 64 - 8 * width;
     }
-    if (avail < n) fail(end_of_data);
-    switch (b) {
-        case 0xCC:
-            value = p[1];
-            break;
-        case 0xCD:
-            value = get_be16(p + 1);
-            break;
-        case 0xCE:
-            value = get_be32(p + 1);
-            break;
-        case 0xD0:
-            value = uint64_t(int64_t(int8_t(p[1])));
-            break;
-        case 0xD1:
-            value = uint64_t(int64_t(int16_t(get_be16(p + 1))));
-            break;
-        case 0xD2:
-            value = uint64_t(int64_t(int32_t(get_be32(p + 1))));
-            break;
-        default:
-            value = get_be64(p + 1);
-            break;  // 0xCF, 0xD3
-    }
-    return n;
+    const unsigned shift = 64 - 8 * width;
+    value = form >= 4 ? uint64_t(int64_t(raw) >> shift) : raw >> shift;
+    return 1 + width;
 }
 
 /// float 32 or float 64, as a double (float 32 widened exactly); `wrong_type` names the target.
