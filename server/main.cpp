@@ -161,6 +161,11 @@ class Router {
         switch (m.type) {
             case wamp::CALL: {
                 std::lock_guard<std::mutex> lock(work_mutex_);
+                if (closing_) {
+                    send_error(session, wamp::CALL, m.request, "wamp.error.canceled",
+                               "the server is shutting down");
+                    break;
+                }
                 calls_.push_back({session, m});
                 work_cv_.notify_one();
                 break;
@@ -183,6 +188,14 @@ class Router {
                 else
                     log_->debug("session {}: ignored {}", session, wamp::type_name(m.type));
         }
+    }
+
+    // Answers every call already received, refuses later ones, and returns when the last
+    // answer is queued: a QUIT's own RESULT must leave before the server's GOODBYE.
+    void drain() {
+        std::unique_lock<std::mutex> lock(work_mutex_);
+        closing_ = true;
+        idle_cv_.wait(lock, [this] { return calls_.empty() && !busy_; });
     }
 
     void on_leave(uint64_t session) {
@@ -228,9 +241,12 @@ class Router {
             if (calls_.empty()) return;
             PendingCall call = std::move(calls_.front());
             calls_.pop_front();
+            busy_ = true;
             lock.unlock();
             answer(call.session, call.message);
             lock.lock();
+            busy_ = false;
+            if (calls_.empty()) idle_cv_.notify_all();
         }
     }
 
@@ -332,7 +348,10 @@ class Router {
 
     std::mutex work_mutex_;
     std::condition_variable work_cv_;
+    std::condition_variable idle_cv_;
     std::deque<PendingCall> calls_;
+    bool busy_ = false;     // a call is being answered
+    bool closing_ = false;  // shutting down: no new calls
     bool stopping_ = false;
     std::thread worker_;
 };
@@ -391,6 +410,7 @@ int main(int argc, char** argv) {
 
         core.wait_for_quit();
         log->info("shutting down");
+        router.drain();
         devices.reset();
         core.set_publisher(nullptr);
         server.shutdown("wamp.close.system_shutdown", std::chrono::milliseconds(2000));

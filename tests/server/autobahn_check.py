@@ -100,7 +100,7 @@ async def exercise(session):
         if len(events) >= 3 and not got_three.done():
             got_three.set_result(True)
 
-    await session.subscribe(on_update, "qor.server.update")
+    subscription = await session.subscribe(on_update, "qor.server.update")
     await call("SET_PUBLISH_PERIOD_MS", 10)
     check(await call("START_SIMULATION") == 1, "START_SIMULATION")
     try:
@@ -108,6 +108,8 @@ async def exercise(session):
     except asyncio.TimeoutError:
         failures.append("fewer than 3 updates in 10 s")
     check(await call("STOP_SIMULATION") == 0, "STOP_SIMULATION")
+    await subscription.unsubscribe()
+    check(not subscription.active, "UNSUBSCRIBE confirmed")
     for e in events:
         check(isinstance(e, list) and len(e) == 5 and isinstance(e[0], bytes), "update layout")
 

@@ -37,15 +37,20 @@ std::unique_ptr<launch::ServerProcess> start_server(const TempFolder& data,
     return std::make_unique<launch::ServerProcess>(options);
 }
 
+// The client logs its plug-in failures through the spdlog logger "logger"; keep it quiet.
+void ensure_logger() {
+    if (!spdlog::get("logger"))
+        spdlog::register_logger(std::make_shared<spdlog::logger>(
+            "logger", std::make_shared<spdlog::sinks::null_sink_mt>()));
+}
+
 // One application: a peer connected to the server and a DaxClient with the plug-in loaded.
 struct App {
     QorClient peer;
     std::unique_ptr<DaxClient> client;
 
     explicit App(const std::string& url) {
-        if (!spdlog::get("logger"))
-            spdlog::register_logger(std::make_shared<spdlog::logger>(
-                "logger", std::make_shared<spdlog::sinks::null_sink_mt>()));
+        ensure_logger();
         transport::connect(peer, url);
         client = std::make_unique<DaxClient>(&peer);
         client->setTimeoutMs(10000);
@@ -87,6 +92,12 @@ class ServerOverFraming : public ::testing::TestWithParam<std::string> {
     std::unique_ptr<launch::ServerProcess> server = start_server(data);
     std::string url() const {
         return GetParam() == "rawsocket" ? server->rawsocket_url() : server->websocket_url();
+    }
+    // The server's log explains most failures seen from the client.
+    void TearDown() override {
+        if (!HasFailure()) return;
+        std::ifstream log(data.path() / "server.log");
+        std::cerr << "---- server log\n" << log.rdbuf() << "----\n";
     }
 };
 
@@ -285,6 +296,14 @@ TEST_P(ServerOverFraming, TwoClientsShareTheSceneAndUpdates) {
     EXPECT_LT(a.body(1)->state.pose.position.z, 6.0);
     EXPECT_EQ(a.body(1)->state.pose.position.z, b.body(1)->state.pose.position.z)
         << "both applied the same last state";
+
+    // QUIT from one client says GOODBYE to every session and the server exits cleanly.
+    EXPECT_EQ(b.client->QUIT(), 0);
+    EXPECT_TRUE(a.pump_until([&] { return !a.peer.server_connected; }));
+    EXPECT_TRUE(b.pump_until([&] { return !b.peer.server_connected; }));
+    EXPECT_THAT(static_cast<transport::Endpoint*>(a.peer.server_endpoint->connection)->last_error(),
+                HasSubstr("wamp.close.system_shutdown"));
+    EXPECT_EQ(server->wait(std::chrono::milliseconds(10000)), 0);
 }
 
 TEST_P(ServerOverFraming, ClientVanishingMidCallDoesNotDisturbOthers) {
@@ -342,6 +361,28 @@ TEST(ServerProcess, PersistenceSurvivesARestart) {
     for (const auto& p : list.values) names.push_back(p.first);
     EXPECT_THAT(names, ::testing::ElementsAre("autosave", "kept"));
     EXPECT_EQ(app.client->LOAD_COMPONENTS("kept"), 2);
+}
+
+TEST(ServerProcess, TicketIsRequiredWhenConfigured) {
+    TempFolder data;
+    auto server = start_server(data, {"--ticket", "s3cret", "--authid", "lab"});
+    transport::ConnectOptions wrong;
+    wrong.authid = "lab";
+    wrong.authmethods = {"ticket"};
+    wrong.ticket = "guess";
+    QorClient refused;
+    EXPECT_THROW(transport::connect(refused, server->rawsocket_url(), wrong), std::runtime_error);
+    QorClient anonymous;
+    EXPECT_THROW(transport::connect(anonymous, server->websocket_url()), std::runtime_error);
+
+    transport::ConnectOptions right = wrong;
+    right.ticket = "s3cret";
+    QorClient peer;
+    transport::connect(peer, server->rawsocket_url(), right);
+    ensure_logger();
+    DaxClient client(&peer);
+    EXPECT_EQ(client.AUTHENTICATE("s3cret"), "authenticated");
+    EXPECT_THROW(client.AUTHENTICATE("guess"), std::runtime_error);
 }
 
 TEST(ServerProcess, DeviceFramesReachTheClient) {
