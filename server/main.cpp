@@ -166,6 +166,13 @@ class Router {
                                "the server is shutting down");
                     break;
                 }
+                // A client that floods calls faster than they run must not grow the queue
+                // without bound.
+                if (calls_.size() >= kMaxQueuedCalls) {
+                    send_error(session, wamp::CALL, m.request, "wamp.error.canceled",
+                               "too many calls waiting");
+                    break;
+                }
                 calls_.push_back({session, m});
                 work_cv_.notify_one();
                 break;
@@ -225,6 +232,8 @@ class Router {
     }
 
   private:
+    static constexpr size_t kMaxQueuedCalls = 100000;
+
     struct Subscription {
         std::string topic;
         std::set<uint64_t> sessions;
