@@ -299,6 +299,20 @@ TEST(ClientConstruction, PluginsSharingANameUseWhateverTheTableHoldsAtEachLoad) 
     EXPECT_EQ(run.err, "[Server] Failed initializing plugin : libqor_2twin_sdk_cpp.so\n");
 }
 
+TEST(ClientConstruction, ThrowFromRegisterFactoriesReleasesWhatWasGathered) {
+    ScratchFolder dir;
+    dir.add_plugin("libqor_test_throw_register_sdk_cpp.so", "libqor_bad_sdk_cpp.so");
+    const ProbeRun run = run_probe(dir);
+    EXPECT_EQ(run.status, 0);
+    // Not the plug-in search's own failure: the exception leaves the constructor, and the
+    // factory appended before it is deleted while its library is still loaded.
+    EXPECT_EQ(run.out, kStart +
+                           "plugin: factory released\n"
+                           "probe: construction failed: test plugin cannot register\n"
+                           "probe: peer bindings=0 pending=0\n");
+    EXPECT_EQ(run.err, "");
+}
+
 TEST(ClientConstruction, FailureWithoutAnApplicationLoggerStillGetsReported) {
     ScratchFolder dir;
     dir.touch("libqor_broken_sdk_cpp.so");

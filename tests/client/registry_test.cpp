@@ -195,6 +195,17 @@ TEST_F(LifecycleTest, DefaultsAndSettings) {
     EXPECT_TRUE(net.link.written.empty());  // neither construction nor ping sent anything
 }
 
+TEST(Lifecycle, NullPeerIsRefusedBeforeAnythingHappens) {
+    ::testing::internal::CaptureStdout();
+    try {
+        DaxClient client(nullptr);
+        FAIL() << "no exception";
+    } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "DaxClient: peer must not be null");
+    }
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+}
+
 TEST_F(LifecycleTest, FullUpdateRunsBothPassesAndReportsEither) {
     EXPECT_FALSE(client->full_update());
     EXPECT_EQ(net.link.first_passes, 1u);

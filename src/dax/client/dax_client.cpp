@@ -26,7 +26,22 @@ constexpr const char* kOwnLibraryName = "qor_sdk_cpp";
 
 // ---- lifecycle ------------------------------------------------------------------------------
 
-DaxClient::DaxClient(qor::QorClient* peer) : peer(peer), plugin_handler(new Handler) {
+DaxClient::DaxClient(qor::QorClient* peer)
+    : peer(peer != nullptr ? peer : throw std::runtime_error("DaxClient: peer must not be null")),
+      plugin_handler(new Handler) {
+    // The destructor does not run for a constructor that throws: release what was gathered.
+    try {
+        load_plugins_and_subscribe();
+    } catch (...) {
+        for (IModuleFactory* factory : factories) delete factory;
+        factories.clear();
+        plugin_handler->unload();
+        delete plugin_handler;
+        throw;
+    }
+}
+
+void DaxClient::load_plugins_and_subscribe() {
     std::cout << "Create the client " << std::endl;
     std::cout << "[Client] Search plugins: " << std::endl;
 

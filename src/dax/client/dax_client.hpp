@@ -45,14 +45,17 @@ struct DeviceStores {
 /// inside the pump on that thread. The peer is borrowed and must outlive the client.
 ///
 /// Copies are shallow: a copy shares the components, factories and plug-in handler of its
-/// source, and only one of them may be destroyed.
+/// source, and only one of them may be destroyed. The subscriptions the client makes through
+/// the peer are not withdrawn when it is destroyed: stop pumping the peer, or destroy it,
+/// before events for a destroyed client can arrive.
 class DaxClient {
   public:
     /// The callback type of the asynchronous operations.
     template <class T>
     using Callback = std::function<void(qor::wamp::RpcResult<T>)>;
 
-    /// Prints the start lines, loads plug-ins beside the executable, subscribes device topics.
+    /// Prints the start lines, loads plug-ins beside the executable, subscribes device topics;
+    /// a null peer raises "DaxClient: peer must not be null".
     explicit DaxClient(qor::QorClient* peer);
     /// Member-wise, shallow copy.
     DaxClient(const DaxClient& other) = default;
@@ -190,6 +193,9 @@ class DaxClient {
     DeviceStore<dax::types::moticon_frame_t> moticon;  ///< "moticon_frame"
 
   private:
+    // Construction after the fields: prints, loads plug-ins, subscribes the device topics.
+    void load_plugins_and_subscribe();
+
     void init_art();
     void init_leap(int count);
     void init_optitrack();

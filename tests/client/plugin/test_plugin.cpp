@@ -5,7 +5,9 @@
 //   TEST_NO_INIT       leave "PluginInit" out
 //   TEST_THROW         "GetName" throws
 //   TEST_FACTORIES     register the Body and Counter factories
+//   TEST_THROW_REGISTER  register one factory, then throw from registerFactories
 
+#include <iostream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -32,12 +34,22 @@ class Factory : public IModuleFactory {
     std::string type_;
 };
 
+// Says when it is deleted, so that a test sees a factory released after a failed construction.
+class NoisyFactory : public IModuleFactory {
+  public:
+    ~NoisyFactory() override { std::cout << "plugin: factory released" << std::endl; }
+    IClientComponent* create(const std::string&, DaxClient*, int64_t) override { return nullptr; }
+};
+
 class Module : public dax::client::PluginModule {
   public:
     void registerFactories(std::vector<IModuleFactory*>* factories) override {
 #ifdef TEST_FACTORIES
         factories->push_back(new Factory<client_test::Body>("Body"));
         factories->push_back(new Factory<client_test::Counter>("Counter"));
+#elif defined(TEST_THROW_REGISTER)
+        factories->push_back(new NoisyFactory);
+        throw std::runtime_error("test plugin cannot register");
 #else
         (void)factories;
 #endif

@@ -26,7 +26,7 @@ int main(int argc, char** argv) {
     }
 
     qor::QorClient peer;
-    {
+    try {
         dax::client::DaxClient client(&peer);
         std::cout << "probe: factories=" << client.factories.size()
                   << " bindings=" << peer.next_binding_id - 1 << " timeout=" << client.getTimeout()
@@ -40,6 +40,8 @@ int main(int argc, char** argv) {
                 std::cout << "probe: " << e.what() << std::endl;
             }
         }
+    } catch (const std::exception& e) {
+        std::cout << "probe: construction failed: " << e.what() << std::endl;
     }
     // The peer belongs to us and is still usable once the client is gone.
     std::cout << "probe: peer bindings=" << peer.device_bindings.size()
