@@ -141,4 +141,29 @@ TEST(RecordErrors, TruncatedFixedRecordsInALongList) {
     EXPECT_EQ(error_of<mesh_batch_t>(hex("93 90 90 " + bytes)), "unexpected end of data");
 }
 
+TEST(RecordErrors, ListLongerThanItsBytesGrowsOnlyWithWhatArrives) {
+    // 1000 vertices claimed, two present, then 1000 bytes of junk: enough bytes for the header
+    // to pass, far too few for 1000 vertices. The target grows with the elements read, not to
+    // the claimed count, and the error is the one met at the third element.
+    const std::string vertex = "93 CA 3F800000 CA 3F800000 CA 40000000 ";
+    const std::string junk(2 * 1000, '0');
+    mesh_batch_t mesh;
+    EXPECT_EQ(read_error(hex("93 DC 03E8 " + vertex + vertex + junk), mesh),
+              "inconsistent data while parsing array");
+    EXPECT_EQ(mesh.vertices.size(), 3u);
+    EXPECT_LT(mesh.vertices.capacity(), 100u);
+    EXPECT_EQ(mesh.vertices[1].z, 2.0);
+
+    leap_frame_t leap;
+    EXPECT_EQ(read_error(hex("92 00 DC 03E8 92 00 00 " + junk), leap), count_error(2, 9));
+    EXPECT_LT(leap.hands.capacity(), 100u);
+
+    // Exactly enough bytes for the shortest accepted form of each element reads normally.
+    std::string vertices = "93 94 ";
+    for (int i = 0; i < 4; ++i) vertices += vertex;
+    mesh = decode<mesh_batch_t>(hex(vertices + "90 90"));
+    ASSERT_EQ(mesh.vertices.size(), 4u);
+    EXPECT_EQ(mesh.vertices[3].x, 1.0);
+}
+
 }  // namespace

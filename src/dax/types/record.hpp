@@ -88,6 +88,29 @@ struct fixed_size<T, std::enable_if_t<is_record_v<T>>>
                            ? fields_fixed_size<decltype(std::declval<const T&>().fields())>::value
                            : 0> {};
 
+// The fewest bytes any accepted encoding of a T can take (a double may come as float 32, an
+// index as a one-byte fixint). A list header claiming more elements than its bytes can hold
+// must not make a reader allocate far more memory than the message carries.
+template <class T>
+constexpr std::size_t min_encoded_size();
+template <class Tuple>
+struct fields_min_size;
+template <class... Fs>
+struct fields_min_size<std::tuple<Fs...>> {
+    static constexpr std::size_t value = 1 + (min_encoded_size<bare_t<Fs>>() + ... + 0);
+};
+template <class T>
+constexpr std::size_t min_encoded_size() {
+    if constexpr (is_record_v<T>)
+        return fields_min_size<decltype(std::declval<const T&>().fields())>::value;
+    else if constexpr (std::is_floating_point_v<T>)
+        return 5;
+    else if constexpr (std::is_same_v<T, msgpack::buffer>)
+        return 2;
+    else
+        return 1;
+}
+
 // Writes the fixed form of `value` at `p` (room already made) and returns the end.
 inline uint8_t* put_fixed(uint8_t* p, double value) {
     return msgpack::put_float64(p, value);
@@ -178,6 +201,15 @@ inline void read_field(msgpack::ReadBuffer& in, std::vector<bool>& values) {
 template <class E>
 void read_field(msgpack::ReadBuffer& in, std::vector<E>& values) {
     const uint64_t count = msgpack::read_array_header(in);
+    constexpr uint64_t least = min_encoded_size<E>();
+    if (least > 1 && count > in.remaining() / least) {
+        // The elements cannot all be there, so reading will fail somewhere; grow with the
+        // elements actually read so that memory follows the bytes received, and the error is
+        // still the one met at the failing element.
+        values.clear();
+        for (uint64_t i = 0; i < count; ++i) read_field(in, values.emplace_back());
+        return;
+    }
     values.resize(count);
     for (E& v : values) read_field(in, v);
 }
