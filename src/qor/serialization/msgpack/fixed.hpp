@@ -18,7 +18,7 @@
 //
 //     vertices.resize(read_array_header(in));
 //     for (auto& v : vertices)
-//         if (!read_float64_record(in, v.x, v.y, v.z)) read_generic(in, v);
+//         if (!read_float64_record(in, v.x, v.y, v.z)) read_fields(in, v);  // general path
 //
 // The put_* functions write at a raw pointer that the caller has made room for and return the
 // pointer one past what they wrote. The get_* functions read at a raw pointer that the caller
