@@ -75,6 +75,8 @@ class Router {
             [this](uint64_t session, const qor::wamp::Message& m) { handle(session, m); });
         server.start();
     }
+    // The server's handlers write into the members below: stop it while they still exist.
+    ~Router() { server.stop(); }
 
     void handle(uint64_t session, const qor::wamp::Message& m) {
         std::unique_lock<std::mutex> lock(mutex);

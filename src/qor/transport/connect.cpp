@@ -344,6 +344,10 @@ struct Endpoint::Impl {
         tell(LinkState::connected, "");
     }
 
+    std::string timed_out() const {
+        return "timed out after " + std::to_string(options.connect_timeout.count()) + " ms";
+    }
+
     // Runs an opening to its end on this thread; throws with the cause on failure.
     void open_blocking() {
         opening_blocking = true;
@@ -357,8 +361,7 @@ struct Endpoint::Impl {
         while (stage == Stage::transport || stage == Stage::hello) {
             const auto now = Clock::now();
             if (now >= opening_deadline) {
-                fail_opening("timed out after " + std::to_string(options.connect_timeout.count()) +
-                             " ms");
+                fail_opening(timed_out());
                 break;
             }
             io.run_one_for(std::min<Clock::duration>(opening_deadline - now, milliseconds(50)));
@@ -396,7 +399,7 @@ struct Endpoint::Impl {
         }
         if ((stage == Stage::transport || stage == Stage::hello) &&
             Clock::now() >= opening_deadline)
-            fail_opening("timed out");
+            fail_opening(timed_out());
         if (opening_failed) {
             opening_failed = false;
             work = true;

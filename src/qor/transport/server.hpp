@@ -94,7 +94,8 @@ class Server {
 
     /// Binds the listeners and starts the I/O thread; throws std::runtime_error when it cannot.
     void start();
-    /// Closes every connection at once, without GOODBYE, and joins the I/O thread. Idempotent.
+    /// Closes every connection at once, without GOODBYE (`on_leave` runs for each joined
+    /// session), and joins the I/O thread. Idempotent; not from a handler.
     void stop();
     /// Sends GOODBYE with `reason` to every session, waits up to `grace` for them to go, then
     /// stops.
