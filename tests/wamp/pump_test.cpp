@@ -239,3 +239,17 @@ TEST(WampSessionLog, SerializeFailureWritesAndLogsNothing) {
     EXPECT_EQ(writes, 0);
     EXPECT_EQ(log.text(), "");
 }
+
+TEST(WampSessionLog, MessageThatCannotBePrintedIsStillWritten) {
+    CapturedLog log(spdlog::level::trace);
+    Client client("s", log.logger.get());
+    uint64_t written = 0;
+    client.session.write = [&written](const uint8_t*, uint64_t size) { written = size; };
+    // Arguments are copied as they are: a str 32 header that promises 4 GiB cannot be printed.
+    Message call(CALL, Id(7), "p");
+    const std::vector<uint8_t> bogus = hex("DB FF FF FF FF");
+    call.args = {mp::buffer(bogus.data(), bogus.size())};
+    client.session.send(call);
+    EXPECT_EQ(written, 12u);
+    EXPECT_EQ(log.text(), "trace [s WAMP Out] <unprintable: unexpected end of data>\n");
+}

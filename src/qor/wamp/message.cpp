@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <cstring>
-#include <limits>
 #include <sstream>
 #include <stdexcept>
 
@@ -347,11 +346,111 @@ std::string print(const uint8_t* data, uint64_t size, uint64_t limit) {
     return out;
 }
 
+namespace {
+
+// The number of bytes of the one value at `data`, reading only bytes that belong to it: the
+// codec's readers may load whole words within the size they are given, so a value whose size
+// is unknown must be measured before it is handed to them.
+uint64_t value_extent(const uint8_t* data) {
+    uint64_t pos = 0;
+    uint64_t pending = 1;
+    auto big_endian = [data, &pos](int bytes) {
+        uint64_t v = 0;
+        for (int i = 0; i < bytes; ++i) v = v << 8 | data[pos + i];
+        pos += bytes;
+        return v;
+    };
+    while (pending > 0) {
+        --pending;
+        const uint8_t b = data[pos++];
+        if (b <= 0x7F || b >= 0xE0 || (b >= 0xC0 && b <= 0xC3)) continue;
+        if (b <= 0x8F) {
+            pending += 2 * uint64_t(b & 0x0F);
+        } else if (b <= 0x9F) {
+            pending += b & 0x0F;
+        } else if (b <= 0xBF) {
+            pos += b & 0x1F;
+        } else {
+            switch (b) {
+                case 0xC4:
+                case 0xD9:
+                    pos += big_endian(1);
+                    break;
+                case 0xC5:
+                case 0xDA:
+                    pos += big_endian(2);
+                    break;
+                case 0xC6:
+                case 0xDB:
+                    pos += big_endian(4);
+                    break;
+                case 0xC7:
+                    pos += big_endian(1) + 1;
+                    break;
+                case 0xC8:
+                    pos += big_endian(2) + 1;
+                    break;
+                case 0xC9:
+                    pos += big_endian(4) + 1;
+                    break;
+                case 0xCC:
+                case 0xD0:
+                    pos += 1;
+                    break;
+                case 0xCD:
+                case 0xD1:
+                    pos += 2;
+                    break;
+                case 0xCA:
+                case 0xCE:
+                case 0xD2:
+                    pos += 4;
+                    break;
+                case 0xCB:
+                case 0xCF:
+                case 0xD3:
+                    pos += 8;
+                    break;
+                case 0xD4:
+                    pos += 2;
+                    break;
+                case 0xD5:
+                    pos += 3;
+                    break;
+                case 0xD6:
+                    pos += 5;
+                    break;
+                case 0xD7:
+                    pos += 9;
+                    break;
+                case 0xD8:
+                    pos += 17;
+                    break;
+                case 0xDC:
+                    pending += big_endian(2);
+                    break;
+                case 0xDD:
+                    pending += big_endian(4);
+                    break;
+                case 0xDE:
+                    pending += 2 * big_endian(2);
+                    break;
+                case 0xDF:
+                    pending += 2 * big_endian(4);
+                    break;
+                default:
+                    break;
+            }
+        }
+    }
+    return pos;
+}
+
+}  // namespace
+
 std::string print(const uint8_t* data, uint64_t limit) {
-    // The caller vouches for the value; bound the cursor only so that its arithmetic stays
-    // inside the address space.
-    const auto address = reinterpret_cast<std::uintptr_t>(data);
-    return print(data, std::numeric_limits<std::uintptr_t>::max() - address, limit);
+    // The caller vouches that one complete value starts at `data`.
+    return print(data, value_extent(data), limit);
 }
 
 }  // namespace qor::wamp
