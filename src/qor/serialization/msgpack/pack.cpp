@@ -12,7 +12,8 @@ namespace {
 constexpr uint64_t max_length = 0xFFFFFFFFull;
 
 // Every writer sizes its value first (raising any error before a byte is appended), then
-// grows the target once and fills the bytes in place.
+// grows the target once and fills the bytes in place. Integers, which cannot fail, are the
+// exception: they take room for their widest form and cut the vector back after writing.
 uint8_t* grow(std::vector<uint8_t>& out, uint64_t n) {
     const uint64_t at = grow_tail(out, n);  // before data(): growing may move the storage
     return out.data() + at;
