@@ -161,6 +161,7 @@ TEST_F(RegistryTest, CopiesShareEverything) {
     // Assignment drops what the target held without releasing it.
     DaxClient other(&net.peer);
     auto* dropped_handler = other.plugin_handler;
+    const auto dropped_factories = other.factories;
     other = *client;
     EXPECT_EQ(other.components, client->components);
     EXPECT_EQ(other.plugin_handler, client->plugin_handler);
@@ -171,6 +172,7 @@ TEST_F(RegistryTest, CopiesShareEverything) {
         detached->factories.clear();
         detached->plugin_handler = new dax::plugins::PluginHandler<IModuleFactory>;
     }
+    for (IModuleFactory* factory : dropped_factories) delete factory;
     dropped_handler->unload();
     delete dropped_handler;
     delete copy;
