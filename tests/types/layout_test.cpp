@@ -6,6 +6,20 @@
 
 #include "record_testing.hpp"
 
+namespace user_side {
+// Records declared outside dax::types, as an application or a plug-in would.
+struct leg_t {
+    dax::types::pose7_t pose;
+    double weight = 0;
+    DAX_RECORD_FIELDS(pose, weight)
+};
+struct robot_t {
+    std::string name;
+    std::vector<leg_t> legs;
+    DAX_RECORD_FIELDS(name, legs)
+};
+}  // namespace user_side
+
 namespace {
 
 using namespace dax::types;
@@ -166,6 +180,20 @@ TEST(RecordLayout, DeviceFrames) {
                       identity + D2 + D3 + "91 93 01 02 93 " + identity + D0 + D0 + "91 96 01 " +
                       identity + DHALF + "02 91 91 03 91 91 " + D1 + "91 96 01 " + identity + D2 +
                       "C3 03 91 94 " + identity + D1 + "91 91 " + D2 + "91 90");
+}
+
+TEST(RecordLayout, RecordsDeclaredElsewhereNest) {
+    user_side::robot_t robot{"r", {{pose7_t{}, 0.5}}};
+    std::vector<uint8_t> out;
+    dax::types::pack(out, robot);
+    EXPECT_EQ(to_hex(out),
+              to_hex(hex("92 A1 72 91 92 97 " + D0 + D0 + D0 + D1 + D0 + D0 + D0 + DHALF)));
+    user_side::robot_t back;
+    mp::ReadBuffer in(out.data(), out.size());
+    dax::types::read(in, back);
+    EXPECT_TRUE(same(back, robot));
+    EXPECT_EQ(read_error(hex("92 A1 72 91 93 00 00 00"), back),
+              "reading struct : wrong number of fields. 3 fields in message, 2 in struct");
 }
 
 // ---- forms accepted on reading ----------------------------------------------------------------

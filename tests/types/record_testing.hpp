@@ -60,8 +60,7 @@ inline std::string to_hex(const std::vector<uint8_t>& bytes) {
 template <class T>
 std::vector<uint8_t> encode(const T& value) {
     std::vector<uint8_t> out;
-    using mp::pack;
-    pack(out, value);
+    dax::types::pack(out, value);
     return out;
 }
 
@@ -70,8 +69,7 @@ template <class T>
 T decode(const std::vector<uint8_t>& bytes, uint64_t* consumed = nullptr) {
     mp::ReadBuffer in(bytes.data(), bytes.size());
     T value;
-    using mp::read;
-    read(in, value);
+    dax::types::read(in, value);
     if (consumed) *consumed = in.position;
     return value;
 }
@@ -81,8 +79,7 @@ template <class T>
 std::string read_error(const std::vector<uint8_t>& bytes, T& target) {
     mp::ReadBuffer in(bytes.data(), bytes.size());
     try {
-        using mp::read;
-        read(in, target);
+        dax::types::read(in, target);
     } catch (const std::runtime_error& e) {
         return e.what();
     }

@@ -54,6 +54,14 @@ template <class T>
 inline constexpr std::size_t field_count_v =
     std::tuple_size_v<decltype(std::declval<const T&>().fields())>;
 
+/// Appends `record` as an array of its fields in declaration order.
+template <class T, std::enable_if_t<is_record_v<T>, int> = 0>
+void pack(std::vector<uint8_t>& out, const T& record);
+/// Reads `record` from an array that must hold exactly its number of fields; raises the codec's
+/// "reading struct : wrong number of fields. ..." error otherwise.
+template <class T, std::enable_if_t<is_record_v<T>, int> = 0>
+void read(qor::serialization::msgpack::ReadBuffer& in, T& record);
+
 namespace detail {
 
 namespace msgpack = qor::serialization::msgpack;
@@ -167,10 +175,7 @@ bool get_fixed(const uint8_t* p, T& record) {
 }
 
 template <class T>
-void pack_field(std::vector<uint8_t>& out, const T& value) {
-    using msgpack::pack;
-    pack(out, value);  // records are found by argument-dependent lookup
-}
+void pack_field(std::vector<uint8_t>& out, const T& value);
 inline void pack_field(std::vector<uint8_t>& out, float value) {
     msgpack::pack(out, static_cast<double>(value));
 }
@@ -191,10 +196,7 @@ void pack_field(std::vector<uint8_t>& out, const std::vector<E>& values) {
 }
 
 template <class T>
-void read_field(msgpack::ReadBuffer& in, T& value) {
-    using msgpack::read;
-    read(in, value);  // records are found by argument-dependent lookup
-}
+void read_field(msgpack::ReadBuffer& in, T& value);
 inline void read_field(msgpack::ReadBuffer& in, std::vector<bool>& values) {
     msgpack::read(in, values);
 }
@@ -228,6 +230,27 @@ void pack_fields(std::vector<uint8_t>& out, const T& record) {
     std::apply([&out](const auto&... f) { (pack_field(out, f), ...); }, record.fields());
 }
 
+// Records go to the record templates directly, so that records declared in other namespaces
+// (where argument-dependent lookup would not find them) nest like ours.
+template <class T>
+void pack_field(std::vector<uint8_t>& out, const T& value) {
+    if constexpr (is_record_v<T>) {
+        dax::types::pack(out, value);
+    } else {
+        using msgpack::pack;
+        pack(out, value);
+    }
+}
+template <class T>
+void read_field(msgpack::ReadBuffer& in, T& value) {
+    if constexpr (is_record_v<T>) {
+        dax::types::read(in, value);
+    } else {
+        using msgpack::read;
+        read(in, value);
+    }
+}
+
 }  // namespace detail
 
 // The codec's overloads join the records' so that dax::types::pack and read take any value:
@@ -235,8 +258,7 @@ void pack_fields(std::vector<uint8_t>& out, const T& record) {
 using qor::serialization::msgpack::pack;
 using qor::serialization::msgpack::read;
 
-/// Appends `record` as an array of its fields in declaration order.
-template <class T, std::enable_if_t<is_record_v<T>, int> = 0>
+template <class T, std::enable_if_t<is_record_v<T>, int>>
 void pack(std::vector<uint8_t>& out, const T& record) {
     if constexpr (detail::fixed_size<T>::value > 0) {
         const uint64_t at =
@@ -247,9 +269,7 @@ void pack(std::vector<uint8_t>& out, const T& record) {
     }
 }
 
-/// Reads `record` from an array that must hold exactly its number of fields; raises the codec's
-/// "reading struct : wrong number of fields. ..." error otherwise.
-template <class T, std::enable_if_t<is_record_v<T>, int> = 0>
+template <class T, std::enable_if_t<is_record_v<T>, int>>
 void read(qor::serialization::msgpack::ReadBuffer& in, T& record) {
     if constexpr (detail::fixed_size<T>::value > 0) {
         constexpr std::size_t size = detail::fixed_size<T>::value;
