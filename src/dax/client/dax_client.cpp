@@ -1,6 +1,5 @@
 #include <dax/client/dax_client.hpp>
 
-#include <chrono>
 #include <iostream>
 #include <memory>
 #include <stdexcept>
@@ -30,12 +29,13 @@ DaxClient::DaxClient(qor::QorClient* peer)
     : peer(peer != nullptr ? peer : throw std::runtime_error("DaxClient: peer must not be null")),
       plugin_handler(new Handler) {
     // The destructor does not run for a constructor that throws: release what was gathered.
+    // The libraries stay loaded, though: the exception in flight may be a plug-in's own type,
+    // whose code must still be there when the caller catches it.
     try {
         load_plugins_and_subscribe();
     } catch (...) {
         for (IModuleFactory* factory : factories) delete factory;
         factories.clear();
-        plugin_handler->unload();
         delete plugin_handler;
         throw;
     }
