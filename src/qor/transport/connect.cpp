@@ -333,12 +333,18 @@ struct Endpoint::Impl {
         return handled;
     }
 
+    // Only the endpoint the peer calls its server speaks for the server's state; an older
+    // server endpoint replaced by a second `connect` no longer does.
+    void set_server_connected(bool connected) {
+        if (is_server && peer.server_endpoint == client) peer.server_connected = connected;
+    }
+
     // The session is established: flags, subscriptions, observers.
     void opened() {
         const bool again = !client->subscriber.topics.empty();
         attempt = 0;
         next_attempt.reset();
-        if (is_server) peer.server_connected = true;
+        set_server_connected(true);
         log(spdlog::level::info, "[{}] session {} open on {}", options.name, session, url_text);
         if (again) client->subscriber.resubscribe();
         tell(LinkState::connected, "");
@@ -467,7 +473,7 @@ struct Endpoint::Impl {
         inbox.clear();
         session = 0;
         last_error = cause;
-        if (is_server) peer.server_connected = false;
+        set_server_connected(false);
         schedule(cause);
         client->caller.fail_all(CONNECTION_LOST);
     }
@@ -520,7 +526,7 @@ void Endpoint::reconnect() {
         auto c = std::move(s.channel);
         c->abort("reconnecting");
         s.lost.reset();
-        if (s.is_server) s.peer.server_connected = false;
+        s.set_server_connected(false);
         s.client->caller.fail_all(CONNECTION_LOST);
     }
     if (s.opening) s.fail_opening("reconnecting");
@@ -550,7 +556,7 @@ void Endpoint::close(const std::string& reason) {
     s.inbox.clear();
     s.stage = Stage::closed;
     s.session = 0;
-    if (s.is_server) s.peer.server_connected = false;
+    s.set_server_connected(false);
     s.tell(LinkState::closed, reason);
     s.client->caller.fail_all(CONNECTION_LOST);
 }

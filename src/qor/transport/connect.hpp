@@ -105,7 +105,8 @@ class Endpoint : public wamp::Connection {
 
 /// Opens the server endpoint of `peer` at `url` (rs, rss, ws, wss), blocking until WELCOME
 /// or failure; then sets `server_endpoint`, `has_server` and `server_connected`. Failures
-/// throw std::runtime_error "cannot connect to '<url>': <cause>".
+/// throw std::runtime_error "cannot connect to '<url>': <cause>". Calling it again opens a
+/// new endpoint that takes over `server_endpoint`; `Endpoint::reconnect` reopens the same one.
 Endpoint& connect(QorClient& peer, const std::string& url, const ConnectOptions& options = {});
 
 /// Opens an extra endpoint (a device source) and declares the device topics it serves, which
