@@ -252,6 +252,13 @@ TEST(RecordAccepts, DoublesFromFloat32AreWidenedExactly) {
     EXPECT_EQ(mesh.vertices[0].y, 1.0);
     EXPECT_EQ(mesh.vertices[1].x, 3.0);
     EXPECT_EQ(mesh.vertices[1].z, 0.5);
+
+    // Plain number lists mix the forms the same way.
+    const auto doubles = decode<double_list_t>(hex("91 93 CA 3F800000 " + D2 + "CA 3F000000"));
+    EXPECT_EQ(doubles.values, (std::vector<double>{1.0, 2.0, 0.5}));
+    const auto floats = decode<float_list_t>(hex("91 92 CB 3FB999999999999A CA 3F800000"));
+    EXPECT_EQ(floats.values, (std::vector<float>{0.1f, 1.0f}));
+    EXPECT_EQ(read_error<double_list_t>(hex("91 92 " + D2 + "01")), "expected double value");
 }
 
 TEST(RecordAccepts, BooleansAreTrueOnlyFor0xC3AndTakeOneByte) {
