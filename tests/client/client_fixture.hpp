@@ -4,6 +4,7 @@
 // loopback, and the test answers, confirms and publishes through it.
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
