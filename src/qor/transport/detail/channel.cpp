@@ -1,11 +1,12 @@
 #include <qor/transport/detail/channel.hpp>
 
-#include <deque>
+#include <functional>
 #include <stdexcept>
 #include <type_traits>
 #include <vector>
 
 #include <boost/asio/connect.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/read.hpp>
 #include <boost/asio/ssl.hpp>
 #include <boost/asio/write.hpp>
@@ -30,12 +31,201 @@ namespace {
 constexpr size_t READ_CHUNK = 64 * 1024;
 constexpr const char* SUBPROTOCOL = "wamp.2.msgpack";
 
+// The layer under a WebSocket stream. Beast writes each frame with its own write_some; here
+// those writes only append to memory. The owner flushes after each message: with the socket
+// idle that writes at once, and while a write is in flight everything collected meanwhile
+// leaves together in the next one. Frames Beast writes on its own (pong, close) get a posted
+// flush, so they go out even when nobody calls it. Each
+// WAMP message stays its own frame, but a burst of them costs one syscall, not one each.
+// Reads pass straight through. The socket lives in shared state so that a write still in
+// flight keeps it, and the bytes it sends, alive after the channel is gone.
+template <class Next>
+class Coalescing {
+    struct Core : std::enable_shared_from_this<Core> {
+        template <class... Args>
+        explicit Core(Args&&... args) : next(std::forward<Args>(args)...) {}
+
+        template <class Buffers>
+        size_t append(const Buffers& buffers, error_code& ec) {
+            if (failed) {
+                ec = failed;
+                return 0;
+            }
+            ec = {};
+            size_t n = 0;
+            for (const auto b : beast::buffers_range_ref(buffers)) {
+                const auto* p = static_cast<const uint8_t*>(b.data());
+                out.insert(out.end(), p, p + b.size());
+                n += b.size();
+            }
+            if (!writing && !scheduled && !out.empty()) {
+                scheduled = true;
+                // Posted rather than written now, so the rest of this pass joins the write.
+                asio::post(next.get_executor(), [self = this->shared_from_this()] {
+                    self->scheduled = false;
+                    self->flush();
+                });
+            }
+            return n;
+        }
+
+        void flush() {
+            if (writing || failed) return;
+            if (out.empty()) return drained({});
+            writing = true;
+            sending.swap(out);
+            // async_write carries on after a partial write until all of `sending` is out.
+            asio::async_write(
+                next, asio::buffer(sending),
+                [self = this->shared_from_this()](error_code ec, size_t) { self->written(ec); });
+        }
+
+        void written(error_code ec) {
+            writing = false;
+            sending.clear();
+            if (!ec) return flush();
+            failed = ec;
+            out.clear();
+            if (on_error) {
+                auto report = on_error;
+                report(ec);
+            } else {
+                // Nobody to tell yet (a handshake is running): fail its pending read instead.
+                error_code ignored;
+                beast::get_lowest_layer(next).cancel(ignored);
+            }
+            drained(ec);
+        }
+
+        void drained(error_code ec) {
+            auto waiting = std::move(waiters);
+            waiters.clear();
+            for (auto& w : waiting) w(ec);
+        }
+
+        Next next;
+        std::vector<uint8_t> out;      // collecting for the next write
+        std::vector<uint8_t> sending;  // in the write in flight
+        bool writing = false;
+        bool scheduled = false;
+        error_code failed;
+        std::function<void(const error_code&)> on_error;
+        std::vector<std::function<void(error_code)>> waiters;
+    };
+
+  public:
+    using next_layer_type = Next;
+    using executor_type = typename Next::executor_type;
+
+    template <class... Args>
+    explicit Coalescing(Args&&... args)
+        : core_(std::make_shared<Core>(std::forward<Args>(args)...)) {}
+    Coalescing(Coalescing&&) = default;
+    Coalescing& operator=(Coalescing&&) = default;
+    ~Coalescing() {
+        // Bytes still queued must not keep a connection open that nobody owns any more.
+        if (!core_) return;
+        error_code ignored;
+        beast::get_lowest_layer(core_->next).close(ignored);
+    }
+
+    executor_type get_executor() { return core_->next.get_executor(); }
+    Next& next_layer() { return core_->next; }
+    const Next& next_layer() const { return core_->next; }
+
+    /// Starts a socket write of what is collected unless one is in flight; in that case it
+    /// follows when that one completes.
+    void flush() { core_->flush(); }
+    /// Bytes collected and not yet handed to the socket.
+    size_t pending() const { return core_->out.size(); }
+    /// Called when a socket write fails; later writes fail with the same error.
+    void on_error(std::function<void(const error_code&)> report) {
+        core_->on_error = std::move(report);
+    }
+    /// Calls `done` (never from inside this call) once everything collected so far is out.
+    void when_drained(std::function<void(error_code)> done) {
+        core_->waiters.push_back(std::move(done));
+        if (!core_->writing && !core_->scheduled) {
+            core_->scheduled = true;
+            asio::post(get_executor(), [core = core_] {
+                core->scheduled = false;
+                if (core->failed) return core->drained(core->failed);
+                core->flush();
+            });
+        }
+    }
+
+    template <class Buffers>
+    size_t write_some(const Buffers& buffers, error_code& ec) {
+        return core_->append(buffers, ec);
+    }
+    template <class Buffers>
+    size_t write_some(const Buffers& buffers) {
+        error_code ec;
+        const size_t n = core_->append(buffers, ec);
+        if (ec) throw boost::system::system_error(ec);
+        return n;
+    }
+    template <class Buffers>
+    size_t read_some(const Buffers& buffers, error_code& ec) {
+        return core_->next.read_some(buffers, ec);
+    }
+    template <class Buffers>
+    size_t read_some(const Buffers& buffers) {
+        return core_->next.read_some(buffers);
+    }
+
+    template <class Buffers, class Handler>
+    auto async_read_some(const Buffers& buffers, Handler&& handler) {
+        return core_->next.async_read_some(buffers, std::forward<Handler>(handler));
+    }
+
+    template <class Buffers, class Handler>
+    auto async_write_some(const Buffers& buffers, Handler&& handler) {
+        return asio::async_initiate<Handler, void(error_code, size_t)>(
+            [](auto h, std::shared_ptr<Core> core, const Buffers& buffers) {
+                error_code ec;
+                const size_t n = core->append(buffers, ec);
+                auto ex = core->next.get_executor();
+                asio::post(ex, beast::bind_front_handler(std::move(h), ec, n));
+            },
+            handler, core_, buffers);
+    }
+
+  private:
+    std::shared_ptr<Core> core_;
+};
+
+// Closing a WebSocket ends with a teardown of the layer below; the close frame may still be
+// collected here, so it has to leave before the socket (or TLS) is shut down.
+template <class Next, class Handler>
+void async_teardown(beast::role_type role, Coalescing<Next>& stream, Handler&& handler) {
+    auto h = std::make_shared<std::decay_t<Handler>>(std::forward<Handler>(handler));
+    Next& next = stream.next_layer();
+    stream.when_drained([role, &next, h](error_code ec) {
+        if (ec) return (*h)(ec);
+        using beast::async_teardown;
+        using websocket::async_teardown;
+        async_teardown(role, next, std::move(*h));
+    });
+}
+
+template <class Next>
+void teardown(beast::role_type role, Coalescing<Next>& stream, error_code& ec) {
+    using beast::teardown;
+    using websocket::teardown;
+    teardown(role, stream.next_layer(), ec);
+}
+
+using WsPlain = websocket::stream<Coalescing<tcp::socket>>;
+using WsTls = websocket::stream<Coalescing<TlsStream>>;
+
 template <class T>
 struct is_tls : std::false_type {};
 template <>
 struct is_tls<TlsStream> : std::true_type {};
 template <>
-struct is_tls<websocket::stream<TlsStream>> : std::true_type {};
+struct is_tls<WsTls> : std::true_type {};
 
 template <class T>
 struct is_ws : std::false_type {};
@@ -45,8 +235,8 @@ struct is_ws<websocket::stream<S>> : std::true_type {};
 TlsStream& tls_layer(TlsStream& s) {
     return s;
 }
-TlsStream& tls_layer(websocket::stream<TlsStream>& s) {
-    return s.next_layer();
+TlsStream& tls_layer(WsTls& s) {
+    return s.next_layer().next_layer();
 }
 
 std::string cause_of(const error_code& ec) {
@@ -221,6 +411,8 @@ class RawSocketChannel final : public ChannelBase,
     std::vector<uint8_t> sending_;
 };
 
+// `Stream` is the Coalescing layer: frames are written synchronously into its memory, which
+// never blocks, and it sends them on with one socket write per pass.
 template <class Stream>
 class WebSocketChannel final : public ChannelBase,
                                public std::enable_shared_from_this<WebSocketChannel<Stream>> {
@@ -228,6 +420,7 @@ class WebSocketChannel final : public ChannelBase,
     explicit WebSocketChannel(std::unique_ptr<websocket::stream<Stream>> ws) : ws_(std::move(ws)) {
         peer_ = peer_of(beast::get_lowest_layer(*ws_));
         ws_->binary(true);
+        // One WAMP message is one WebSocket message, so each goes out as a single frame.
         ws_->auto_fragment(false);
     }
 
@@ -237,28 +430,37 @@ class WebSocketChannel final : public ChannelBase,
         ws_->control_callback([this](websocket::frame_type kind, beast::string_view) {
             if (kind == websocket::frame_type::pong && handlers_.pong) handlers_.pong();
         });
+        std::weak_ptr<WebSocketChannel> weak = this->shared_from_this();
+        ws_->next_layer().on_error([weak](const error_code& ec) {
+            if (auto self = weak.lock()) self->finish(cause_of(ec));
+        });
         read();
-        flush();
     }
 
     void send(const uint8_t* data, size_t size) override {
-        if (closed_ || closing_) return;
-        queue_.push_back(Item{false, std::vector<uint8_t>(data, data + size)});
-        queued_ += size;
-        flush();
+        if (!writable()) return;
+        error_code ec;
+        ws_->write(asio::buffer(data, size), ec);
+        if (ec) return fail_later(ec);
+        // Out at once when the socket is idle, like a direct write; while a write is in
+        // flight this message joins the next one.
+        ws_->next_layer().flush();
     }
 
     void ping() override {
-        if (closed_ || closing_) return;
-        queue_.push_back(Item{true, {}});
-        flush();
+        if (!writable()) return;
+        error_code ec;
+        ws_->ping({}, ec);
+        if (ec) return fail_later(ec);
+        ws_->next_layer().flush();
     }
 
     void close(const std::string& cause) override {
         if (closed_ || closing_) return;
         closing_ = true;
         close_cause_ = cause;
-        if (!writing_ && queue_.empty()) send_close();
+        // The close frame queues behind every message already written.
+        send_close();
     }
 
     void abort(const std::string& cause) override { finish(cause); }
@@ -274,14 +476,20 @@ class WebSocketChannel final : public ChannelBase,
         if (!paused_ && started_ && !reading_) read();
     }
 
-    size_t queued() const override { return queued_; }
+    size_t queued() const override { return ws_->next_layer().pending(); }
     const char* kind() const override { return "websocket"; }
 
   private:
-    struct Item {
-        bool ping;
-        std::vector<uint8_t> bytes;
-    };
+    // After the peer's close frame the stream is no longer open; a frame written then would
+    // follow our close reply.
+    bool writable() const { return !closed_ && !closing_ && ws_->is_open(); }
+
+    // Failures are reported from the io_context, never from inside the caller's send.
+    void fail_later(const error_code& ec) {
+        asio::post(ws_->get_executor(), [self = this->shared_from_this(), cause = cause_of(ec)] {
+            self->finish(cause);
+        });
+    }
 
     void read() {
         if (paused_ || closed_ || reading_) return;
@@ -307,32 +515,6 @@ class WebSocketChannel final : public ChannelBase,
         read();
     }
 
-    void flush() {
-        if (writing_ || queue_.empty() || closed_) return;
-        writing_ = true;
-        auto done = [self = this->shared_from_this()](error_code ec, size_t = 0) {
-            self->on_written(ec);
-        };
-        // One WAMP message is one WebSocket message, so each goes out as its own frame.
-        Item& item = queue_.front();
-        if (item.ping)
-            ws_->async_ping({}, [done](error_code ec) mutable { done(ec); });
-        else
-            ws_->async_write(asio::buffer(item.bytes), std::move(done));
-    }
-
-    void on_written(error_code ec) {
-        writing_ = false;
-        if (!queue_.empty()) {
-            queued_ -= queue_.front().bytes.size();
-            queue_.pop_front();
-        }
-        if (closed_) return;
-        if (ec) return finish(cause_of(ec));
-        if (!queue_.empty()) return flush();
-        if (closing_) send_close();
-    }
-
     void send_close() {
         if (closed_) return;
         websocket::stream_base::timeout limits{std::chrono::seconds(2),
@@ -352,8 +534,6 @@ class WebSocketChannel final : public ChannelBase,
 
     std::unique_ptr<websocket::stream<Stream>> ws_;
     beast::flat_buffer in_;
-    std::deque<Item> queue_;
-    size_t queued_ = 0;
 };
 
 using Done = std::function<void(std::shared_ptr<Channel>, const std::string&)>;
@@ -601,9 +781,9 @@ void with_stream(tcp::socket socket, Framing framing, ssl::context* tls, Start&&
             start(std::make_unique<tcp::socket>(std::move(socket)));
     } else {
         if (tls)
-            start(std::make_unique<websocket::stream<TlsStream>>(std::move(socket), *tls));
+            start(std::make_unique<WsTls>(std::move(socket), *tls));
         else
-            start(std::make_unique<websocket::stream<tcp::socket>>(std::move(socket)));
+            start(std::make_unique<WsPlain>(std::move(socket)));
     }
 }
 
