@@ -173,7 +173,8 @@ TEST_P(Transport, BurstWithALargeMessageArrivesInOrderAndIntact) {
         sent.push_back(i == 300 ? large : std::to_string(i));
         peer.call<std::string>(done, "echo", sent.back());
     }
-    ASSERT_TRUE(pump_until(peer, [&] { return values.size() == sent.size(); }, 10000ms));
+    ASSERT_TRUE(pump_until(
+        peer, [&] { return values.size() == sent.size(); }, 10000ms));
     ASSERT_EQ(sent.size(), values.size());
     for (size_t i = 0; i < sent.size(); ++i) {
         ASSERT_EQ(sent[i].size(), values[i].size()) << "answer " << i;

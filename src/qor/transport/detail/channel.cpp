@@ -34,11 +34,11 @@ constexpr const char* SUBPROTOCOL = "wamp.2.msgpack";
 // The layer under a WebSocket stream. Beast writes each frame with its own write_some; here
 // those writes only append to memory. The owner flushes after each message: with the socket
 // idle that writes at once, and while a write is in flight everything collected meanwhile
-// leaves together in the next one. Frames Beast writes on its own (pong, close) get a posted
-// flush, so they go out even when nobody calls it. Each
-// WAMP message stays its own frame, but a burst of them costs one syscall, not one each.
-// Reads pass straight through. The socket lives in shared state so that a write still in
-// flight keeps it, and the bytes it sends, alive after the channel is gone.
+// leaves together in the next one. Each WAMP message stays its own frame, but a burst of
+// them costs one syscall, not one each. Frames Beast writes on its own (pong, close) get a
+// posted flush, so they go out even when nobody calls it. Reads pass straight through. The
+// socket lives in shared state so that a write still in flight keeps it, and the bytes it
+// sends, alive after the channel is gone.
 template <class Next>
 class Coalescing {
     struct Core : std::enable_shared_from_this<Core> {
@@ -58,7 +58,7 @@ class Coalescing {
                 out.insert(out.end(), p, p + b.size());
                 n += b.size();
             }
-            if (!writing && !scheduled && !out.empty()) {
+            if (!writing && !scheduled && !holding && !out.empty()) {
                 scheduled = true;
                 // Posted rather than written now, so the rest of this pass joins the write.
                 asio::post(next.get_executor(), [self = this->shared_from_this()] {
@@ -108,6 +108,7 @@ class Coalescing {
         std::vector<uint8_t> sending;  // in the write in flight
         bool writing = false;
         bool scheduled = false;
+        bool holding = false;  // the owner flushes when its write is done
         error_code failed;
         std::function<void(const error_code&)> on_error;
         std::vector<std::function<void(error_code)>> waiters;
@@ -133,9 +134,20 @@ class Coalescing {
     Next& next_layer() { return core_->next; }
     const Next& next_layer() const { return core_->next; }
 
-    /// Starts a socket write of what is collected unless one is in flight; in that case it
-    /// follows when that one completes.
-    void flush() { core_->flush(); }
+    /// Runs `write` (frames into this layer), then starts a socket write of what is collected
+    /// unless one is in flight; in that case it follows when that one completes.
+    template <class Write>
+    void collect(Write&& write) {
+        struct Hold {
+            Core& core;
+            ~Hold() {
+                core.holding = false;
+                core.flush();
+            }
+        } hold{*core_};
+        core_->holding = true;
+        write();
+    }
     /// Bytes collected and not yet handed to the socket.
     size_t pending() const { return core_->out.size(); }
     /// Called when a socket write fails; later writes fail with the same error.
@@ -439,20 +451,18 @@ class WebSocketChannel final : public ChannelBase,
 
     void send(const uint8_t* data, size_t size) override {
         if (!writable()) return;
-        error_code ec;
-        ws_->write(asio::buffer(data, size), ec);
-        if (ec) return fail_later(ec);
         // Out at once when the socket is idle, like a direct write; while a write is in
         // flight this message joins the next one.
-        ws_->next_layer().flush();
+        error_code ec;
+        ws_->next_layer().collect([&] { ws_->write(asio::buffer(data, size), ec); });
+        if (ec) fail_later(ec);
     }
 
     void ping() override {
         if (!writable()) return;
         error_code ec;
-        ws_->ping({}, ec);
-        if (ec) return fail_later(ec);
-        ws_->next_layer().flush();
+        ws_->next_layer().collect([&] { ws_->ping({}, ec); });
+        if (ec) fail_later(ec);
     }
 
     void close(const std::string& cause) override {
