@@ -18,16 +18,6 @@ namespace {
 
 const std::string clear_scene = "qor.server.operation.CLEAR_SCENE";
 
-template <class F>
-std::string error_of(F&& f) {
-    try {
-        f();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "<no error>";
-}
-
 template <class T>
 std::function<void(RpcResult<T>)> keep(std::vector<RpcResult<T>>& into) {
     return [&into](RpcResult<T> result) { into.push_back(std::move(result)); };

@@ -14,16 +14,6 @@ using namespace wamp_test;
 
 namespace {
 
-template <class F>
-std::string error_of(F&& f) {
-    try {
-        f();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "<no error>";
-}
-
 const std::string clear_scene = "qor.server.operation.CLEAR_SCENE";
 
 }  // namespace

@@ -18,16 +18,6 @@ namespace {
 
 const std::string update_topic = "qor.server.update";
 
-template <class F>
-std::string error_of(F&& f) {
-    try {
-        f();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "<no error>";
-}
-
 using Status = std::vector<std::pair<bool, std::string>>;
 
 std::function<void(bool, std::string)> into(Status& status) {

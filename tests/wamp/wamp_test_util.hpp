@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -88,5 +89,16 @@ struct LoopbackPeer {
         return first || second;
     }
 };
+
+/// The what() text of the std::runtime_error that `f` throws, or "<no error>".
+template <class F>
+std::string error_of(F&& f) {
+    try {
+        f();
+    } catch (const std::runtime_error& e) {
+        return e.what();
+    }
+    return "<no error>";
+}
 
 }  // namespace wamp_test
