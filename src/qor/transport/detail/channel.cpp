@@ -135,9 +135,10 @@ class Coalescing {
     const Next& next_layer() const { return core_->next; }
 
     /// Runs `write` (frames into this layer), then starts a socket write of what is collected
-    /// unless one is in flight; in that case it follows when that one completes.
+    /// unless one is in flight (it follows when that one completes) or a hold is on.
     template <class Write>
     void collect(Write&& write) {
+        if (core_->holding) return write();
         struct Hold {
             Core& core;
             ~Hold() {
@@ -148,6 +149,10 @@ class Coalescing {
         core_->holding = true;
         write();
     }
+    /// While held, frames only collect; the next socket read or `flush` sends them.
+    void hold(bool on) { core_->holding = on; }
+    /// Starts a socket write of what is collected unless one is in flight.
+    void flush() { core_->flush(); }
     /// Bytes collected and not yet handed to the socket.
     size_t pending() const { return core_->out.size(); }
     /// Called when a socket write fails; later writes fail with the same error.
@@ -189,6 +194,8 @@ class Coalescing {
 
     template <class Buffers, class Handler>
     auto async_read_some(const Buffers& buffers, Handler&& handler) {
+        // About to wait for the peer: what was answered so far must not wait with us.
+        core_->flush();
         return core_->next.async_read_some(buffers, std::forward<Handler>(handler));
     }
 
@@ -515,14 +522,23 @@ class WebSocketChannel final : public ChannelBase,
         if (ec) return finish(cause_of(ec));
         if (!ws_->got_binary()) return finish("websocket: text message where binary was expected");
         const auto bytes = in_.cdata();
+        // Beast hands over one message per read, even when more are already buffered. The
+        // answers to them collect and leave together when it next has to read the socket,
+        // not one write each.
+        auto& layer = ws_->next_layer();
+        layer.hold(true);
         try {
             if (handlers_.message)
                 handlers_.message(static_cast<const uint8_t*>(bytes.data()), bytes.size());
         } catch (const std::exception& e) {
+            layer.hold(false);
             return finish(e.what());
         }
+        layer.hold(false);
         in_.consume(in_.size());
         read();
+        // No socket read may follow when reading stopped or a close began.
+        if (!reading_ || closing_) layer.flush();
     }
 
     void send_close() {
