@@ -218,16 +218,15 @@ int run(const Args& args) {
         options.authmethods = {"ticket"};
         options.ticket = args.ticket;
     }
+    // This server relays the device streams itself.
+    options.served_topics = {"art_frame", "moticon_frame", "optitrack_frame", "xsens_frame"};
+    for (int i = 0; i < 10; ++i) {
+        if (i < 5) options.served_topics.push_back("kinect_frame_" + std::to_string(i));
+        options.served_topics.push_back("leap_frame_" + std::to_string(i));
+        options.served_topics.push_back("openvr_frame_" + std::to_string(i));
+    }
     std::printf("Connecting to %s\n", url.c_str());
     qor::transport::connect(peer, url, options);
-    // This server relays the device streams itself.
-    for (const char* topic : {"art_frame", "moticon_frame", "optitrack_frame", "xsens_frame"})
-        peer.serve_topic(topic, peer.server_endpoint);
-    for (int i = 0; i < 10; ++i) {
-        if (i < 5) peer.serve_topic("kinect_frame_" + std::to_string(i), peer.server_endpoint);
-        peer.serve_topic("leap_frame_" + std::to_string(i), peer.server_endpoint);
-        peer.serve_topic("openvr_frame_" + std::to_string(i), peer.server_endpoint);
-    }
 
     {
         dax::client::DaxClient client(&peer);

@@ -616,6 +616,34 @@ TEST(Server, GoodbyeFromTheServerEndsTheSessionAndDevicesSourcesServeTopics) {
     EXPECT_EQ("wamp.close.system_shutdown", router.leaves[0].second);
 }
 
+TEST(Server, TopicsTheServerRelaysAreDeclaredOnConnect) {
+    Router router;
+    qor::QorClient peer;
+    std::vector<std::string> frames;
+    peer.pending_device_bindings["xsens_frame"] = [&](qor::wamp::Client* c) {
+        c->subscriber.subscribe(
+            "xsens_frame",
+            [&](const qor::wamp::Message& m) {
+                std::string v;
+                qor::wamp::IncomingMessage(m).fillArgsNS(v);
+                frames.push_back(v);
+            },
+            nullptr);
+    };
+    ConnectOptions options;
+    options.served_topics = {"xsens_frame", "art_frame"};
+    auto& link = qor::transport::connect(
+        peer, "ws://127.0.0.1:" + std::to_string(router.server.websocket_port()), options);
+    EXPECT_EQ(&link.client(), peer.topic_endpoints["xsens_frame"]);
+    EXPECT_EQ(&link.client(), peer.topic_endpoints["art_frame"]);
+    EXPECT_TRUE(peer.pending_device_bindings.empty());
+    EXPECT_TRUE(peer.extra_endpoints.empty());
+    ASSERT_TRUE(router.wait([&] { return router.subscriptions.size() == 1; }));
+    router.publish("xsens_frame", "segments");
+    ASSERT_TRUE(pump_until(peer, [&] { return frames.size() == 1; }));
+    EXPECT_EQ("segments", frames[0]);
+}
+
 TEST(Server, RefusesWhatIsNotWamp) {
     Router router;
     qor::QorClient peer;

@@ -580,6 +580,7 @@ Endpoint& open_endpoint(QorClient& peer, const std::string& url, const ConnectOp
         peer.server_endpoint = client;
         peer.has_server = true;
         peer.server_connected = true;
+        for (const auto& topic : options.served_topics) peer.serve_topic(topic, client);
     }
     return result;
 }

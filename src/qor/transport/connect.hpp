@@ -43,6 +43,9 @@ struct ConnectOptions {
     /// A ping unanswered for this long means the link is dead.
     std::chrono::milliseconds keepalive_timeout{5000};
     ReconnectPolicy reconnect;         ///< automatic reopening after a loss
+    /// Device topics the server endpoint relays; `connect` declares them, which runs the
+    /// device bindings waiting for them (a DaxClient made afterwards binds them at once).
+    std::vector<std::string> served_topics;
     std::string name = "server";       ///< endpoint name in log lines
     spdlog::logger* logger = nullptr;  ///< may be null
 };
