@@ -22,3 +22,14 @@ run(${CMAKE_COMMAND} -S ${CONSUMER_DIR} -B ${WORK_DIR}/build -DCMAKE_PREFIX_PATH
     "-DCMAKE_CXX_FLAGS=${CONSUMER_FLAGS}" "-DCMAKE_EXE_LINKER_FLAGS=${CONSUMER_FLAGS}")
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/build)
 run(${WORK_DIR}/build/consumer)
+
+# The sample plug-in is built as a third party would: from its own folder, against the
+# installed package only.
+run(${CMAKE_COMMAND} -S ${SOURCE_DIR}/plugins/rigid_body -B ${WORK_DIR}/plugin
+    -DCMAKE_PREFIX_PATH=${prefix} -DCMAKE_BUILD_TYPE=Release ${launcher}
+    "-DCMAKE_CXX_FLAGS=${CONSUMER_FLAGS}" "-DCMAKE_SHARED_LINKER_FLAGS=${CONSUMER_FLAGS}"
+    "-DCMAKE_MODULE_LINKER_FLAGS=${CONSUMER_FLAGS}")
+run(${CMAKE_COMMAND} --build ${WORK_DIR}/plugin)
+if(NOT EXISTS ${WORK_DIR}/plugin/libqor_rigid_body_sdk_cpp.so)
+  message(FATAL_ERROR "the standalone plug-in build produced no libqor_rigid_body_sdk_cpp.so")
+endif()
