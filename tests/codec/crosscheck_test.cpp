@@ -112,10 +112,14 @@ TEST_F(CrossCheck, IntegersWeWriteDecodeAndMatchTheirBytesOutsideTheNarrowBounds
         SCOPED_TRACE(v);
         EXPECT_EQ(theirs_from_ours(long(v), bytes).get().as<int64_t>(), v);
         const bool narrow_bound = v == -128 || v == -32768;
-        if (!narrow_bound) EXPECT_EQ(to_hex(bytes), to_hex(theirs_bytes(v)));
+        if (!narrow_bound) {
+            EXPECT_EQ(to_hex(bytes), to_hex(theirs_bytes(v)));
+        }
         if (v >= std::numeric_limits<int>::min() && v <= std::numeric_limits<int>::max()) {
             EXPECT_EQ(theirs_from_ours(int(v), bytes).get().as<int>(), int(v));
-            if (!narrow_bound) EXPECT_EQ(to_hex(bytes), to_hex(theirs_bytes(int(v))));
+            if (!narrow_bound) {
+                EXPECT_EQ(to_hex(bytes), to_hex(theirs_bytes(int(v))));
+            }
         }
         const uint64_t u = any_uint64();
         EXPECT_EQ(theirs_from_ours(static_cast<unsigned long>(u), bytes).get().as<uint64_t>(), u);
@@ -135,7 +139,9 @@ TEST_F(CrossCheck, DoublesStringsAndBinaryWeWriteAreTheirBytesExactly) {
         EXPECT_EQ(obj.get().type, msgpack::type::FLOAT64);
         EXPECT_EQ(obj.get().as<double>(), d);
         // They shorten integral doubles to integers; we never do.
-        if (std::floor(d) != d) EXPECT_EQ(bytes, theirs_bytes(d));
+        if (std::floor(d) != d) {
+            EXPECT_EQ(bytes, theirs_bytes(d));
+        }
 
         const std::string s = any_string();
         const auto str = theirs_from_ours(s, bytes);

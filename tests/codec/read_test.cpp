@@ -316,3 +316,36 @@ TEST(ReadRuns, VectorsOfNumbersAcceptEveryFormAndStopAtTheFailingValue) {
     EXPECT_EQ(c.position, 2u);
     EXPECT_EQ(longs, (std::vector<long long>{1, 0}));
 }
+
+TEST(ReadNumber, TakesIntegersAndBothFloatFormsAsDouble) {
+    struct Row {
+        const char* bytes;
+        double expected;
+    };
+    const Row rows[] = {
+        {"00", 0.0},
+        {"e0", -32.0},
+        {"cd 01 00", 256.0},
+        {"d3 ff ff ff ff ff ff ff fe", -2.0},
+        {"ca 3f c0 00 00", 1.5},
+        {"cb 3f b9 99 99 99 99 99 9a", 0.1},
+    };
+    for (const Row& row : rows) {
+        const std::vector<uint8_t> bytes = hex(row.bytes);
+        msgpack::ReadBuffer in(bytes.data(), bytes.size());
+        EXPECT_EQ(row.expected, msgpack::read_number(in)) << row.bytes;
+        EXPECT_EQ(bytes.size(), in.position) << row.bytes;
+    }
+}
+
+TEST(ReadNumber, RefusesOtherFormsAndTruncation) {
+    const std::vector<uint8_t> text = hex("a1 41");
+    msgpack::ReadBuffer in(text.data(), text.size());
+    EXPECT_EQ("expecting integer value", error_of([&] { msgpack::read_number(in); }));
+    EXPECT_EQ(0u, in.position);
+    const std::vector<uint8_t> cut = hex("cb 3f f0");
+    msgpack::ReadBuffer short_in(cut.data(), cut.size());
+    EXPECT_EQ("unexpected end of data", error_of([&] { msgpack::read_number(short_in); }));
+    msgpack::ReadBuffer empty(cut.data(), 0);
+    EXPECT_EQ("unexpected end of data", error_of([&] { msgpack::read_number(empty); }));
+}

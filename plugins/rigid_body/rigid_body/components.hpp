@@ -34,18 +34,6 @@ namespace detail {
 
 namespace mp = qor::serialization::msgpack;
 
-inline double number(mp::ReadBuffer& in) {
-    if (in.remaining() == 0) throw std::runtime_error("unexpected end of data");
-    const uint8_t b = *in.current();
-    if (b == 0xca || b == 0xcb) {
-        double v = 0;
-        mp::read(in, v);
-        return v;
-    }
-    long long v = 0;
-    mp::read(in, v);
-    return static_cast<double>(v);
-}
 
 inline void expect(mp::ReadBuffer& in, uint64_t count, const char* what) {
     if (mp::read_array_header(in) != count)
@@ -55,9 +43,9 @@ inline void expect(mp::ReadBuffer& in, uint64_t count, const char* what) {
 inline Vec3 read_vec3(mp::ReadBuffer& in, const char* what) {
     expect(in, 3, what);
     Vec3 v;
-    v.x = number(in);
-    v.y = number(in);
-    v.z = number(in);
+    v.x = mp::read_number(in);
+    v.y = mp::read_number(in);
+    v.z = mp::read_number(in);
     return v;
 }
 
@@ -99,9 +87,9 @@ class Ground : public dax::client::IClientComponent {
     void deserialize(qor::serialization::msgpack::ReadBuffer& in) override {
         detail::expect(in, 4, "Ground data");
         normal = detail::read_vec3(in, "Ground normal");
-        offset = detail::number(in);
-        friction = detail::number(in);
-        restitution = detail::number(in);
+        offset = detail::mp::read_number(in);
+        friction = detail::mp::read_number(in);
+        restitution = detail::mp::read_number(in);
     }
 };
 
@@ -162,15 +150,15 @@ class Body : public dax::client::IClientComponent {
         long long mesh = 0;
         mp::read(in, mesh);
         mesh_id = mesh;
-        mass = detail::number(in);
+        mass = detail::mp::read_number(in);
         detail::expect(in, 7, "Body pose");
         Pose& p = state.pose;
         for (double* v : {&p.position.x, &p.position.y, &p.position.z, &p.qw, &p.qx, &p.qy, &p.qz})
-            *v = detail::number(in);
+            *v = detail::mp::read_number(in);
         state.linear = detail::read_vec3(in, "Body linear velocity");
         state.angular = detail::read_vec3(in, "Body angular velocity");
-        friction = detail::number(in);
-        restitution = detail::number(in);
+        friction = detail::mp::read_number(in);
+        restitution = detail::mp::read_number(in);
     }
 
     /// [[x, y, z], [qw, qx, qy, qz], [vx, vy, vz], [wx, wy, wz]]
@@ -178,10 +166,10 @@ class Body : public dax::client::IClientComponent {
         detail::expect(in, 4, "Body state");
         state.pose.position = detail::read_vec3(in, "Body position");
         detail::expect(in, 4, "Body rotation");
-        state.pose.qw = detail::number(in);
-        state.pose.qx = detail::number(in);
-        state.pose.qy = detail::number(in);
-        state.pose.qz = detail::number(in);
+        state.pose.qw = detail::mp::read_number(in);
+        state.pose.qx = detail::mp::read_number(in);
+        state.pose.qy = detail::mp::read_number(in);
+        state.pose.qz = detail::mp::read_number(in);
         state.linear = detail::read_vec3(in, "Body linear velocity");
         state.angular = detail::read_vec3(in, "Body angular velocity");
         ++updates;

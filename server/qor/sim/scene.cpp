@@ -12,20 +12,6 @@ namespace mp = serialization::msgpack;
 
 namespace {
 
-// Plug-ins written in other languages often send 0 instead of 0.0; a number is a number.
-double read_number(mp::ReadBuffer& in) {
-    if (in.remaining() == 0) throw std::runtime_error("unexpected end of data");
-    const uint8_t b = *in.current();
-    if (b == 0xca || b == 0xcb) {
-        double v = 0;
-        mp::read(in, v);
-        return v;
-    }
-    long long v = 0;
-    mp::read(in, v);
-    return static_cast<double>(v);
-}
-
 void expect_array(mp::ReadBuffer& in, uint64_t count, const char* what) {
     const uint64_t n = mp::read_array_header(in);
     if (n != count)
@@ -35,9 +21,9 @@ void expect_array(mp::ReadBuffer& in, uint64_t count, const char* what) {
 Vec3 read_vec3(mp::ReadBuffer& in, const char* what) {
     expect_array(in, 3, what);
     Vec3 v;
-    v.x = read_number(in);
-    v.y = read_number(in);
-    v.z = read_number(in);
+    v.x = mp::read_number(in);
+    v.y = mp::read_number(in);
+    v.z = mp::read_number(in);
     return v;
 }
 
@@ -170,9 +156,9 @@ GroundData decode_ground(const std::vector<uint8_t>& data) {
     expect_array(in, 4, "Ground data");
     GroundData g;
     g.normal = read_vec3(in, "Ground normal");
-    g.offset = read_number(in);
-    g.friction = read_number(in);
-    g.restitution = read_number(in);
+    g.offset = mp::read_number(in);
+    g.friction = mp::read_number(in);
+    g.restitution = mp::read_number(in);
     check_consumed(in, "Ground data");
     check_finite(finite(g.normal) && std::isfinite(g.offset) && std::isfinite(g.friction) &&
                      std::isfinite(g.restitution),
@@ -195,19 +181,19 @@ BodyData decode_body(const std::vector<uint8_t>& data) {
     long long mesh = 0;
     mp::read(in, mesh);
     b.mesh_id = mesh;
-    b.mass = read_number(in);
+    b.mass = mp::read_number(in);
     expect_array(in, 7, "Body pose");
-    b.pose.position.x = read_number(in);
-    b.pose.position.y = read_number(in);
-    b.pose.position.z = read_number(in);
-    b.pose.qw = read_number(in);
-    b.pose.qx = read_number(in);
-    b.pose.qy = read_number(in);
-    b.pose.qz = read_number(in);
+    b.pose.position.x = mp::read_number(in);
+    b.pose.position.y = mp::read_number(in);
+    b.pose.position.z = mp::read_number(in);
+    b.pose.qw = mp::read_number(in);
+    b.pose.qx = mp::read_number(in);
+    b.pose.qy = mp::read_number(in);
+    b.pose.qz = mp::read_number(in);
     b.linear = read_vec3(in, "Body linear velocity");
     b.angular = read_vec3(in, "Body angular velocity");
-    b.friction = read_number(in);
-    b.restitution = read_number(in);
+    b.friction = mp::read_number(in);
+    b.restitution = mp::read_number(in);
     check_consumed(in, "Body data");
 
     check_finite(finite(b.size) && finite(b.pose.position) && finite(b.linear) &&
@@ -238,10 +224,10 @@ BodyState read_state(mp::ReadBuffer& in) {
     BodyState s;
     s.pose.position = read_vec3(in, "Body state position");
     expect_array(in, 4, "Body state rotation");
-    s.pose.qw = read_number(in);
-    s.pose.qx = read_number(in);
-    s.pose.qy = read_number(in);
-    s.pose.qz = read_number(in);
+    s.pose.qw = mp::read_number(in);
+    s.pose.qx = mp::read_number(in);
+    s.pose.qy = mp::read_number(in);
+    s.pose.qz = mp::read_number(in);
     s.linear = read_vec3(in, "Body state linear velocity");
     s.angular = read_vec3(in, "Body state angular velocity");
     return s;

@@ -143,6 +143,15 @@ void read(ReadBuffer& in, double& value) {
     value = read_floating(in, "expected double value");
 }
 
+double read_number(ReadBuffer& in) {
+    if (available(in) == 0) fail(end_of_data);
+    const uint8_t type = in.data[in.position];
+    if (type == 0xCA || type == 0xCB) return read_floating(in, "expected double value");
+    long long whole = 0;
+    read(in, whole);
+    return static_cast<double>(whole);
+}
+
 void read(ReadBuffer& in, bool& value) {
     if (available(in) == 0) fail(end_of_data);
     value = in.data[in.position] == 0xC3;

@@ -51,6 +51,9 @@ void read(ReadBuffer& in, unsigned long& value);
 void read(ReadBuffer& in, float& value);
 /// float 64, or float 32 widened exactly.
 void read(ReadBuffer& in, double& value);
+/// Any integer or float form, as a double: for peers that send 0 where 0.0 is meant.
+/// A byte of neither kind raises "expecting integer value".
+double read_number(ReadBuffer& in);
 /// Any single byte: only 0xC3 is true. Never fails on content.
 void read(ReadBuffer& in, bool& value);
 /// fixstr, str 8, str 16, str 32.
