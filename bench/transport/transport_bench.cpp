@@ -16,6 +16,7 @@
 #include <chrono>
 #include <cstdio>
 #include <map>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,6 +24,8 @@
 #include <benchmark/benchmark.h>
 
 #include <qor/qor_client.hpp>
+#include <qor/router/broker.hpp>
+#include <qor/router/server.hpp>
 #include <qor/serialization/msgpack.hpp>
 #include <qor/transport.hpp>
 #include <qor/wamp.hpp>
@@ -54,18 +57,26 @@ void record(benchmark::State& state, const std::string& name, std::vector<double
     state.counters["p99_us"] = l.p99_us;
 }
 
-// The server of the benchmarks answers every CALL at once with an empty RESULT, from its
+// The router of the benchmarks answers every CALL at once with an empty RESULT, from its
 // I/O thread.
 struct EchoServer {
-    qor::transport::Server server;
+    qor::router::Server server;
+    qor::router::Broker broker{server, answer_empty, inline_calls()};
     EchoServer() {
         server.on_message([this](uint64_t session, const qor::wamp::Message& m) {
-            if (m.type != qor::wamp::CALL) return;
-            qor::wamp::Message result(qor::wamp::RESULT);
-            result.request = m.request;
-            server.send(session, result);
+            broker.on_message(session, m);
         });
         server.start();
+    }
+    ~EchoServer() { server.stop(); }
+
+    static std::optional<qor::router::Answer> answer_empty(uint64_t, const qor::wamp::Message&) {
+        return qor::router::Answer{};
+    }
+    static qor::router::BrokerOptions inline_calls() {
+        qor::router::BrokerOptions o;
+        o.call_worker = false;
+        return o;
     }
 };
 

@@ -1,14 +1,14 @@
 #pragma once
 
 // WAMP messaging: the message model and its encoding, remote calls, subscriptions, endpoints
-// with their sessions and connections, the receive side, and an in-memory connection for tests.
+// with their sessions and connections, and the receive side. The in-memory connection for
+// tests is <qor/wamp/testing/loopback.hpp>.
 #include <qor/qor_client.hpp>
 #include <qor/wamp/caller.hpp>
 #include <qor/wamp/client.hpp>
 #include <qor/wamp/connection.hpp>
 #include <qor/wamp/id.hpp>
 #include <qor/wamp/incoming.hpp>
-#include <qor/wamp/loopback.hpp>
 #include <qor/wamp/message.hpp>
 #include <qor/wamp/receive.hpp>
 #include <qor/wamp/rpc.hpp>

@@ -14,7 +14,7 @@
 #include <dax/client.hpp>
 #include <qor/qor_client.hpp>
 #include <qor/wamp/client.hpp>
-#include <qor/wamp/loopback.hpp>
+#include <qor/wamp/testing/loopback.hpp>
 
 namespace client_test {
 
@@ -30,7 +30,7 @@ std::string args_hex(const qor::wamp::Message& message);
 /// A peer whose server endpoint is a loopback, connected unless told otherwise.
 struct LoopbackPeer {
     qor::wamp::Client endpoint{"server", nullptr};
-    qor::wamp::LoopbackConnection link{endpoint};
+    qor::wamp::testing::LoopbackConnection link{endpoint};
     qor::QorClient peer;
 
     LoopbackPeer() {

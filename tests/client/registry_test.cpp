@@ -214,7 +214,7 @@ TEST_F(LifecycleTest, FullUpdateRunsBothPassesAndReportsEither) {
     EXPECT_EQ(net.link.second_passes, 1u);
 
     // Work found only by the second pass still counts.
-    net.link.deliver_in = qor::wamp::LoopbackConnection::Pass::second;
+    net.link.deliver_in = qor::wamp::testing::LoopbackConnection::Pass::second;
     client->CLEAR_SCENE([](qor::wamp::RpcResult<int>) {});
     net.link.reply_last_result(0);
     EXPECT_TRUE(client->full_update());

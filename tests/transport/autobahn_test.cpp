@@ -65,15 +65,15 @@ TEST(Autobahn, ParsesEverythingOurClientSends) {
     if (!autobahn_available()) GTEST_SKIP() << "/usr/bin/python3 with autobahn is not available";
     std::mutex mutex;
     std::vector<std::pair<uint32_t, std::string>> captured;  // first element code, hex
-    qor::transport::ServerOptions options;
+    qor::router::ServerOptions options;
     options.tap = [&](const uint8_t* data, size_t size) {
         std::lock_guard<std::mutex> lock(mutex);
         captured.emplace_back(size > 1 ? data[1] : 0, to_hex(data, size));
     };
-    qor::transport::Credential alice;
+    qor::router::Credential alice;
     alice.authid = "alice";
     alice.ticket = "t1";
-    qor::transport::Credential bob;
+    qor::router::Credential bob;
     bob.authid = "bob";
     bob.wampcra_secret = "s2";
     bob.wampcra_salt = "salt";

@@ -1,6 +1,6 @@
 #pragma once
 
-// Shared pieces of the transport tests: a small router on qor::transport::Server, a scripted
+// Shared pieces of the transport tests: the router's broker with a test dealer, a scripted
 // RawSocket peer on plain sockets, a pump loop and a self-signed certificate.
 
 #include <arpa/inet.h>
@@ -8,18 +8,20 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <qor/qor_client.hpp>
+#include <qor/router/broker.hpp>
+#include <qor/router/server.hpp>
 #include <qor/serialization/msgpack.hpp>
 #include <qor/transport.hpp>
 #include <qor/wamp.hpp>
@@ -55,18 +57,20 @@ bool pump_until(qor::QorClient& peer, Done done, std::chrono::milliseconds limit
     return true;
 }
 
-/// A router good enough for the client's needs: CALL "echo" answers its arguments, "fail"
-/// answers ERROR "app.error.failed", "big" answers a binary of the requested size, anything
-/// else stays unanswered; SUBSCRIBE is confirmed; `publish` sends EVENTs.
+/// The router the client tests talk to: the library's broker with a dealer that answers
+/// CALL "echo" with its arguments, "fail" with ERROR "app.error.failed", "big" with a binary
+/// of the requested size, and leaves anything else unanswered. Records what it saw.
 class Router {
   public:
-    explicit Router(qor::transport::ServerOptions options = {}) : server(std::move(options)) {
-        server.on_join([this](const qor::transport::SessionInfo& info) {
+    explicit Router(qor::router::ServerOptions options = {})
+        : server(std::move(options)), broker(server, dealer(), inline_calls()) {
+        server.on_join([this](const qor::router::SessionInfo& info) {
             std::lock_guard<std::mutex> lock(mutex);
             joins.push_back(info);
             changed.notify_all();
         });
         server.on_leave([this](uint64_t session, const std::string& reason) {
+            broker.on_leave(session);
             std::lock_guard<std::mutex> lock(mutex);
             leaves.emplace_back(session, reason);
             changed.notify_all();
@@ -79,63 +83,26 @@ class Router {
     ~Router() { server.stop(); }
 
     void handle(uint64_t session, const qor::wamp::Message& m) {
-        std::unique_lock<std::mutex> lock(mutex);
-        received.push_back(m.type);
-        if (m.type == qor::wamp::CALL) {
-            calls.push_back(m.procedure);
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            received.push_back(m.type);
+            if (m.type == qor::wamp::CALL) calls.push_back(m.procedure);
             changed.notify_all();
-            lock.unlock();
-            if (m.procedure == "echo") {
-                qor::wamp::Message result(qor::wamp::RESULT);
-                result.request = m.request;
-                result.args = qor::wamp::received_args(m);
-                server.send(session, result);
-            } else if (m.procedure == "fail") {
-                qor::wamp::Message error(qor::wamp::ERROR);
-                error.request_type = qor::wamp::CALL;
-                error.request = m.request;
-                error.error = "app.error.failed";
-                server.send(session, error);
-            } else if (m.procedure == "big") {
-                qor::wamp::IncomingMessage in(m);
-                long long size = 0;
-                in.fillArgsNS(size);
-                qor::wamp::Message result(qor::wamp::RESULT);
-                result.request = m.request;
-                std::vector<uint8_t> blob;
-                msgpack::pack(blob, msgpack::buffer(std::vector<uint8_t>(size_t(size), 0x5A)));
-                result.args.emplace_back(blob);
-                server.send(session, result);
-            }
-        } else if (m.type == qor::wamp::SUBSCRIBE) {
-            const uint64_t id = 5000 + subscriptions.size();
-            subscriptions.push_back(Subscription{session, m.topic, id});
+        }
+        broker.on_message(session, m);
+        // Recorded once the broker knows it, so a test that saw it can publish to it.
+        if (m.type == qor::wamp::SUBSCRIBE) {
+            std::lock_guard<std::mutex> lock(mutex);
+            subscriptions.push_back(Subscription{session, m.topic});
             changed.notify_all();
-            lock.unlock();
-            qor::wamp::Message ok(qor::wamp::SUBSCRIBED);
-            ok.request = m.request;
-            ok.subscription = qor::wamp::Id(id);
-            server.send(session, ok);
         }
     }
 
-    /// Sends EVENT [value] to every subscription of `topic`; returns how many went out.
+    /// Sends EVENT [value] to every subscriber of `topic`; returns how many went out.
     int publish(const std::string& topic, const std::string& value) {
-        std::vector<Subscription> targets;
-        {
-            std::lock_guard<std::mutex> lock(mutex);
-            for (const auto& s : subscriptions)
-                if (s.topic == topic) targets.push_back(s);
-        }
-        int sent = 0;
-        for (const auto& s : targets) {
-            qor::wamp::Message event(qor::wamp::EVENT);
-            event.subscription = qor::wamp::Id(s.id);
-            event.publication = qor::wamp::Id(++publications);
-            event.args.push_back(packed(value));
-            if (server.send(s.session, event)) ++sent;
-        }
-        return sent;
+        std::vector<uint8_t> packed;
+        msgpack::pack(packed, value);
+        return int(broker.publish(topic, packed));
     }
 
     /// Waits (not pumping any client) until `done()` holds under the lock.
@@ -148,18 +115,45 @@ class Router {
     struct Subscription {
         uint64_t session;
         std::string topic;
-        uint64_t id;
     };
 
-    qor::transport::Server server;
+    qor::router::Server server;
+    qor::router::Broker broker;
     std::mutex mutex;
     std::condition_variable changed;
-    std::vector<qor::transport::SessionInfo> joins;
+    std::vector<qor::router::SessionInfo> joins;
     std::vector<std::pair<uint64_t, std::string>> leaves;
     std::vector<uint32_t> received;
     std::vector<std::string> calls;
     std::vector<Subscription> subscriptions;
-    std::atomic<uint64_t> publications{0};
+
+  private:
+    static qor::router::BrokerOptions inline_calls() {
+        qor::router::BrokerOptions o;
+        o.call_worker = false;
+        return o;
+    }
+
+    static qor::router::Broker::Dealer dealer() {
+        return [](uint64_t, const qor::wamp::Message& m) -> std::optional<qor::router::Answer> {
+            qor::router::Answer answer;
+            if (m.procedure == "echo") {
+                answer.args = qor::wamp::received_args(m);
+            } else if (m.procedure == "fail") {
+                answer.error = "app.error.failed";
+            } else if (m.procedure == "big") {
+                qor::wamp::IncomingMessage in(m);
+                long long size = 0;
+                in.fillArgsNS(size);
+                std::vector<uint8_t> blob;
+                msgpack::pack(blob, msgpack::buffer(std::vector<uint8_t>(size_t(size), 0x5A)));
+                answer.args.emplace_back(blob);
+            } else {
+                return std::nullopt;
+            }
+            return answer;
+        };
+    }
 };
 
 /// A listening socket on a free 127.0.0.1 port that does whatever the test scripts.

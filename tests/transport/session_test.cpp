@@ -16,7 +16,7 @@ using namespace transport_test;
 using qor::transport::ConnectOptions;
 using qor::transport::LinkEvent;
 using qor::transport::LinkState;
-using qor::transport::ServerOptions;
+using qor::router::ServerOptions;
 
 std::string error_of(const std::function<void()>& f) {
     try {
@@ -33,7 +33,7 @@ struct Scheme {
     bool tls;
 };
 
-std::string url_for(const Scheme& s, const qor::transport::Server& server) {
+std::string url_for(const Scheme& s, const qor::router::Server& server) {
     const uint16_t port = s.websocket ? server.websocket_port() : server.rawsocket_port();
     return std::string(s.name) + "://127.0.0.1:" + std::to_string(port) +
            (s.websocket ? "/ws" : "");
@@ -202,13 +202,13 @@ TEST_P(Transport, WrongRealmIsRefusedWithTheAbortReason) {
 
 TEST_P(Transport, TicketAndWampCraWithRightAndWrongSecrets) {
     auto options = server_options();
-    qor::transport::Credential ticket;
+    qor::router::Credential ticket;
     ticket.authid = "alice";
     ticket.ticket = "open sesame";
-    qor::transport::Credential cra;
+    qor::router::Credential cra;
     cra.authid = "bob";
     cra.wampcra_secret = "bob's secret";
-    qor::transport::Credential salted;
+    qor::router::Credential salted;
     salted.authid = "carol";
     salted.wampcra_secret = "carol's secret";
     salted.wampcra_salt = "pepper";
@@ -703,10 +703,10 @@ TEST(ReconnectPolicy, StopsAfterMaxRetries) {
 }
 
 TEST(ReconnectPolicy, NeverRetriesARefusedLogin) {
-    qor::transport::Credential alice;
+    qor::router::Credential alice;
     alice.authid = "alice";
     alice.ticket = "first";
-    qor::transport::ServerOptions so;
+    qor::router::ServerOptions so;
     so.credentials = {alice};
     auto router = std::make_unique<Router>(so);
     so.rawsocket_port = router->server.rawsocket_port();

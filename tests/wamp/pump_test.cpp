@@ -8,6 +8,7 @@
 #include "wamp_test_util.hpp"
 
 using namespace qor::wamp;
+using qor::wamp::testing::LoopbackConnection;
 using namespace wamp_test;
 
 namespace {

@@ -15,6 +15,7 @@
 
 #include <qor/serialization/msgpack/buffer.hpp>
 #include <qor/wamp.hpp>
+#include <qor/wamp/testing/loopback.hpp>
 
 namespace wamp_test {
 
@@ -74,7 +75,7 @@ struct CapturedLog {
 struct LoopbackPeer {
     qor::QorClient peer;
     qor::wamp::Client server;
-    qor::wamp::LoopbackConnection link;
+    qor::wamp::testing::LoopbackConnection link;
 
     explicit LoopbackPeer(spdlog::logger* logger = nullptr)
         : peer(logger), server("server", logger), link(server) {

@@ -8,6 +8,7 @@
 #include <dax/plugins/folders.hpp>
 #include <dax/plugins/plugin_handler.hpp>
 #include <qor/qor_client.hpp>
+#include <qor/wamp/connection.hpp>
 #include <qor/serialization/msgpack/pack.hpp>
 #include <qor/serialization/msgpack/read.hpp>
 
@@ -256,7 +257,7 @@ void DaxClient::sync_step() {
         peer->update_second();
         // Nothing can answer once the transport lost the server: leave instead of spinning.
         if (!*done && !peer->server_connected) {
-            throw std::runtime_error("qor.error.connection_lost");
+            throw std::runtime_error(qor::wamp::CONNECTION_LOST);
         }
     }
 }

@@ -42,7 +42,7 @@ struct ConnectOptions {
     std::chrono::milliseconds keepalive_interval{0};
     /// A ping unanswered for this long means the link is dead.
     std::chrono::milliseconds keepalive_timeout{5000};
-    ReconnectPolicy reconnect;         ///< automatic reopening after a loss
+    ReconnectPolicy reconnect;  ///< automatic reopening after a loss
     /// Device topics the server endpoint relays; `connect` declares them, which runs the
     /// device bindings waiting for them (a DaxClient made afterwards binds them at once).
     std::vector<std::string> served_topics;
@@ -118,7 +118,7 @@ Endpoint& connect_device_source(QorClient& peer, const std::string& url,
                                 const std::vector<std::string>& topics,
                                 const ConnectOptions& options = {});
 
-/// The error text pending calls of a lost endpoint complete with.
-inline constexpr const char* CONNECTION_LOST = "qor.error.connection_lost";
+/// The error text pending calls of a lost endpoint complete with (`wamp::CONNECTION_LOST`).
+inline constexpr const char* CONNECTION_LOST = wamp::CONNECTION_LOST;
 
 }  // namespace qor::transport

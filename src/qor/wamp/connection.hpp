@@ -2,8 +2,14 @@
 
 namespace qor::wamp {
 
+/// The error every call pending on an endpoint completes with when its transport loses the
+/// link, and the text `DaxClient::sync_step` throws once the server endpoint is gone.
+inline constexpr const char* CONNECTION_LOST = "qor.error.connection_lost";
+
 /// What a transport offers behind an endpoint. Both passes read what arrived, dispatch it and
 /// move written bytes to the peer, without blocking.
+///
+/// Threading: called on the pumping thread only, and never blocks.
 class Connection {
   public:
     virtual ~Connection() = default;

@@ -1,13 +1,16 @@
-// Builds against the installed package only. Runs a WAMP server of the SDK's own on a free
-// loopback port that answers one procedure, connects a peer to it by URL over RawSocket and
-// WebSocket, and makes the call through a DaxClient.
+// Builds against the installed package only. Runs the package's router on a free loopback
+// port with a dealer that answers one procedure, connects a peer to it by URL over RawSocket
+// and WebSocket, and makes the call through a DaxClient.
 #include <dax/client.hpp>
+#include <qor/router/broker.hpp>
+#include <qor/router/server.hpp>
 #include <qor/serialization/msgpack.hpp>
 #include <qor/transport.hpp>
 #include <qor/wamp.hpp>
 
 #include <cstdio>
 #include <exception>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,15 +18,10 @@ namespace mp = qor::serialization::msgpack;
 
 namespace {
 
-void answer_build_number(qor::transport::Server& server, uint64_t session,
-                         const qor::wamp::Message& call) {
-    if (call.type != qor::wamp::CALL) return;
-    qor::wamp::Message result(qor::wamp::RESULT);
-    result.request = call.request;
+std::optional<qor::router::Answer> answer_build_number(uint64_t, const qor::wamp::Message&) {
     std::vector<uint8_t> out;
     mp::pack(out, std::string("consumer-build-7"));
-    result.args.emplace_back(out);
-    server.send(session, result);
+    return qor::router::Answer::result(mp::buffer(out));
 }
 
 int run(const std::string& url) {
@@ -45,11 +43,12 @@ int run(const std::string& url) {
 
 int main() {
     try {
-        qor::transport::ServerOptions options;
+        qor::router::ServerOptions options;
         options.realm = "consumer";
-        qor::transport::Server server(options);
-        server.on_message([&server](uint64_t session, const qor::wamp::Message& message) {
-            answer_build_number(server, session, message);
+        qor::router::Server server(options);
+        qor::router::Broker broker(server, answer_build_number);
+        server.on_message([&broker](uint64_t session, const qor::wamp::Message& message) {
+            broker.on_message(session, message);
         });
         server.start();
         const std::string port_rs = std::to_string(server.rawsocket_port());

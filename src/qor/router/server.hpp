@@ -17,7 +17,7 @@ namespace qor::wamp {
 struct Message;
 }
 
-namespace qor::transport {
+namespace qor::router {
 
 /// What the server accepts from one authid. A credential with neither secret set lets that
 /// authid join without a challenge.
@@ -130,4 +130,4 @@ class Server {
     std::shared_ptr<Impl> impl_;
 };
 
-}  // namespace qor::transport
+}  // namespace qor::router

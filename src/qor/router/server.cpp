@@ -1,4 +1,4 @@
-#include <qor/transport/server.hpp>
+#include <qor/router/server.hpp>
 
 #include <atomic>
 #include <map>
@@ -22,11 +22,11 @@
 #include <qor/wamp/message.hpp>
 #include <qor/wamp/receive.hpp>
 
-namespace qor::transport {
+namespace qor::router {
 
 namespace asio = boost::asio;
 namespace msgpack = serialization::msgpack;
-using detail::tcp;
+using transport::detail::tcp;
 using error_code = boost::system::error_code;
 
 namespace {
@@ -36,8 +36,8 @@ enum class Stage { transport, hello, challenged, joined, closing, closed };
 
 struct Peer {
     explicit Peer(asio::io_context& io) : timer(io) {}
-    std::shared_ptr<detail::Opening> opening;
-    std::shared_ptr<detail::Channel> channel;
+    std::shared_ptr<transport::detail::Opening> opening;
+    std::shared_ptr<transport::detail::Channel> channel;
     asio::steady_timer timer;
     Stage stage = Stage::transport;
     SessionInfo info;
@@ -128,7 +128,7 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
         bound = acceptor->local_endpoint().port();
     }
 
-    void accept(tcp::acceptor& acceptor, detail::Framing framing) {
+    void accept(tcp::acceptor& acceptor, transport::detail::Framing framing) {
         acceptor.async_accept(
             [self = shared_from_this(), &acceptor, framing](error_code ec, tcp::socket socket) {
                 if (ec == asio::error::operation_aborted || !acceptor.is_open()) return;
@@ -137,10 +137,11 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
             });
     }
 
-    void opened(tcp::socket socket, detail::Framing framing) {
+    void opened(tcp::socket socket, transport::detail::Framing framing) {
         auto peer = std::make_shared<Peer>(io);
         peers.insert(peer);
-        peer->info.transport = framing == detail::Framing::rawsocket ? "rawsocket" : "websocket";
+        peer->info.transport =
+            framing == transport::detail::Framing::rawsocket ? "rawsocket" : "websocket";
         peer->timer.expires_after(options.opening_timeout);
         std::weak_ptr<Peer> weak = peer;
         peer->timer.async_wait([self = shared_from_this(), weak](error_code ec) {
@@ -152,13 +153,13 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
                 self->end(peer, "opening timed out");
             }
         });
-        detail::AcceptSettings settings;
+        transport::detail::AcceptSettings settings;
         settings.framing = framing;
         settings.tls_context = tls ? &*tls : nullptr;
         settings.max_message_size = options.max_message_size;
-        peer->opening = detail::accept_server(
+        peer->opening = transport::detail::accept_server(
             std::move(socket), settings,
-            [self = shared_from_this(), weak](std::shared_ptr<detail::Channel> channel,
+            [self = shared_from_this(), weak](std::shared_ptr<transport::detail::Channel> channel,
                                               const std::string& cause) {
                 auto peer = weak.lock();
                 if (!peer) return;
@@ -172,12 +173,13 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
             });
     }
 
-    void started(const std::shared_ptr<Peer>& peer, std::shared_ptr<detail::Channel> channel) {
+    void started(const std::shared_ptr<Peer>& peer,
+                 std::shared_ptr<transport::detail::Channel> channel) {
         peer->channel = std::move(channel);
         peer->stage = Stage::hello;
         peer->info.peer = peer->channel->peer();
         std::weak_ptr<Peer> weak = peer;
-        detail::Channel::Handlers handlers;
+        transport::detail::Channel::Handlers handlers;
         handlers.message = [this, weak](const uint8_t* data, size_t size) {
             if (auto p = weak.lock()) received(p, data, size);
         };
@@ -322,13 +324,13 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
         };
         put("challenge", text);
         if (!c.wampcra_salt.empty()) {
-            key = wampcra_derive_key(c.wampcra_secret, c.wampcra_salt, c.wampcra_iterations,
-                                     c.wampcra_keylen);
+            key = transport::wampcra_derive_key(c.wampcra_secret, c.wampcra_salt,
+                                                c.wampcra_iterations, c.wampcra_keylen);
             put("salt", c.wampcra_salt);
             put("iterations", c.wampcra_iterations);
             put("keylen", c.wampcra_keylen);
         }
-        peer->expected_signature = wampcra_sign(key, text);
+        peer->expected_signature = transport::wampcra_sign(key, text);
         peer->stage = Stage::challenged;
         send_to(peer, challenge);
     }
@@ -338,7 +340,7 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
             return abort_opening(
                 peer, "wamp.error.protocol_violation",
                 std::string("expected AUTHENTICATE, got ") + wamp::type_name(m.type));
-        if (!equal_constant_time(m.signature, peer->expected_signature))
+        if (!transport::equal_constant_time(m.signature, peer->expected_signature))
             return abort_opening(
                 peer, "wamp.error.authentication_failed",
                 "wrong " + peer->info.authmethod + " secret for '" + peer->info.authid + "'");
@@ -524,8 +526,8 @@ void Server::start() {
     }
     if (s.options.rawsocket) s.listen(s.rs_acceptor, s.options.rawsocket_port, s.rs_port);
     if (s.options.websocket) s.listen(s.ws_acceptor, s.options.websocket_port, s.ws_port);
-    if (s.rs_acceptor) s.accept(*s.rs_acceptor, detail::Framing::rawsocket);
-    if (s.ws_acceptor) s.accept(*s.ws_acceptor, detail::Framing::websocket);
+    if (s.rs_acceptor) s.accept(*s.rs_acceptor, transport::detail::Framing::rawsocket);
+    if (s.ws_acceptor) s.accept(*s.ws_acceptor, transport::detail::Framing::websocket);
     s.work.emplace(s.io.get_executor());
     s.running = true;
     s.thread = std::thread([impl = impl_] {
@@ -626,4 +628,4 @@ void Server::set_silent(bool silent) {
     });
 }
 
-}  // namespace qor::transport
+}  // namespace qor::router

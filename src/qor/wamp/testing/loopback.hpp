@@ -12,7 +12,7 @@
 #include <qor/wamp/message.hpp>
 #include <qor/wamp/rpc.hpp>
 
-namespace qor::wamp {
+namespace qor::wamp::testing {
 
 /// An in-memory connection for tests: it records what its endpoint writes and delivers what
 /// the test injects, as a router would, through parse and dispatch inside a pump pass.
@@ -114,4 +114,4 @@ void LoopbackConnection::publish_event(Id subscription, const Args&... args) {
     reply(EVENT, subscription, encode(args...));
 }
 
-}  // namespace qor::wamp
+}  // namespace qor::wamp::testing

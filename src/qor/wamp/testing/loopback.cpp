@@ -1,11 +1,11 @@
-#include <qor/wamp/loopback.hpp>
+#include <qor/wamp/testing/loopback.hpp>
 
 #include <stdexcept>
 #include <utility>
 
 #include <qor/wamp/receive.hpp>
 
-namespace qor::wamp {
+namespace qor::wamp::testing {
 
 LoopbackConnection::LoopbackConnection(Client& client) : client_(client) {
     client_.connection = this;
@@ -131,4 +131,4 @@ void LoopbackConnection::refuse_subscription(const std::string& topic, const std
     inject(m);
 }
 
-}  // namespace qor::wamp
+}  // namespace qor::wamp::testing
