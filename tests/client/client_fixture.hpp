@@ -16,14 +16,14 @@
 #include <qor/wamp/client.hpp>
 #include <qor/wamp/testing/loopback.hpp>
 
+#include "support/testing.hpp"
+
 namespace client_test {
 
-/// Bytes from a hex string; blanks are ignored ("c4 02 01 02").
-std::vector<uint8_t> hex(const std::string& text);
-/// Lower-case hex of the bytes, no separators.
-std::string to_hex(const uint8_t* data, uint64_t size);
-std::string to_hex(const std::vector<uint8_t>& bytes);
-std::string to_hex(const qor::serialization::msgpack::buffer& bytes);
+using test_support::error_of;
+using test_support::hex;
+using test_support::to_hex;
+
 /// The encoded positional arguments of a received or parsed message, as hex.
 std::string args_hex(const qor::wamp::Message& message);
 

@@ -4,11 +4,11 @@
 
 #include <qor/serialization/msgpack.hpp>
 
-#include "hex.hpp"
+#include "support/testing.hpp"
 
 namespace msgpack = qor::serialization::msgpack;
-using codec_test::hex;
-using codec_test::to_hex;
+using test_support::hex;
+using test_support::to_hex;
 
 TEST(FixedWriters, BigEndianPrimitives) {
     uint8_t bytes[16] = {};

@@ -9,11 +9,11 @@
 
 #include <qor/serialization/msgpack.hpp>
 
-#include "hex.hpp"
+#include "support/testing.hpp"
 
 namespace msgpack = qor::serialization::msgpack;
-using codec_test::error_of;
-using codec_test::hex;
+using test_support::error_of;
+using test_support::hex;
 
 namespace {
 

@@ -18,6 +18,7 @@
 #include <rigid_body/components.hpp>
 
 #include "sim_test_util.hpp"
+#include "support/testing.hpp"
 
 namespace qor::sim::testing {
 namespace {
@@ -415,8 +416,9 @@ TEST(ServerProcess, BadCommandLineIsRefused) {
 }
 
 TEST(ServerProcess, AutobahnClientOverBothFramings) {
-    if (std::system("/usr/bin/python3 -c 'import autobahn, msgpack' >/dev/null 2>&1") != 0)
-        GTEST_SKIP() << "/usr/bin/python3 with autobahn and msgpack is not installed";
+    QOR_REQUIRE_TOOL(
+        std::system("/usr/bin/python3 -c 'import autobahn, msgpack' >/dev/null 2>&1") == 0,
+        "/usr/bin/python3 with autobahn and msgpack");
     TempFolder data;
     auto server = start_server(data);
     const std::string script = std::string(QOR_SERVER_TEST_DIR) + "/autobahn_check.py";

@@ -9,27 +9,14 @@
 #include <sstream>
 
 #include "harness.hpp"
+#include "support/testing.hpp"
 
 namespace {
 
 using namespace transport_test;
 
-std::string to_hex(const uint8_t* data, size_t size) {
-    static const char* digits = "0123456789abcdef";
-    std::string out;
-    for (size_t i = 0; i < size; ++i) {
-        out += digits[data[i] >> 4];
-        out += digits[data[i] & 15];
-    }
-    return out;
-}
-
-std::vector<uint8_t> from_hex(const std::string& text) {
-    std::vector<uint8_t> out;
-    for (size_t i = 0; i + 1 < text.size(); i += 2)
-        out.push_back(uint8_t(std::stoul(text.substr(i, 2), nullptr, 16)));
-    return out;
-}
+using test_support::hex;
+using test_support::to_hex;
 
 bool autobahn_available() {
     return std::system(
@@ -62,7 +49,7 @@ std::vector<std::string> run_script(const std::string& mode, const std::string& 
 }
 
 TEST(Autobahn, ParsesEverythingOurClientSends) {
-    if (!autobahn_available()) GTEST_SKIP() << "/usr/bin/python3 with autobahn is not available";
+    QOR_REQUIRE_TOOL(autobahn_available(), "/usr/bin/python3 with autobahn and msgpack");
     std::mutex mutex;
     std::vector<std::pair<uint32_t, std::string>> captured;  // first element code, hex
     qor::router::ServerOptions options;
@@ -129,12 +116,12 @@ TEST(Autobahn, ParsesEverythingOurClientSends) {
 }
 
 TEST(Autobahn, OurReceiveSideParsesWhatAutobahnWrites) {
-    if (!autobahn_available()) GTEST_SKIP() << "/usr/bin/python3 with autobahn is not available";
+    QOR_REQUIRE_TOOL(autobahn_available(), "/usr/bin/python3 with autobahn and msgpack");
     std::map<std::string, qor::wamp::Message> parsed;
     for (const auto& line : run_script("emit", "")) {
         const auto space = line.find(' ');
         ASSERT_NE(std::string::npos, space) << line;
-        const auto bytes = from_hex(line.substr(space + 1));
+        const auto bytes = hex(line.substr(space + 1));
         parsed.emplace(line.substr(0, space),
                        qor::wamp::parse_message(msgpack::buffer(bytes.data(), bytes.size())));
     }

@@ -14,31 +14,14 @@
 #include <qor/transport/rawsocket.hpp>
 #include <qor/transport/url.hpp>
 
+#include "support/testing.hpp"
+
 namespace rs = qor::transport::rawsocket;
 
 namespace {
 
-std::vector<uint8_t> hex(const std::string& text) {
-    std::vector<uint8_t> out;
-    for (size_t i = 0; i + 1 < text.size();) {
-        if (text[i] == ' ') {
-            ++i;
-            continue;
-        }
-        out.push_back(uint8_t(std::stoul(text.substr(i, 2), nullptr, 16)));
-        i += 2;
-    }
-    return out;
-}
-
-std::string error_of(const std::function<void()>& f) {
-    try {
-        f();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "";
-}
+using test_support::error_of;
+using test_support::hex;
 
 }  // namespace
 

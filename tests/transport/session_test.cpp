@@ -9,6 +9,7 @@
 #include <dax/client.hpp>
 
 #include "harness.hpp"
+#include "support/testing.hpp"
 
 namespace {
 
@@ -18,14 +19,7 @@ using qor::transport::LinkEvent;
 using qor::transport::LinkState;
 using qor::router::ServerOptions;
 
-std::string error_of(const std::function<void()>& f) {
-    try {
-        f();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "";
-}
+using test_support::error_of;
 
 struct Scheme {
     const char* name;
@@ -42,8 +36,9 @@ std::string url_for(const Scheme& s, const qor::router::Server& server) {
 class Transport : public ::testing::TestWithParam<Scheme> {
   protected:
     void SetUp() override {
-        if (GetParam().tls && !certificate().ok)
-            GTEST_SKIP() << "openssl could not make a certificate";
+        if (GetParam().tls) {
+            QOR_REQUIRE_TOOL(certificate().ok, "openssl (for a test certificate)");
+        }
     }
 
     ServerOptions server_options() const {
@@ -498,7 +493,7 @@ TEST(ConnectFailures, BadAddressAndTls) {
     qor::QorClient peer;
     EXPECT_EQ("invalid URL 'tcp://x:1': unsupported scheme 'tcp' (use rs, rss, ws or wss)",
               error_of([&] { qor::transport::connect(peer, "tcp://x:1"); }));
-    if (!certificate().ok) GTEST_SKIP() << "openssl could not make a certificate";
+    QOR_REQUIRE_TOOL(certificate().ok, "openssl (for a test certificate)");
     ServerOptions so;
     so.tls_certificate_file = certificate().cert;
     so.tls_private_key_file = certificate().key;

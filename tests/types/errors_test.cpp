@@ -16,11 +16,6 @@ const std::string POSE = "97 " + D0 + D0 + D0 + D1 + D0 + D0 + D0;
 const std::string VEC3 = "93 " + D0 + D0 + D0;
 const std::string DETAILS = "99 00 " + D0 + D0 + D0 + "00 " + D0 + D0 + "00 00";
 
-template <class T>
-std::string error_of(const std::vector<uint8_t>& bytes) {
-    return read_error<T>(bytes);
-}
-
 std::string count_error(int in_message, int in_struct) {
     return "reading struct : wrong number of fields. " + std::to_string(in_message) +
            " fields in message, " + std::to_string(in_struct) + " in struct";
@@ -35,80 +30,80 @@ struct Case {
 
 TEST(RecordErrors, FieldCountAtEveryLevel) {
     const Case cases[] = {
-        {"mesh batch", "92 90 90", error_of<mesh_batch_t>, count_error(2, 3)},
-        {"vertex with two coordinates", "93 91 92 " + D1 + D1 + "90 90", error_of<mesh_batch_t>,
+        {"mesh batch", "92 90 90", read_error<mesh_batch_t>, count_error(2, 3)},
+        {"vertex with two coordinates", "93 91 92 " + D1 + D1 + "90 90", read_error<mesh_batch_t>,
          count_error(2, 3)},
         {"vertex after good ones", "93 92 93 " + D1 + D1 + D1 + "94 " + D1 + D1 + D1 + D1 + "90 90",
-         error_of<mesh_batch_t>, count_error(4, 3)},
+         read_error<mesh_batch_t>, count_error(4, 3)},
         {"pair with three indices", "93 90 91 93 CE 00000001 CE 00000002 CE 00000003 90",
-         error_of<mesh_batch_t>, count_error(3, 2)},
-        {"triangle with two indices", "93 90 90 91 92 01 02", error_of<mesh_batch_t>,
+         read_error<mesh_batch_t>, count_error(3, 2)},
+        {"triangle with two indices", "93 90 90 91 92 01 02", read_error<mesh_batch_t>,
          count_error(2, 3)},
-        {"mesh info", "95 01 02 03 A0 00", error_of<mesh_info_t>, count_error(5, 4)},
-        {"integration result", "94 C4 00 00 " + VEC3 + VEC3, error_of<integration_result_t>,
+        {"mesh info", "95 01 02 03 A0 00", read_error<mesh_info_t>, count_error(5, 4)},
+        {"integration result", "94 C4 00 00 " + VEC3 + VEC3, read_error<integration_result_t>,
          count_error(4, 5)},
         {"step vector", "95 C4 00 00 " + VEC3 + "92 " + D0 + D0 + DETAILS,
-         error_of<integration_result_t>, count_error(2, 3)},
+         read_error<integration_result_t>, count_error(2, 3)},
         {"step details", "95 C4 00 00 " + VEC3 + VEC3 + "98 00 00 00 00 00 00 00 00",
-         error_of<integration_result_t>, count_error(8, 9)},
-        {"flag list", "92 90 90", error_of<vector_bool_t>, count_error(2, 1)},
-        {"string list", "90", error_of<vector_string_t>, count_error(0, 1)},
-        {"name and number", "91 91 91 A1 78", error_of<vector_pair_string_double_t>,
+         read_error<integration_result_t>, count_error(8, 9)},
+        {"flag list", "92 90 90", read_error<vector_bool_t>, count_error(2, 1)},
+        {"string list", "90", read_error<vector_string_t>, count_error(0, 1)},
+        {"name and number", "91 91 91 A1 78", read_error<vector_pair_string_double_t>,
          count_error(1, 2)},
         {"kinect joint with five fields", "92 00 91 92 00 91 95 01 02 " + POSE + "03 04",
-         error_of<kinect_frame_t>, count_error(5, 4)},
+         read_error<kinect_frame_t>, count_error(5, 4)},
         {"kinect pose with six fields",
          "92 00 91 92 00 91 94 01 02 96 " + D0 + D0 + D0 + D0 + D0 + D0 + "03",
-         error_of<kinect_frame_t>, count_error(6, 7)},
+         read_error<kinect_frame_t>, count_error(6, 7)},
         {"moticon frame", "93 92 92 " + D0 + D0 + D0 + "92 92 " + D0 + D0 + D0 + "00",
-         error_of<moticon_frame_t>, count_error(3, 2)},
-        {"moticon point", "92 92 93 " + D0 + D0 + D0 + D0, error_of<moticon_frame_t>,
+         read_error<moticon_frame_t>, count_error(3, 2)},
+        {"moticon point", "92 92 93 " + D0 + D0 + D0 + D0, read_error<moticon_frame_t>,
          count_error(3, 2)},
-        {"xsens rotation", "91 91 95 00 00 93 " + D0 + D0 + D0, error_of<xsens_frame_t>,
+        {"xsens rotation", "91 91 95 00 00 93 " + D0 + D0 + D0, read_error<xsens_frame_t>,
          count_error(3, 4)},
         {"openvr six values given five", "96 96 C2 C2 " + POSE + "95 " + D0 + D0 + D0 + D0 + D0,
-         error_of<openvr_frame_t>, count_error(5, 6)},
+         read_error<openvr_frame_t>, count_error(5, 6)},
         {"openvr int list",
          "96 " + std::string("96 C2 C2 ") + POSE + "96 " + D0 + D0 + D0 + D0 + D0 + D0 +
              "00 00 96 C2 C2 " + POSE + "96 " + D0 + D0 + D0 + D0 + D0 + D0 + "00 00 96 C2 C2 " +
              POSE + "96 " + D0 + D0 + D0 + D0 + D0 + D0 + "00 00 92 90 90",
-         error_of<openvr_frame_t>, count_error(2, 1)},
+         read_error<openvr_frame_t>, count_error(2, 1)},
         {"leap bone",
          "92 00 91 99 00 C2 " + D0 + POSE + POSE + POSE + D0 + D0 +
              "91 93 00 00 91 97 00 00 00 00 00 00 00",
-         error_of<leap_frame_t>, count_error(7, 6)},
-        {"optitrack frame", "92 00 " + D0, error_of<optitrack_frame_t>, count_error(2, 3)},
-        {"optitrack body", "93 00 " + D0 + "91 92 00 " + D0, error_of<optitrack_frame_t>,
+         read_error<leap_frame_t>, count_error(7, 6)},
+        {"optitrack frame", "92 00 " + D0, read_error<optitrack_frame_t>, count_error(2, 3)},
+        {"optitrack body", "93 00 " + D0 + "91 92 00 " + D0, read_error<optitrack_frame_t>,
          count_error(2, 3)},
         {"art float list inside an item",
          "95 00 90 90 90 91 96 00 " + POSE + D0 + "C2 00 91 94 " + POSE + D0 + "92 90 90",
-         error_of<art_frame_t>, count_error(2, 1)},
-        {"art body", "95 00 91 92 00 92 " + POSE + D0, error_of<art_frame_t>, count_error(2, 3)},
+         read_error<art_frame_t>, count_error(2, 1)},
+        {"art body", "95 00 91 92 00 92 " + POSE + D0, read_error<art_frame_t>, count_error(2, 3)},
     };
     for (const Case& c : cases) EXPECT_EQ(c.reader(hex(c.bytes)), c.message) << c.what;
 }
 
 TEST(RecordErrors, FormsRefused) {
     const Case cases[] = {
-        {"states as str", "95 A2 0102 00 " + VEC3 + VEC3 + DETAILS, error_of<integration_result_t>,
+        {"states as str", "95 A2 0102 00 " + VEC3 + VEC3 + DETAILS, read_error<integration_result_t>,
          "inconsistent data while parsing binary data"},
-        {"pose from integers", "97 01 02 03 01 00 00 00", error_of<pose7_t>,
+        {"pose from integers", "97 01 02 03 01 00 00 00", read_error<pose7_t>,
          "expected float value"},
-        {"pose with one integer", "97 " + D0 + D0 + D0 + "01 " + D0 + D0 + D0, error_of<pose7_t>,
+        {"pose with one integer", "97 " + D0 + D0 + D0 + "01 " + D0 + D0 + D0, read_error<pose7_t>,
          "expected float value"},
-        {"vertex with an integer", "93 91 93 " + D0 + "01 " + D0 + "90 90", error_of<mesh_batch_t>,
+        {"vertex with an integer", "93 91 93 " + D0 + "01 " + D0 + "90 90", read_error<mesh_batch_t>,
          "expected double value"},
-        {"index as float", "93 90 91 92 CE 00000001 " + D1 + "90", error_of<mesh_batch_t>,
+        {"index as float", "93 90 91 92 CE 00000001 " + D1 + "90", read_error<mesh_batch_t>,
          "expecting integer value"},
-        {"index as nil", "93 90 90 91 93 C0 00 00", error_of<mesh_batch_t>,
+        {"index as nil", "93 90 90 91 93 C0 00 00", read_error<mesh_batch_t>,
          "expecting integer value"},
-        {"record as map", "81 A1 78 00", error_of<vec3d_t>,
+        {"record as map", "81 A1 78 00", read_error<vec3d_t>,
          "inconsistent data while parsing array"},
-        {"vertex list as map", "93 80 90 90", error_of<mesh_batch_t>,
+        {"vertex list as map", "93 80 90 90", read_error<mesh_batch_t>,
          "inconsistent data while parsing array"},
-        {"text as bin", "94 00 00 00 C4 01 41", error_of<mesh_info_t>,
+        {"text as bin", "94 00 00 00 C4 01 41", read_error<mesh_info_t>,
          "inconsistent data while parsing string"},
-        {"number as string", "91 91 92 A1 78 A1 79", error_of<vector_pair_string_double_t>,
+        {"number as string", "91 91 92 A1 78 A1 79", read_error<vector_pair_string_double_t>,
          "expected double value"},
     };
     for (const Case& c : cases) EXPECT_EQ(c.reader(hex(c.bytes)), c.message) << c.what;
@@ -137,8 +132,8 @@ TEST(RecordErrors, TruncatedFixedRecordsInALongList) {
     std::string bytes = "94";
     for (int i = 0; i < 3; ++i) bytes += " 93 CE 00000001 CE 00000002 CE 00000003";
     bytes += " 93 CE 00000001 CE 0000";
-    EXPECT_EQ(error_of<std::vector<index_triple_t>>(hex(bytes)), "unexpected end of data");
-    EXPECT_EQ(error_of<mesh_batch_t>(hex("93 90 90 " + bytes)), "unexpected end of data");
+    EXPECT_EQ(read_error<std::vector<index_triple_t>>(hex(bytes)), "unexpected end of data");
+    EXPECT_EQ(read_error<mesh_batch_t>(hex("93 90 90 " + bytes)), "unexpected end of data");
 }
 
 TEST(RecordErrors, ListLongerThanItsBytesGrowsOnlyWithWhatArrives) {

@@ -1,6 +1,6 @@
 #pragma once
 
-// Tools shared by the record tests: hex byte strings, a random filler, a field-wise equality and
+// Tools shared by the record tests: a random filler, a field-wise equality and
 // a reference encoder/decoder built only from the codec's scalar functions, used as the oracle
 // for the records' own (fast) paths.
 
@@ -18,44 +18,14 @@
 #include <dax/types.hpp>
 #include <qor/serialization/msgpack.hpp>
 
+#include "support/testing.hpp"
+
 namespace record_testing {
 
 namespace mp = qor::serialization::msgpack;
 
-inline std::vector<uint8_t> hex(std::string_view text) {
-    std::vector<uint8_t> out;
-    int high = -1;
-    for (char c : text) {
-        int v;
-        if (c >= '0' && c <= '9')
-            v = c - '0';
-        else if (c >= 'a' && c <= 'f')
-            v = c - 'a' + 10;
-        else if (c >= 'A' && c <= 'F')
-            v = c - 'A' + 10;
-        else if (c == ' ')
-            continue;
-        else
-            throw std::invalid_argument("bad hex digit");
-        if (high < 0)
-            high = v;
-        else
-            out.push_back(static_cast<uint8_t>(high << 4 | v)), high = -1;
-    }
-    if (high >= 0) throw std::invalid_argument("odd number of hex digits");
-    return out;
-}
-
-inline std::string to_hex(const std::vector<uint8_t>& bytes) {
-    static const char* digits = "0123456789ABCDEF";
-    std::string out;
-    for (uint8_t b : bytes) {
-        if (!out.empty()) out += ' ';
-        out += digits[b >> 4];
-        out += digits[b & 15];
-    }
-    return out;
-}
+using test_support::hex;
+using test_support::to_hex;
 
 template <class T>
 std::vector<uint8_t> encode(const T& value) {

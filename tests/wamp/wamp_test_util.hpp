@@ -1,6 +1,6 @@
 #pragma once
 
-// Helpers shared by the WAMP tests: hex byte vectors, a peer wired to a loopback server
+// Helpers shared by the WAMP tests: a peer wired to a loopback server
 // endpoint, and a logger whose lines land in a string.
 
 #include <cstdint>
@@ -17,22 +17,15 @@
 #include <qor/wamp.hpp>
 #include <qor/wamp/testing/loopback.hpp>
 
+#include "support/testing.hpp"
+
 namespace wamp_test {
 
 namespace mp = qor::serialization::msgpack;
 
-/// "94 30 07" -> {0x94, 0x30, 0x07}; blanks are ignored.
-inline std::vector<uint8_t> hex(const std::string& text) {
-    std::vector<uint8_t> out;
-    std::string digits;
-    for (char c : text) {
-        if (c != ' ') digits += c;
-    }
-    for (size_t i = 0; i + 1 < digits.size(); i += 2) {
-        out.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
-    }
-    return out;
-}
+using test_support::error_of;
+using test_support::hex;
+using test_support::to_hex;
 
 /// `a` followed by `b`.
 inline std::vector<uint8_t> operator+(std::vector<uint8_t> a, const std::vector<uint8_t>& b) {
@@ -90,16 +83,5 @@ struct LoopbackPeer {
         return first || second;
     }
 };
-
-/// The what() text of the std::runtime_error that `f` throws, or "<no error>".
-template <class F>
-std::string error_of(F&& f) {
-    try {
-        f();
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "<no error>";
-}
 
 }  // namespace wamp_test
