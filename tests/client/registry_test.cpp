@@ -183,20 +183,6 @@ TEST_F(RegistryTest, CopiesShareEverything) {
 
 using LifecycleTest = ClientTest;
 
-TEST_F(LifecycleTest, DefaultsAndSettings) {
-    EXPECT_EQ(client->getTimeout(), 1000);
-    EXPECT_EQ(client->getSceneStateVersion(), -1);
-    EXPECT_EQ(client->getPeer(), &net.peer);
-    EXPECT_FALSE(client->ping_server());
-    client->setTimeoutMs(0);
-    EXPECT_EQ(client->getTimeout(), 0);
-    client->setTimeoutMs(-5);
-    EXPECT_EQ(client->getTimeout(), -5);
-    net.peer.server_connected = false;
-    EXPECT_FALSE(client->ping_server());
-    EXPECT_TRUE(net.link.written.empty());  // neither construction nor ping sent anything
-}
-
 TEST(Lifecycle, NullPeerIsRefusedBeforeAnythingHappens) {
     ::testing::internal::CaptureStdout();
     try {

@@ -40,18 +40,6 @@ TEST(WampId, RandomStaysInOneToTwoToThe53AndVaries) {
     EXPECT_GT(seen.size(), 9990u);
 }
 
-TEST(WampMessage, FreshMessageHoldsItsInitialValues) {
-    Message m(ERROR);
-    EXPECT_EQ(m.type, ERROR);
-    EXPECT_EQ(m.request_type, 3);
-    EXPECT_EQ(m.raw.size, 0u);
-    EXPECT_EQ(m.args_offset, 0u);
-    EXPECT_EQ(m.args_end, 0u);
-    EXPECT_EQ(m.args_count, 0u);
-    EXPECT_TRUE(m.realm.empty() && m.error.empty() && m.topic.empty() && m.procedure.empty());
-    EXPECT_TRUE(m.args.empty() && m.details.empty() && m.arguments_kw.empty());
-}
-
 TEST(WampMessage, UriConstructorFillsTheFieldOfItsKind) {
     EXPECT_EQ(Message(CALL, Id(3), "p").procedure, "p");
     EXPECT_EQ(Message(REGISTER, Id(3), "p").procedure, "p");
