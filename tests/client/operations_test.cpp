@@ -176,12 +176,7 @@ TEST_F(OperationsTest, BlockingFormsReturnTheDecodedResult) {
 
 TEST_F(OperationsTest, BlockingFormThrowsTheServerErrorTextAsIs) {
     net.on_pass(2, [&] { net.link.reply_last_error("qor.error.scene_locked"); });
-    try {
-        client->CLEAR_SCENE();
-        FAIL() << "no exception";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "qor.error.scene_locked");
-    }
+    EXPECT_EQ(error_of([&] { client->CLEAR_SCENE(); }), "qor.error.scene_locked");
 }
 
 TEST_F(OperationsTest, NotConnectedFailsBothFormsWithoutSendingOrPumping) {
@@ -189,18 +184,9 @@ TEST_F(OperationsTest, NotConnectedFailsBothFormsWithoutSendingOrPumping) {
     const char* text = "qor client cannot call operations before server is connected";
     client->setTimeoutMs(-1);  // the time-out plays no part
     bool called = false;
-    try {
-        client->STEP_SIMULATION();
-        FAIL() << "no exception";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), text);
-    }
-    try {
-        client->SET_VERBOSE(true, [&](RpcResult<int>) { called = true; });
-        FAIL() << "no exception";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), text);
-    }
+    EXPECT_EQ(error_of([&] { client->STEP_SIMULATION(); }), text);
+    EXPECT_EQ(error_of([&] { client->SET_VERBOSE(true, [&](RpcResult<int>) { called = true; }); }),
+              text);
     EXPECT_TRUE(net.link.calls().empty());
     EXPECT_EQ(net.link.first_passes, 0u);
     EXPECT_FALSE(called);
@@ -208,20 +194,11 @@ TEST_F(OperationsTest, NotConnectedFailsBothFormsWithoutSendingOrPumping) {
 
 // ---- the time-out --------------------------------------------------------------------------
 
-std::string timeout_text(DaxClient& client, const std::function<void(DaxClient&)>& call) {
-    try {
-        call(client);
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "no exception";
-}
-
 TEST_F(OperationsTest, TimeoutTextNamesTheOperation) {
     client->setTimeoutMs(0);  // nobody answers: fails once a whole millisecond has passed
-    EXPECT_EQ(timeout_text(*client, [](DaxClient& c) { c.CLEAR_SCENE(); }),
+    EXPECT_EQ(error_of([&] { client->CLEAR_SCENE(); }),
               "DaxClient: timeout during 'CLEAR_SCENE' call");
-    EXPECT_EQ(timeout_text(*client, [](DaxClient& c) { c.SET_PUBLISH_PERIOD_MS(5.0); }),
+    EXPECT_EQ(error_of([&] { client->SET_PUBLISH_PERIOD_MS(5.0); }),
               "DaxClient: timeout during 'SET_PUBLISH_PERIOD_MS' call");
     EXPECT_GE(net.link.first_passes, 2u);
 }
@@ -229,7 +206,7 @@ TEST_F(OperationsTest, TimeoutTextNamesTheOperation) {
 TEST_F(OperationsTest, NegativeTimeoutFailsTheFirstPassEvenWithTheResult) {
     client->setTimeoutMs(-1);
     net.on_pass(1, [&] { net.link.reply_last_result(1); });
-    EXPECT_EQ(timeout_text(*client, [](DaxClient& c) { c.START_SIMULATION(); }),
+    EXPECT_EQ(error_of([&] { client->START_SIMULATION(); }),
               "DaxClient: timeout during 'START_SIMULATION' call");
     EXPECT_EQ(net.link.first_passes, 1u);
     EXPECT_EQ(net.link.queued(), 0u);  // the result was delivered in that pass, and dropped
@@ -242,7 +219,7 @@ TEST_F(OperationsTest, ResultInThePassThatPassesTheLimitIsATimeout) {
         net.link.reply_last_result(11);
         client->setTimeoutMs(-1);
     });
-    EXPECT_EQ(timeout_text(*client, [](DaxClient& c) { c.DUMP(); }),
+    EXPECT_EQ(error_of([&] { client->DUMP(); }),
               "DaxClient: timeout during 'DUMP' call");
     EXPECT_EQ(net.link.first_passes, 3u);
 }
@@ -282,10 +259,10 @@ TEST_F(OperationsTest, LateResultsAfterATimeoutChangeNothing) {
     // Under AddressSanitizer this proves that the pending call's copy of the completion
     // callback does not reach into the finished wait's stack.
     client->setTimeoutMs(0);
-    EXPECT_EQ(timeout_text(*client, [](DaxClient& c) { c.GET_PROPERTY("g"); }),
+    EXPECT_EQ(error_of([&] { client->GET_PROPERTY("g"); }),
               "DaxClient: timeout during 'GET_PROPERTY' call");
     const auto late_value = net.link.last_call().request;
-    EXPECT_EQ(timeout_text(*client, [](DaxClient& c) { c.GET_LOGS_LABELS(); }),
+    EXPECT_EQ(error_of([&] { client->GET_LOGS_LABELS(); }),
               "DaxClient: timeout during 'GET_LOGS_LABELS' call");
     const auto late_error = net.link.last_call().request;
 

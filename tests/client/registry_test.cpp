@@ -81,12 +81,8 @@ TEST_F(RegistryTest, AutomaticIdsCountUpAndResetStartsAgain) {
 }
 
 TEST_F(RegistryTest, UnknownTypeFailsButUsesUpItsId) {
-    try {
-        client->Create("Unknown");
-        FAIL() << "no exception";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "Error in DaxClient::Create : type 'Unknown' not found");
-    }
+    EXPECT_EQ(error_of([&] { client->Create("Unknown"); }),
+              "Error in DaxClient::Create : type 'Unknown' not found");
     EXPECT_EQ(client->next_component_id, 1);
     EXPECT_TRUE(client->components.empty());
     EXPECT_THROW(client->Create("boom", 4, 0), std::runtime_error);
@@ -185,12 +181,7 @@ using LifecycleTest = ClientTest;
 
 TEST(Lifecycle, NullPeerIsRefusedBeforeAnythingHappens) {
     ::testing::internal::CaptureStdout();
-    try {
-        DaxClient client(nullptr);
-        FAIL() << "no exception";
-    } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "DaxClient: peer must not be null");
-    }
+    EXPECT_EQ(error_of([] { DaxClient client(nullptr); }), "DaxClient: peer must not be null");
     EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
 }
 

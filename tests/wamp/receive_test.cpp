@@ -20,12 +20,7 @@ Message parse(const std::vector<uint8_t>& bytes) {
 }
 
 std::string parse_error(const std::vector<uint8_t>& bytes) {
-    try {
-        parse(bytes);
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "<no error>";
+    return error_of([&] { parse(bytes); });
 }
 
 // One sample of every kind, and of every form of each element.
