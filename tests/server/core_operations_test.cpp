@@ -10,6 +10,7 @@
 #include <qor/sim/devices.hpp>
 
 #include "sim_test_util.hpp"
+#include "support/testing.hpp"
 
 namespace qor::sim::testing {
 namespace {
@@ -26,7 +27,7 @@ std::unique_ptr<SimulationCore> core_in(const TempFolder& folder, const std::str
 
 struct BadCall {
     std::string name;
-    std::vector<uint8_t> args;  // encoded back to back
+    const char* args;  // hex, encoded back to back
     uint64_t count;
     std::string error;
     std::string text;
@@ -35,115 +36,44 @@ struct BadCall {
 TEST(CoreArguments, WrongCountOrTypeSaysWhichArgument) {
     TempFolder folder;
     auto core = core_in(folder);
+    const std::string invalid = "wamp.error.invalid_argument";
     const std::vector<BadCall> cases{
-        {"CLEAR_SCENE",
-         {0x01},
-         1,
-         "wamp.error.invalid_argument",
-         "CLEAR_SCENE takes 0 arguments, got 1"},
-        {"SET_PROPERTY",
-         {0xa1, 'a'},
-         1,
-         "wamp.error.invalid_argument",
-         "SET_PROPERTY takes 2 arguments, got 1"},
-        {"SET_PROPERTY",
-         {0x05, 0xa1, 'a'},
-         2,
-         "wamp.error.invalid_argument",
-         "argument 1 of SET_PROPERTY must be a string"},
-        {"SET_PROPERTY",
-         {0xa1, 'a', 0xc0},
-         2,
-         "wamp.error.invalid_argument",
-         "argument 2 of SET_PROPERTY must be a string"},
-        {"ENABLE_SCHEDULING",
-         {0x01},
-         1,
-         "wamp.error.invalid_argument",
+        {"CLEAR_SCENE", "01", 1, invalid, "CLEAR_SCENE takes 0 arguments, got 1"},
+        {"SET_PROPERTY", "a1 61", 1, invalid, "SET_PROPERTY takes 2 arguments, got 1"},
+        {"SET_PROPERTY", "05 a1 61", 2, invalid, "argument 1 of SET_PROPERTY must be a string"},
+        {"SET_PROPERTY", "a1 61 c0", 2, invalid, "argument 2 of SET_PROPERTY must be a string"},
+        {"ENABLE_SCHEDULING", "01", 1, invalid,
          "argument 1 of ENABLE_SCHEDULING must be a boolean"},
-        {"SET_SERVER_PERIOD_MS",
-         {0xa1, 'x'},
-         1,
-         "wamp.error.invalid_argument",
+        {"SET_SERVER_PERIOD_MS", "a1 78", 1, invalid,
          "argument 1 of SET_SERVER_PERIOD_MS must be a number"},
-        {"SET_SERVER_PERIOD_MS",
-         {0xd0, 0xfb},
-         1,
-         "wamp.error.invalid_argument",
-         "period -5 ms is outside 1..60000"},
-        {"CREATE_TRIMESH",
-         {0xa1, 'm', 0xcf, 0, 0, 1, 0, 0, 0, 0, 0, 0x01, 0x01},
-         4,
-         "wamp.error.invalid_argument",
+        {"SET_SERVER_PERIOD_MS", "d0 fb", 1, invalid, "period -5 ms is outside 1..60000"},
+        {"CREATE_TRIMESH", "a1 6d cf 00 00 01 00 00 00 00 00 01 01", 4, invalid,
          "argument 2 of CREATE_TRIMESH must be an integer: out of the 32-bit range"},
-        {"GET_TRIMESH",
-         {0xcb, 0, 0, 0, 0, 0, 0, 0, 0},
-         1,
-         "wamp.error.invalid_argument",
+        {"GET_TRIMESH", "cb 00 00 00 00 00 00 00 00", 1, invalid,
          "argument 1 of GET_TRIMESH must be an integer"},
-        {"SEND_SCENE",
-         {0xa2, 'h', 'i'},
-         1,
-         "wamp.error.invalid_argument",
-         "argument 1 of SEND_SCENE must be binary data"},
-        {"SEND_SCENE",
-         {0xc4, 0x05, 0x90},
-         1,
-         "wamp.error.invalid_argument",
-         "unexpected end of data"},
-        {"SET_PROPERTY",
-         {0xa1, 'a'},
-         2,
-         "wamp.error.invalid_argument",
+        {"SEND_SCENE", "a2 68 69", 1, invalid, "argument 1 of SEND_SCENE must be binary data"},
+        {"SEND_SCENE", "c4 05 90", 1, invalid, "unexpected end of data"},
+        {"SET_PROPERTY", "a1 61", 2, invalid,
          "argument 2 of SET_PROPERTY must be a string: unexpected end of data"},
-        {"GET_PROPERTY",
-         {0xa1, 'a', 0x01},
-         1,
-         "wamp.error.invalid_argument",
-         "trailing bytes after the arguments"},
-        {"UPDATE_TRIMESH",
-         {0x01, 0x00, 0x00, 0x93, 0x91, 0x92, 0xcb, 0, 0, 0, 0, 0,    0,
-          0,    0,    0xcb, 0,    0,    0,    0,    0, 0, 0, 0, 0x90, 0x90},
-         4,
-         "wamp.error.invalid_argument",
-         "2 fields in message, 3 in struct"},
-        {"CLEAR_BODIES_PERSISTENCES",
-         {0xa1, 's', 0x91, 0x01, 0xc2},
-         3,
-         "wamp.error.invalid_argument",
+        {"GET_PROPERTY", "a1 61 01", 1, invalid, "trailing bytes after the arguments"},
+        {"UPDATE_TRIMESH", "01 00 00 93 91 92 cb 0000000000000000 cb 0000000000000000 90 90", 4,
+         invalid, "2 fields in message, 3 in struct"},
+        {"CLEAR_BODIES_PERSISTENCES", "a1 73 91 01 c2", 3, invalid,
          "argument 2 of CLEAR_BODIES_PERSISTENCES must be a list of strings"},
-        {"SET_PUBLISH_COMPRESSION_LEVEL",
-         {0x0a},
-         1,
-         "wamp.error.invalid_argument",
-         "compression level 10 is outside 0..9"},
-        {"SAVE_COMPONENTS",
-         {0xa5, '.', '.', '/', 'e', 't'},
-         1,
-         "wamp.error.invalid_argument",
-         "bad persistence name '../et'"},
-        {"LOAD_COMPONENTS", {0xa0}, 1, "wamp.error.invalid_argument", "bad persistence name ''"},
-        {"NO_SUCH_THING",
-         {},
-         0,
-         "wamp.error.no_such_procedure",
+        {"SET_PUBLISH_COMPRESSION_LEVEL", "0a", 1, invalid, "compression level 10 is outside 0..9"},
+        {"SAVE_COMPONENTS", "a5 2e 2e 2f 65 74", 1, invalid, "bad persistence name '../et'"},
+        {"LOAD_COMPONENTS", "a0", 1, invalid, "bad persistence name ''"},
+        {"NO_SUCH_THING", "", 0, "wamp.error.no_such_procedure",
          "no procedure 'qor.server.operation.NO_SUCH_THING'"},
-        {"LOAD_COMPONENTS",
-         {0xa4, 'n', 'o', 'n', 'e'},
-         1,
-         "qor.error.not_found",
-         "no persistence named 'none'"},
-        {"GET_PROPERTY",
-         {0xa4, 'n', 'o', 'n', 'e'},
-         1,
-         "qor.error.not_found",
-         "no property named 'none'"},
-        {"RESUME_SIMULATION", {}, 0, "qor.error.invalid_state", "not started"},
+        {"LOAD_COMPONENTS", "a4 6e 6f 6e 65", 1, "qor.error.not_found", "no persistence named 'none'"},
+        {"GET_PROPERTY", "a4 6e 6f 6e 65", 1, "qor.error.not_found", "no property named 'none'"},
+        {"RESUME_SIMULATION", "", 0, "qor.error.invalid_state", "not started"},
     };
     for (const BadCall& c : cases) {
         SCOPED_TRACE(c.name + " -> " + c.text);
+        const std::vector<uint8_t> args = test_support::hex(c.args);
         const CallResult r =
-            core->call("qor.server.operation." + c.name, c.args.data(), c.args.size(), c.count);
+            core->call("qor.server.operation." + c.name, args.data(), args.size(), c.count);
         EXPECT_FALSE(r.ok);
         EXPECT_TRUE(r.value.empty());
         EXPECT_EQ(r.error, c.error);
