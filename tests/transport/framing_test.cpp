@@ -10,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include <qor/transport/auth.hpp>
 #include <qor/transport/rawsocket.hpp>
 #include <qor/transport/url.hpp>
 
@@ -195,19 +194,3 @@ TEST(Url, RefusedFormsNameTheReason) {
         EXPECT_EQ(error, error_of([&] { qor::transport::parse_url(text); })) << text;
 }
 
-TEST(WampCra, PublishedVectors) {
-    // HMAC-SHA256, RFC 4231 test case 2, as base64.
-    EXPECT_EQ("W9zBRr9gdU5qBCQmCJV1x1oAPwidJzmDnexYuWTsOEM=",
-              qor::transport::wampcra_sign("Jefe", "what do ya want for nothing?"));
-    // PBKDF2-HMAC-SHA256 ("passwd", "salt", 1 iteration, 64 bytes), RFC 7914 section 11.
-    EXPECT_EQ(
-        "VawEblbjCJ/sFpHCJUS2BflBhSFt3gRl5oudV8INrLxJypzM8Xm2RZkWZLOdd+8xfHG4RbHjC9UJESBB06GXgw==",
-        qor::transport::wampcra_derive_key("passwd", "salt", 1, 64));
-    EXPECT_EQ("", qor::transport::base64_encode(""));
-    EXPECT_EQ("Zm8=", qor::transport::base64_encode("fo"));
-    EXPECT_EQ("wampcra: iterations and key length must be positive",
-              error_of([] { qor::transport::wampcra_derive_key("a", "b", 0, 32); }));
-    EXPECT_TRUE(qor::transport::equal_constant_time("abc", "abc"));
-    EXPECT_FALSE(qor::transport::equal_constant_time("abc", "abd"));
-    EXPECT_FALSE(qor::transport::equal_constant_time("abc", "ab"));
-}

@@ -4,7 +4,6 @@
 #include <map>
 #include <mutex>
 #include <optional>
-#include <random>
 #include <set>
 #include <stdexcept>
 #include <thread>
@@ -17,7 +16,6 @@
 #include <boost/asio/steady_timer.hpp>
 
 #include <qor/serialization/msgpack.hpp>
-#include <qor/transport/auth.hpp>
 #include <qor/transport/detail/channel.hpp>
 #include <qor/wamp/message.hpp>
 #include <qor/wamp/receive.hpp>
@@ -31,8 +29,8 @@ using error_code = boost::system::error_code;
 
 namespace {
 
-// Where one accepted connection stands in the router half of the opening.
-enum class Stage { transport, hello, challenged, joined, closing, closed };
+// Where one accepted connection stands: the transport opening, the WAMP opening, use.
+enum class Stage { transport, opening, joined, closing, closed };
 
 struct Peer {
     explicit Peer(asio::io_context& io) : timer(io) {}
@@ -41,37 +39,9 @@ struct Peer {
     asio::steady_timer timer;
     Stage stage = Stage::transport;
     SessionInfo info;
-    const Credential* credential = nullptr;
-    std::string expected_signature;
+    std::optional<wamp::RouterOpening> wamp_opening;  // while stage is opening
     std::string leave_reason;
 };
-
-std::mt19937_64& generator() {
-    // The client's Id::Random is for the pumping thread only; the server draws on its own.
-    static thread_local std::mt19937_64 engine{std::random_device{}()};
-    return engine;
-}
-
-uint64_t random_session_id() {
-    return std::uniform_int_distribution<uint64_t>(1, wamp::max_id)(generator());
-}
-
-std::string random_nonce() {
-    static const char* digits = "0123456789abcdef";
-    std::string nonce;
-    for (int i = 0; i < 32; ++i) nonce += digits[generator()() % 16];
-    return nonce;
-}
-
-std::string json_escape(const std::string& text) {
-    std::string out;
-    for (char c : text) {
-        if (c == '"' || c == '\\') out += '\\';
-        if (static_cast<unsigned char>(c) < 0x20) continue;
-        out += c;
-    }
-    return out;
-}
 
 }  // namespace
 
@@ -147,8 +117,7 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
         peer->timer.async_wait([self = shared_from_this(), weak](error_code ec) {
             auto peer = weak.lock();
             if (ec || !peer) return;
-            if (peer->stage == Stage::transport || peer->stage == Stage::hello ||
-                peer->stage == Stage::challenged) {
+            if (peer->stage == Stage::transport || peer->stage == Stage::opening) {
                 self->log_warn("[transport server] opening timed out for {}", peer->info.peer);
                 self->end(peer, "opening timed out");
             }
@@ -176,7 +145,8 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
     void started(const std::shared_ptr<Peer>& peer,
                  std::shared_ptr<transport::detail::Channel> channel) {
         peer->channel = std::move(channel);
-        peer->stage = Stage::hello;
+        peer->stage = Stage::opening;
+        peer->wamp_opening.emplace(options.realm, options.credentials);
         peer->info.peer = peer->channel->peer();
         std::weak_ptr<Peer> weak = peer;
         transport::detail::Channel::Handlers handlers;
@@ -195,17 +165,12 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
         if (peer->channel) peer->channel->send(bytes.data, bytes.size);
     }
 
-    void abort_opening(const std::shared_ptr<Peer>& peer, const std::string& reason,
-                       const std::string& text) {
-        wamp::Message abort(wamp::ABORT);
-        abort.reason = reason;
-        std::vector<uint8_t> encoded;
-        msgpack::pack(encoded, text);
-        abort.details["message"] = msgpack::buffer(encoded);
-        send_to(peer, abort);
-        log_info("[transport server] {} refused: {} ({})", peer->info.peer, reason, text);
+    void refused(const std::shared_ptr<Peer>& peer) {
+        const wamp::RouterOpening& o = *peer->wamp_opening;
+        log_info("[transport server] {} refused: {} ({})", peer->info.peer, o.refusal_reason(),
+                 o.refusal_text());
         peer->stage = Stage::closing;
-        peer->channel->close(reason);
+        peer->channel->close(o.refusal_reason());
     }
 
     void received(const std::shared_ptr<Peer>& peer, const uint8_t* data, size_t size) {
@@ -215,18 +180,19 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
             parsed.emplace(wamp::parse_message(msgpack::buffer(data, size)));
         } catch (const std::exception& e) {
             log_warn("[transport server] bad message from {}: {}", peer->info.peer, e.what());
-            if (peer->stage == Stage::joined)
+            if (peer->stage == Stage::joined) {
                 end(peer, std::string("protocol error: ") + e.what());
-            else
-                abort_opening(peer, "wamp.error.protocol_violation", e.what());
+            } else if (peer->stage == Stage::opening) {
+                send_to(peer,
+                        peer->wamp_opening->refuse("wamp.error.protocol_violation", e.what()));
+                refused(peer);
+            }
             return;
         }
         const wamp::Message& message = *parsed;
         switch (peer->stage) {
-            case Stage::hello:
-                return hello(peer, message);
-            case Stage::challenged:
-                return authenticate(peer, message);
+            case Stage::opening:
+                return opening_message(peer, message);
             case Stage::joined:
                 return joined_message(peer, message);
             case Stage::closing:
@@ -238,135 +204,26 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
         }
     }
 
-    static std::string detail_text(const wamp::Message& m, const std::string& key) {
-        auto it = m.details.find(key);
-        if (it == m.details.end()) return {};
-        msgpack::ReadBuffer in(it->second);
-        std::string value;
-        msgpack::read(in, value);
-        return value;
-    }
-
-    static std::vector<std::string> detail_list(const wamp::Message& m, const std::string& key) {
-        auto it = m.details.find(key);
-        if (it == m.details.end()) return {};
-        msgpack::ReadBuffer in(it->second);
-        std::vector<std::string> value;
-        msgpack::read(in, value);
-        return value;
-    }
-
-    void hello(const std::shared_ptr<Peer>& peer, const wamp::Message& m) {
-        if (m.type != wamp::HELLO)
-            return abort_opening(peer, "wamp.error.protocol_violation",
-                                 std::string("expected HELLO, got ") + wamp::type_name(m.type));
-        if (m.realm != options.realm)
-            return abort_opening(peer, "wamp.error.no_such_realm", "no realm '" + m.realm + "'");
-        if (options.credentials.empty()) {
-            peer->info.authrole = "anonymous";
-            peer->info.authmethod = "anonymous";
-            return welcome(peer);
-        }
-        std::string authid;
-        std::vector<std::string> methods;
+    void opening_message(const std::shared_ptr<Peer>& peer, const wamp::Message& m) {
+        wamp::RouterOpening& o = *peer->wamp_opening;
         try {
-            authid = detail_text(m, "authid");
-            methods = detail_list(m, "authmethods");
+            for (const wamp::Message& reply : o.receive(m)) send_to(peer, reply);
         } catch (const std::exception& e) {
-            return abort_opening(peer, "wamp.error.protocol_violation",
-                                 std::string("bad HELLO details: ") + e.what());
+            // A credential no key can be derived from: the peer cannot join.
+            log_warn("[transport server] opening failed for {}: {}", peer->info.peer, e.what());
+            return end(peer, e.what());
         }
-        const Credential* credential = nullptr;
-        for (const auto& c : options.credentials)
-            if (c.authid == authid) credential = &c;
-        if (!credential)
-            return abort_opening(peer, "wamp.error.not_authorized",
-                                 "unknown authid '" + authid + "'");
-        peer->credential = credential;
-        peer->info.authid = authid;
-        peer->info.authrole = credential->authrole;
-        if (credential->ticket.empty() && credential->wampcra_secret.empty()) {
-            peer->info.authmethod = "anonymous";
-            return welcome(peer);
-        }
-        for (const auto& method : methods) {
-            if (method == "ticket" && !credential->ticket.empty()) {
-                peer->info.authmethod = method;
-                peer->expected_signature = credential->ticket;
-                wamp::Message challenge(wamp::CHALLENGE);
-                challenge.authmethod = method;
-                peer->stage = Stage::challenged;
-                return send_to(peer, challenge);
-            }
-            if (method == "wampcra" && !credential->wampcra_secret.empty())
-                return challenge_wampcra(peer, *credential);
-        }
-        abort_opening(peer, "wamp.error.no_auth_method",
-                      "no offered authentication method is accepted for '" + authid + "'");
+        if (o.stage() == wamp::RouterOpening::Stage::refused) return refused(peer);
+        if (o.stage() == wamp::RouterOpening::Stage::joined) joined_now(peer);
     }
 
-    void challenge_wampcra(const std::shared_ptr<Peer>& peer, const Credential& c) {
-        peer->info.authmethod = "wampcra";
-        peer->info.id = random_session_id();
-        const std::string text = "{\"authid\":\"" + json_escape(c.authid) + "\",\"authrole\":\"" +
-                                 json_escape(c.authrole) +
-                                 "\",\"authmethod\":\"wampcra\",\"authprovider\":\"static\","
-                                 "\"nonce\":\"" +
-                                 random_nonce() +
-                                 "\",\"session\":" + std::to_string(peer->info.id) + "}";
-        std::string key = c.wampcra_secret;
-        wamp::Message challenge(wamp::CHALLENGE);
-        challenge.authmethod = "wampcra";
-        auto put = [&challenge](const std::string& name, const auto& value) {
-            std::vector<uint8_t> encoded;
-            msgpack::pack(encoded, value);
-            challenge.details[name] = msgpack::buffer(encoded);
-        };
-        put("challenge", text);
-        if (!c.wampcra_salt.empty()) {
-            key = transport::wampcra_derive_key(c.wampcra_secret, c.wampcra_salt,
-                                                c.wampcra_iterations, c.wampcra_keylen);
-            put("salt", c.wampcra_salt);
-            put("iterations", c.wampcra_iterations);
-            put("keylen", c.wampcra_keylen);
-        }
-        peer->expected_signature = transport::wampcra_sign(key, text);
-        peer->stage = Stage::challenged;
-        send_to(peer, challenge);
-    }
-
-    void authenticate(const std::shared_ptr<Peer>& peer, const wamp::Message& m) {
-        if (m.type != wamp::AUTHENTICATE)
-            return abort_opening(
-                peer, "wamp.error.protocol_violation",
-                std::string("expected AUTHENTICATE, got ") + wamp::type_name(m.type));
-        if (!transport::equal_constant_time(m.signature, peer->expected_signature))
-            return abort_opening(
-                peer, "wamp.error.authentication_failed",
-                "wrong " + peer->info.authmethod + " secret for '" + peer->info.authid + "'");
-        welcome(peer);
-    }
-
-    void welcome(const std::shared_ptr<Peer>& peer) {
-        if (peer->info.id == 0) peer->info.id = random_session_id();
-        wamp::Message w(wamp::WELCOME);
-        w.session = wamp::Id(peer->info.id);
-        auto put = [&w](const std::string& name, const std::string& value) {
-            std::vector<uint8_t> encoded;
-            msgpack::pack(encoded, value);
-            w.details[name] = msgpack::buffer(encoded);
-        };
-        put("authid", peer->info.authid);
-        put("authrole", peer->info.authrole);
-        put("authmethod", peer->info.authmethod);
-        std::vector<uint8_t> roles;
-        msgpack::pack_map_header(roles, 2);
-        msgpack::pack(roles, "broker");
-        msgpack::pack_map_header(roles, 0);
-        msgpack::pack(roles, "dealer");
-        msgpack::pack_map_header(roles, 0);
-        w.details["roles"] = msgpack::buffer(roles);
-        send_to(peer, w);
+    void joined_now(const std::shared_ptr<Peer>& peer) {
+        const wamp::RouterOpening& o = *peer->wamp_opening;
+        peer->info.id = o.session();
+        peer->info.authid = o.authid();
+        peer->info.authrole = o.authrole();
+        peer->info.authmethod = o.authmethod();
+        peer->wamp_opening.reset();
         peer->stage = Stage::joined;
         peer->timer.cancel();
         {

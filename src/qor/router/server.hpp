@@ -8,28 +8,16 @@
 #include <vector>
 
 #include <qor/serialization/msgpack/buffer.hpp>
+#include <qor/wamp/opening.hpp>
 
 namespace spdlog {
 class logger;
 }
 
-namespace qor::wamp {
-struct Message;
-}
-
 namespace qor::router {
 
-/// What the server accepts from one authid. A credential with neither secret set lets that
-/// authid join without a challenge.
-struct Credential {
-    std::string authid;             ///< the HELLO authid this entry answers
-    std::string authrole = "user";  ///< announced in WELCOME
-    std::string ticket;             ///< accepted "ticket" secret; empty: ticket not offered
-    std::string wampcra_secret;     ///< "wampcra" secret; empty: wampcra not offered
-    std::string wampcra_salt;       ///< non-empty: the key is derived with PBKDF2-HMAC-SHA256
-    int wampcra_iterations = 1000;  ///< PBKDF2 iterations for a salted secret
-    int wampcra_keylen = 32;        ///< PBKDF2 key length in bytes for a salted secret
-};
+/// What the server accepts from one authid (see `wamp::Credential`).
+using Credential = wamp::Credential;
 
 /// Listening and session-opening settings of a `Server`.
 struct ServerOptions {

@@ -1,19 +1,14 @@
 #pragma once
 
-#include <string>
+// The challenge-response helpers live with the openings in qor::wamp; these names stay for
+// code written against the transport.
+#include <qor/wamp/auth.hpp>
 
-// WAMP challenge-response helpers shared by the client and the server side.
 namespace qor::transport {
 
-/// Standard base64 (with padding) of `bytes`.
-std::string base64_encode(const std::string& bytes);
-/// The wampcra key for a salted secret: base64 of PBKDF2-HMAC-SHA256(secret, salt, iterations,
-/// keylen).
-std::string wampcra_derive_key(const std::string& secret, const std::string& salt, int iterations,
-                               int keylen);
-/// The wampcra signature: base64 of HMAC-SHA256 keyed with `key` over `challenge`.
-std::string wampcra_sign(const std::string& key, const std::string& challenge);
-/// Compares two texts in time that does not depend on where they differ.
-bool equal_constant_time(const std::string& a, const std::string& b);
+using wamp::base64_encode;
+using wamp::equal_constant_time;
+using wamp::wampcra_derive_key;
+using wamp::wampcra_sign;
 
 }  // namespace qor::transport

@@ -11,11 +11,11 @@
 #include <boost/asio/ssl/context.hpp>
 
 #include <qor/serialization/msgpack.hpp>
-#include <qor/transport/auth.hpp>
 #include <qor/transport/detail/channel.hpp>
 #include <qor/transport/url.hpp>
 #include <qor/version.hpp>
 #include <qor/wamp/message.hpp>
+#include <qor/wamp/opening.hpp>
 #include <qor/wamp/receive.hpp>
 
 namespace qor::transport {
@@ -29,35 +29,6 @@ namespace {
 
 // Where the session stands: the transport opening, then the WAMP opening, then use.
 enum class Stage { down, transport, hello, established, goodbye, closed };
-
-std::vector<uint8_t> packed(const std::string& text) {
-    std::vector<uint8_t> out;
-    msgpack::pack(out, text);
-    return out;
-}
-
-std::string detail_text(const wamp::Message& m, const std::string& key) {
-    auto it = m.details.find(key);
-    if (it == m.details.end()) return {};
-    msgpack::ReadBuffer in(it->second);
-    std::string value;
-    msgpack::read(in, value);
-    return value;
-}
-
-long long detail_integer(const wamp::Message& m, const std::string& key, long long fallback) {
-    auto it = m.details.find(key);
-    if (it == m.details.end()) return fallback;
-    msgpack::ReadBuffer in(it->second);
-    long long value = 0;
-    msgpack::read(in, value);
-    return value;
-}
-
-bool is_auth_refusal(const std::string& reason) {
-    return reason == "wamp.error.authentication_failed" || reason == "wamp.error.not_authorized" ||
-           reason == "wamp.error.no_auth_method" || reason == "wamp.error.authorization_failed";
-}
 
 }  // namespace
 
@@ -78,6 +49,7 @@ struct Endpoint::Impl {
     std::optional<std::string> lost;  // set by the channel, acted on by the pump
 
     Stage stage = Stage::down;
+    std::optional<wamp::ClientOpening> wamp_opening;  // while stage is hello
     LinkState link = LinkState::disconnected;
     uint64_t session = 0;
     std::string last_error;
@@ -203,27 +175,14 @@ struct Endpoint::Impl {
         };
         channel->start(std::move(handlers));
         stage = Stage::hello;
-        send(hello());
-    }
-
-    wamp::Message hello() const {
-        wamp::Message m(wamp::HELLO);
-        m.realm = options.realm;
-        m.details["agent"] = msgpack::buffer(packed(std::string("qor_sdk_cpp")));
-        std::vector<uint8_t> roles;
-        msgpack::pack_map_header(roles, 2);
-        msgpack::pack(roles, "caller");
-        msgpack::pack_map_header(roles, 0);
-        msgpack::pack(roles, "subscriber");
-        msgpack::pack_map_header(roles, 0);
-        m.details["roles"] = msgpack::buffer(roles);
-        if (!options.authid.empty()) m.details["authid"] = msgpack::buffer(packed(options.authid));
-        if (!options.authmethods.empty()) {
-            std::vector<uint8_t> methods;
-            msgpack::pack(methods, options.authmethods);
-            m.details["authmethods"] = msgpack::buffer(methods);
-        }
-        return m;
+        wamp::ClientCredentials credentials;
+        credentials.realm = options.realm;
+        credentials.authid = options.authid;
+        credentials.authmethods = options.authmethods;
+        credentials.ticket = options.ticket;
+        credentials.secret = options.secret;
+        wamp_opening.emplace(std::move(credentials));
+        send(wamp_opening->hello());
     }
 
     void fail_opening(const std::string& cause) {
@@ -244,47 +203,23 @@ struct Endpoint::Impl {
         opening_failed = true;
     }
 
-    void answer_challenge(const wamp::Message& m) {
-        wamp::Message reply(wamp::AUTHENTICATE);
-        if (m.authmethod == "ticket" && !options.ticket.empty()) {
-            reply.signature = options.ticket;
-        } else if (m.authmethod == "wampcra" && !options.secret.empty()) {
-            const std::string challenge = detail_text(m, "challenge");
-            std::string key = options.secret;
-            const std::string salt = detail_text(m, "salt");
-            if (!salt.empty())
-                key = wampcra_derive_key(options.secret, salt,
-                                         int(detail_integer(m, "iterations", 1000)),
-                                         int(detail_integer(m, "keylen", 32)));
-            reply.signature = wampcra_sign(key, challenge);
-        } else {
-            wamp::Message abort(wamp::ABORT);
-            abort.reason = "wamp.error.no_auth_method";
-            send(abort);
-            auth_refused = true;
-            return fail_opening("authentication method '" + m.authmethod +
-                                "' requested without a secret for it");
-        }
-        send(reply);
-    }
-
     // One message received while the session opens.
     void opening_message(const wamp::Message& m) {
-        if (m.type == wamp::WELCOME) {
-            session = m.session.value();
-            stage = Stage::established;
-            last_heard = Clock::now();
-            awaiting_pong = false;
-            return;
+        for (const wamp::Message& reply : wamp_opening->receive(m)) send(reply);
+        switch (wamp_opening->stage()) {
+            case wamp::ClientOpening::Stage::established:
+                session = wamp_opening->session();
+                stage = Stage::established;
+                last_heard = Clock::now();
+                awaiting_pong = false;
+                break;
+            case wamp::ClientOpening::Stage::failed:
+                auth_refused = wamp_opening->auth_refused();
+                fail_opening(wamp_opening->failure());
+                break;
+            default:
+                break;
         }
-        if (m.type == wamp::CHALLENGE) return answer_challenge(m);
-        if (m.type == wamp::ABORT) {
-            const std::string text = detail_text(m, "message");
-            auth_refused = is_auth_refusal(m.reason);
-            return fail_opening("session refused: " + m.reason +
-                                (text.empty() ? "" : " (" + text + ")"));
-        }
-        fail_opening(std::string("protocol error: ") + wamp::type_name(m.type) + " before WELCOME");
     }
 
     // Parses and handles the messages received so far; returns how many.

@@ -1,4 +1,4 @@
-#include <qor/transport/auth.hpp>
+#include <qor/wamp/auth.hpp>
 
 #include <stdexcept>
 #include <vector>
@@ -7,7 +7,7 @@
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 
-namespace qor::transport {
+namespace qor::wamp {
 
 std::string base64_encode(const std::string& bytes) {
     std::string out(4 * ((bytes.size() + 2) / 3) + 1, '\0');
@@ -45,4 +45,4 @@ bool equal_constant_time(const std::string& a, const std::string& b) {
     return a.size() == b.size() && CRYPTO_memcmp(a.data(), b.data(), a.size()) == 0;
 }
 
-}  // namespace qor::transport
+}  // namespace qor::wamp
