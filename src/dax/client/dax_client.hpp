@@ -167,7 +167,7 @@ class DaxClient {
 #define DAX_OPERATION_4(NAME, T, A1, A2, A3, A4)                    \
     T NAME(const A1& a1, const A2& a2, const A3& a3, const A4& a4); \
     void NAME(const A1& a1, const A2& a2, const A3& a3, const A4& a4, const Callback<T>& callback);
-#include <dax/client/operations.def>
+#include <dax/types/operations.def>
 #undef DAX_OPERATION_0
 #undef DAX_OPERATION_1
 #undef DAX_OPERATION_2

@@ -100,7 +100,7 @@ T DaxClient::wait_for(const char* name, const Send& send) {
                          const Callback<T>& callback) {                                          \
         call<T>(#NAME, callback, a1, a2, a3, a4);                                                \
     }
-#include <dax/client/operations.def>
+#include <dax/types/operations.def>
 #undef DAX_OPERATION_0
 #undef DAX_OPERATION_1
 #undef DAX_OPERATION_2

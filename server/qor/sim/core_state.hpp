@@ -1,0 +1,113 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <dax/types.hpp>
+#include <qor/serialization/msgpack.hpp>
+#include <qor/sim/core.hpp>
+#include <qor/sim/meshes.hpp>
+#include <qor/sim/scene.hpp>
+#include <qor/sim/store.hpp>
+#include <qor/sim/world.hpp>
+
+namespace qor::sim {
+
+/// States of the server's clock, as the operations report them.
+enum SimState { kStopped = 0, kRunning = 1, kPaused = 2 };
+
+/// What a SimulationCore holds, and the members that read or change it. Every member below
+/// `mutex` is guarded by it; the handlers (op_NAME) run with it held.
+struct SimulationCore::Impl {
+    using Handler =
+        std::function<std::vector<uint8_t>(serialization::msgpack::ReadBuffer&, uint64_t)>;
+    using Clock = std::chrono::steady_clock;
+
+    CoreOptions options;
+    std::shared_ptr<spdlog::logger> log;
+    Store store;
+    std::map<std::string, Handler> table;  // by full procedure URI, filled once at start
+
+    mutable std::mutex mutex;  // guards everything below
+    std::condition_variable wake;
+    std::vector<Component> scene;  // as last sent or loaded, by ascending id
+    std::unique_ptr<PhysicsWorld> world = std::make_unique<PhysicsWorld>();
+    MeshStore meshes;
+    Settings settings;
+    std::deque<std::string> errors;
+    int state = kStopped;
+    bool scheduling = true;
+    int locks = 0;
+    bool verbose = false;
+    int compression = 0;
+    double server_period_ms;
+    double publish_period_ms;
+    int64_t steps = 0;
+    double sim_time = 0;
+    double last_step_ms = 0;
+    std::map<int64_t, std::vector<uint8_t>> last_published;
+    Publisher publisher;
+    bool publishing = false;  // the clock thread is inside the publisher, lock released
+    std::condition_variable published;
+    bool quit = false;
+    bool stopping = false;
+    std::condition_variable quit_cv;
+    std::thread clock;
+
+    explicit Impl(CoreOptions opts);
+    ~Impl();
+
+    // ---- the operation table (core.cpp) ---------------------------------------------------
+
+    void register_operations();
+    template <class R, class... A>
+    void add(const char* name, R (Impl::*fn)(const A&...));
+    CallResult call(const std::string& procedure, const uint8_t* args, uint64_t size,
+                    uint64_t count);
+    // Logs a failure and keeps it for GET_LAST_ERRORS.
+    void remember(const std::string& text);
+
+    // ---- the scene and the world (core.cpp) -----------------------------------------------
+
+    std::unique_ptr<PhysicsWorld> build_world(const std::vector<Component>& components,
+                                              const MeshStore& mesh_store) const;
+    void install(std::vector<Component> components);
+    void install_saved(SavedScene saved);
+    std::vector<Component> current_scene() const;
+    std::vector<Component> current_scene_without(const std::vector<int64_t>& ids) const;
+    std::map<int64_t, Mesh> meshes_used_by(const std::vector<Component>& components) const;
+    void apply_gravity_property();
+    void autosave();
+    dax::types::integration_result_t advance(bool every);
+    dax::types::integration_result_t result(bool every);
+
+    // ---- the server clock (core.cpp) ------------------------------------------------------
+
+    void run_clock();
+
+    // ---- the operations (operations.cpp), one per line of the shared catalogue -----------
+
+#define DAX_OPERATION_0(NAME, T) T op_##NAME();
+#define DAX_OPERATION_1(NAME, T, A1) T op_##NAME(const A1&);
+#define DAX_OPERATION_2(NAME, T, A1, A2) T op_##NAME(const A1&, const A2&);
+#define DAX_OPERATION_3(NAME, T, A1, A2, A3) T op_##NAME(const A1&, const A2&, const A3&);
+#define DAX_OPERATION_4(NAME, T, A1, A2, A3, A4) \
+    T op_##NAME(const A1&, const A2&, const A3&, const A4&);
+#include <dax/types/operations.def>
+#undef DAX_OPERATION_0
+#undef DAX_OPERATION_1
+#undef DAX_OPERATION_2
+#undef DAX_OPERATION_3
+#undef DAX_OPERATION_4
+};
+
+}  // namespace qor::sim
