@@ -219,12 +219,7 @@ int run(const Args& args) {
         options.ticket = args.ticket;
     }
     // This server relays the device streams itself.
-    options.served_topics = {"art_frame", "moticon_frame", "optitrack_frame", "xsens_frame"};
-    for (int i = 0; i < 10; ++i) {
-        if (i < 5) options.served_topics.push_back("kinect_frame_" + std::to_string(i));
-        options.served_topics.push_back("leap_frame_" + std::to_string(i));
-        options.served_topics.push_back("openvr_frame_" + std::to_string(i));
-    }
+    options.served_topics = dax::types::device_topics();
     std::printf("Connecting to %s\n", url.c_str());
     qor::transport::connect(peer, url, options);
 

@@ -36,7 +36,7 @@ class DevicesTest : public ::testing::Test {
     std::unique_ptr<dax::client::DaxClient> client;
 
     void SetUp() override {
-        for (const std::string& topic : device_topics_in_subscription_order()) {
+        for (const std::string& topic : types::device_topics()) {
             net.peer.topic_endpoints[topic] = &net.endpoint;
         }
         client = std::make_unique<dax::client::DaxClient>(&net.peer);
@@ -65,6 +65,8 @@ TEST_F(DevicesTest, ConstructionSubscribesEveryTopicOnceInFamilyOrder) {
         if (m.type == qor::wamp::SUBSCRIBE) subscribed.push_back(m.topic);
     }
     EXPECT_EQ(subscribed, device_topics_in_subscription_order());
+    // What a user passes to ConnectOptions::served_topics is the same list.
+    EXPECT_EQ(types::device_topics(), subscribed);
     EXPECT_EQ(client->leap.device_frames.size(), 10u);
     EXPECT_EQ(client->kinect.device_available.size(), 5u);
     EXPECT_EQ(client->openvr.device_frames.size(), 10u);

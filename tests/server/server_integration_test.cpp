@@ -385,8 +385,7 @@ TEST(ServerProcess, DeviceFramesReachTheClient) {
     TempFolder data;
     auto server = start_server(data, {"--devices", "50"});
     App app(server->rawsocket_url());
-    for (const char* t : {"art_frame", "kinect_frame_0", "leap_frame_0", "moticon_frame",
-                          "openvr_frame_0", "optitrack_frame", "xsens_frame"})
+    for (const std::string& t : dax::types::device_topics())
         app.peer.serve_topic(t, app.peer.server_endpoint);
     DaxClient& c = *app.client;
     ASSERT_TRUE(app.pump_until([&] {

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cmath>
 
+#include <dax/types/device_topics.hpp>
 #include <dax/types/devices.hpp>
 
 namespace qor::sim {
@@ -129,7 +130,7 @@ std::vector<DeviceFrame> make_device_frames(double t, int frame_number) {
                                {{0.03f, 0.02f}},
                                {{float(0.3 * (1 + walker.swing))}}});
     art.list_d.push_back(std::move(glove));
-    out.push_back(encoded("art_frame", art));
+    out.push_back(encoded(dt::kArtTopics.topic(), art));
 
     dt::kinect_frame_t kinect;
     kinect.i1 = frame_number;
@@ -139,13 +140,13 @@ std::vector<DeviceFrame> make_device_frames(double t, int frame_number) {
         person.joints.push_back(
             {int(j), 2, walker.at(segments[j][0], segments[j][1], segments[j][2]), 2});
     kinect.bodies.push_back(std::move(person));
-    out.push_back(encoded("kinect_frame_0", kinect));
+    out.push_back(encoded(dt::kKinectTopics.topic(0), kinect));
 
     dt::leap_frame_t leap;
     leap.i1 = frame_number;
     leap.hands.push_back(hand(t, 1, true));
     leap.hands.push_back(hand(t, 2, false));
-    out.push_back(encoded("leap_frame_0", leap));
+    out.push_back(encoded(dt::kLeapTopics.topic(0), leap));
 
     // Pressure moves from heel to toe while a foot is down and drops while it swings.
     dt::moticon_frame_t moticon;
@@ -159,7 +160,7 @@ std::vector<DeviceFrame> make_device_frames(double t, int frame_number) {
     };
     moticon.left = side(phase);
     moticon.right = side(std::fmod(phase + 0.5, 1.0));
-    out.push_back(encoded("moticon_frame", moticon));
+    out.push_back(encoded(dt::kMoticonTopics.topic(), moticon));
 
     dt::openvr_frame_t vr;
     const double c = std::cos(t), s = std::sin(t);
@@ -169,7 +170,7 @@ std::vector<DeviceFrame> make_device_frames(double t, int frame_number) {
     vr.ints_a = {{0, 1, 2}};
     vr.ints_b = {{1, 2, 2}};
     vr.devices = {vr.device_a, vr.device_b, vr.device_c};
-    out.push_back(encoded("openvr_frame_0", vr));
+    out.push_back(encoded(dt::kOpenvrTopics.topic(0), vr));
 
     dt::optitrack_frame_t opti;
     opti.i1 = frame_number;
@@ -177,7 +178,7 @@ std::vector<DeviceFrame> make_device_frames(double t, int frame_number) {
     opti.bodies.push_back({1, 0.001f, walker.at(0, 0, 1.7)});
     opti.bodies.push_back({2, 0.001f, walker.at(0, 0, 1.0)});
     opti.bodies.push_back({3, 0.001f, pose(0, 0, 0.75)});  // a table that stays put
-    out.push_back(encoded("optitrack_frame", opti));
+    out.push_back(encoded(dt::kOptitrackTopics.topic(), opti));
 
     dt::xsens_frame_t xsens;
     for (size_t i = 0; i < segments.size(); ++i) {
@@ -189,7 +190,7 @@ std::vector<DeviceFrame> make_device_frames(double t, int frame_number) {
                                   {float(-1.2 * std::sin(walker.heading)),
                                    float(1.2 * std::cos(walker.heading)), 0.0f}});
     }
-    out.push_back(encoded("xsens_frame", xsens));
+    out.push_back(encoded(dt::kXsensTopics.topic(), xsens));
     return out;
 }
 

@@ -18,9 +18,8 @@ struct DeviceFrame {
 
 /// One frame of each simulated device family at time `t` seconds: a person walking in a
 /// circle seen by ART, Kinect, OptiTrack and Xsens, two moving hands (Leap), insole pressure
-/// following the gait (Moticon) and a headset with two controllers (OpenVR). Topics are
-/// "art_frame", "kinect_frame_0", "leap_frame_0", "moticon_frame", "openvr_frame_0",
-/// "optitrack_frame" and "xsens_frame".
+/// following the gait (Moticon) and a headset with two controllers (OpenVR), each on the
+/// family's single topic or its stream 0 (see <dax/types/device_topics.hpp>).
 std::vector<DeviceFrame> make_device_frames(double t, int frame_number);
 
 /// Publishes `make_device_frames` at a fixed rate on its own thread until stopped.

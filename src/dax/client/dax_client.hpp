@@ -184,13 +184,14 @@ class DaxClient {
     int scene_state_version = -1;  ///< incremented by every update_scene_state
     int timeout_ms = 1000;         ///< time-out of blocking operations
 
-    DeviceStore<dax::types::art_frame_t> art;              ///< "art_frame"
-    DeviceStores<dax::types::leap_frame_t> leap;           ///< "leap_frame_0" … "leap_frame_9"
-    DeviceStore<dax::types::optitrack_frame_t> optitrack;  ///< "optitrack_frame"
-    DeviceStore<dax::types::xsens_frame_t> xsens;          ///< "xsens_frame"
-    DeviceStores<dax::types::kinect_frame_t> kinect;   ///< "kinect_frame_0" … "kinect_frame_4"
-    DeviceStores<dax::types::openvr_frame_t> openvr;   ///< "openvr_frame_0" … "openvr_frame_9"
-    DeviceStore<dax::types::moticon_frame_t> moticon;  ///< "moticon_frame"
+    // The last frame of each device stream; topics in <dax/types/device_topics.hpp>.
+    DeviceStore<dax::types::art_frame_t> art;              ///< kArtTopics
+    DeviceStores<dax::types::leap_frame_t> leap;           ///< kLeapTopics, by stream id
+    DeviceStore<dax::types::optitrack_frame_t> optitrack;  ///< kOptitrackTopics
+    DeviceStore<dax::types::xsens_frame_t> xsens;          ///< kXsensTopics
+    DeviceStores<dax::types::kinect_frame_t> kinect;       ///< kKinectTopics, by stream id
+    DeviceStores<dax::types::openvr_frame_t> openvr;       ///< kOpenvrTopics, by stream id
+    DeviceStore<dax::types::moticon_frame_t> moticon;      ///< kMoticonTopics
 
   private:
     // Construction after the fields: prints, loads plug-ins, subscribes the device topics.
@@ -213,7 +214,8 @@ class DaxClient {
     template <class Frame>
     void bind_stream(DeviceStore<Frame>& store, const std::string& topic);
     template <class Frame>
-    void bind_streams(DeviceStores<Frame>& stores, const std::string& prefix, int count);
+    void bind_streams(DeviceStores<Frame>& stores, const dax::types::DeviceTopics& topics,
+                      int count);
 };
 
 }  // namespace dax::client

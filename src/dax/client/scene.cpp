@@ -1,0 +1,109 @@
+// Scene synchronisation: the scene record sent to and read from the server, and the
+// per-step state updates applied to the components.
+#include <dax/client/dax_client.hpp>
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include <qor/qor_client.hpp>
+#include <qor/serialization/msgpack/pack.hpp>
+#include <qor/serialization/msgpack/read.hpp>
+#include <qor/wamp/connection.hpp>
+
+namespace dax::client {
+
+namespace msgpack = qor::serialization::msgpack;
+
+void DaxClient::send_scene_to_server() {
+    std::vector<uint8_t> out;
+    msgpack::pack_array_header(out, components.size());
+    for (const auto& [id, component] : components) {
+        msgpack::pack_array_header(out, 4);
+        msgpack::pack(out, component->getType());
+        msgpack::pack(out, static_cast<long long>(id));
+        msgpack::pack(out, component->getClientId());
+        component->serialize(out);
+    }
+    SEND_SCENE(msgpack::buffer(out), [](qor::wamp::RpcResult<int>) {});
+}
+
+void DaxClient::get_server_scene() {
+    Clear();
+    GET_SERVER_SCENE([this](qor::wamp::RpcResult<msgpack::buffer> result) {
+        if (result.isError) return;
+        deserialize_components(result.value, true);
+        for (auto& [id, component] : components) component->onSceneLoaded();
+    });
+}
+
+void DaxClient::update_scene_from_server() {
+    GET_SERVER_SCENE([this](qor::wamp::RpcResult<msgpack::buffer> result) {
+        if (result.isError) return;
+        deserialize_components(result.value, false);
+    });
+}
+
+namespace {
+
+[[noreturn]] void throw_missing(int64_t id) {
+    throw std::runtime_error("update_scene_state: component not found id=" + std::to_string(id));
+}
+
+}  // namespace
+
+void DaxClient::deserialize_components(const msgpack::buffer& data, bool create) {
+    msgpack::ReadBuffer in(data);
+    const uint64_t count = msgpack::read_array_header(in);
+    for (uint64_t i = 0; i < count; ++i) {
+        msgpack::read_array_header(in);  // four by contract; each component reads its own value
+        std::string type;
+        msgpack::read(in, type);
+        long long id = 0;
+        msgpack::read(in, id);
+        int client_id = 0;
+        msgpack::read(in, client_id);
+        IClientComponent* component = nullptr;
+        if (create) {
+            component = Create(type, id, client_id);
+        } else {
+            component = getComponent(id);
+            if (component == nullptr) throw_missing(id);
+        }
+        component->deserialize(in);
+    }
+}
+
+void DaxClient::update_scene_state(const dax::types::integration_result_t& result) {
+    ++scene_state_version;
+    msgpack::ReadBuffer in(result.states);
+    const uint64_t count = msgpack::read_map_header(in);
+    for (uint64_t i = 0; i < count; ++i) {
+        long long id = 0;
+        msgpack::read(in, id);
+        IClientComponent* component = getComponent(id);
+        if (component == nullptr) throw_missing(id);
+        component->update_state(in);
+    }
+}
+
+void DaxClient::sync_step() {
+    // Shared with the pending call: if the wait is left by an exception, a late result must
+    // not write into a flag that no longer exists.
+    auto done = std::make_shared<bool>(false);
+    STEP_SIMULATION([this, done](qor::wamp::RpcResult<dax::types::integration_result_t> result) {
+        if (result.isError) return;  // an error does not end the wait; the next step may
+        update_scene_state(result.value);
+        *done = true;
+    });
+    while (!*done) {
+        peer->update_first();
+        peer->update_second();
+        // Nothing can answer once the transport lost the server: leave instead of spinning.
+        if (!*done && !peer->server_connected) {
+            throw std::runtime_error(qor::wamp::CONNECTION_LOST);
+        }
+    }
+}
+
+}  // namespace dax::client
