@@ -12,28 +12,6 @@ namespace mp = serialization::msgpack;
 
 namespace {
 
-void expect_array(mp::ReadBuffer& in, uint64_t count, const char* what) {
-    const uint64_t n = mp::read_array_header(in);
-    if (n != count)
-        throw std::runtime_error(fmt::format("{} must be an array of {}, got {}", what, count, n));
-}
-
-Vec3 read_vec3(mp::ReadBuffer& in, const char* what) {
-    expect_array(in, 3, what);
-    Vec3 v;
-    v.x = mp::read_number(in);
-    v.y = mp::read_number(in);
-    v.z = mp::read_number(in);
-    return v;
-}
-
-void pack_vec3(std::vector<uint8_t>& out, const Vec3& v) {
-    mp::pack_array_header(out, 3);
-    mp::pack(out, v.x);
-    mp::pack(out, v.y);
-    mp::pack(out, v.z);
-}
-
 bool finite(const Vec3& v) {
     return std::isfinite(v.x) && std::isfinite(v.y) && std::isfinite(v.z);
 }
@@ -112,53 +90,22 @@ std::vector<uint8_t> encode_scene(const std::vector<Component>& components) {
 }
 
 void encode(std::vector<uint8_t>& out, const GroundData& value) {
-    mp::pack_array_header(out, 4);
-    pack_vec3(out, value.normal);
-    mp::pack(out, value.offset);
-    mp::pack(out, value.friction);
-    mp::pack(out, value.restitution);
+    rigid_body::write(out, value);
 }
 
 void encode(std::vector<uint8_t>& out, const BodyData& value) {
-    mp::pack_array_header(out, 9);
-    mp::pack(out, shape_name(value.shape));
-    pack_vec3(out, value.size);
-    mp::pack(out, static_cast<long long>(value.mesh_id));
-    mp::pack(out, value.mass);
-    mp::pack_array_header(out, 7);
-    mp::pack(out, value.pose.position.x);
-    mp::pack(out, value.pose.position.y);
-    mp::pack(out, value.pose.position.z);
-    mp::pack(out, value.pose.qw);
-    mp::pack(out, value.pose.qx);
-    mp::pack(out, value.pose.qy);
-    mp::pack(out, value.pose.qz);
-    pack_vec3(out, value.linear);
-    pack_vec3(out, value.angular);
-    mp::pack(out, value.friction);
-    mp::pack(out, value.restitution);
+    rigid_body::write(out, rigid_body::BodyData{shape_name(value.shape), value.size, value.mesh_id,
+                                                value.mass, value.pose, value.linear, value.angular,
+                                                value.friction, value.restitution});
 }
 
 void encode(std::vector<uint8_t>& out, const BodyState& value) {
-    mp::pack_array_header(out, 4);
-    pack_vec3(out, value.pose.position);
-    mp::pack_array_header(out, 4);
-    mp::pack(out, value.pose.qw);
-    mp::pack(out, value.pose.qx);
-    mp::pack(out, value.pose.qy);
-    mp::pack(out, value.pose.qz);
-    pack_vec3(out, value.linear);
-    pack_vec3(out, value.angular);
+    rigid_body::write(out, value);
 }
 
 GroundData decode_ground(const std::vector<uint8_t>& data) {
     mp::ReadBuffer in(data.data(), data.size());
-    expect_array(in, 4, "Ground data");
-    GroundData g;
-    g.normal = read_vec3(in, "Ground normal");
-    g.offset = mp::read_number(in);
-    g.friction = mp::read_number(in);
-    g.restitution = mp::read_number(in);
+    GroundData g = rigid_body::read_ground(in);
     check_consumed(in, "Ground data");
     check_finite(finite(g.normal) && std::isfinite(g.offset) && std::isfinite(g.friction) &&
                      std::isfinite(g.restitution),
@@ -172,28 +119,16 @@ GroundData decode_ground(const std::vector<uint8_t>& data) {
 
 BodyData decode_body(const std::vector<uint8_t>& data) {
     mp::ReadBuffer in(data.data(), data.size());
-    expect_array(in, 9, "Body data");
-    BodyData b;
-    std::string shape;
-    mp::read(in, shape);
-    b.shape = parse_shape(shape);
-    b.size = read_vec3(in, "Body size");
-    long long mesh = 0;
-    mp::read(in, mesh);
-    b.mesh_id = mesh;
-    b.mass = mp::read_number(in);
-    expect_array(in, 7, "Body pose");
-    b.pose.position.x = mp::read_number(in);
-    b.pose.position.y = mp::read_number(in);
-    b.pose.position.z = mp::read_number(in);
-    b.pose.qw = mp::read_number(in);
-    b.pose.qx = mp::read_number(in);
-    b.pose.qy = mp::read_number(in);
-    b.pose.qz = mp::read_number(in);
-    b.linear = read_vec3(in, "Body linear velocity");
-    b.angular = read_vec3(in, "Body angular velocity");
-    b.friction = mp::read_number(in);
-    b.restitution = mp::read_number(in);
+    rigid_body::BodyData wire = rigid_body::read_body(in);
+    BodyData b{parse_shape(wire.shape),
+               wire.size,
+               wire.mesh_id,
+               wire.mass,
+               wire.pose,
+               wire.linear,
+               wire.angular,
+               wire.friction,
+               wire.restitution};
     check_consumed(in, "Body data");
 
     check_finite(finite(b.size) && finite(b.pose.position) && finite(b.linear) &&
@@ -217,20 +152,6 @@ BodyData decode_body(const std::vector<uint8_t>& data) {
     b.pose.qy /= qn;
     b.pose.qz /= qn;
     return b;
-}
-
-BodyState read_state(mp::ReadBuffer& in) {
-    expect_array(in, 4, "Body state");
-    BodyState s;
-    s.pose.position = read_vec3(in, "Body state position");
-    expect_array(in, 4, "Body state rotation");
-    s.pose.qw = mp::read_number(in);
-    s.pose.qx = mp::read_number(in);
-    s.pose.qy = mp::read_number(in);
-    s.pose.qz = mp::read_number(in);
-    s.linear = read_vec3(in, "Body state linear velocity");
-    s.angular = read_vec3(in, "Body state angular velocity");
-    return s;
 }
 
 }  // namespace qor::sim

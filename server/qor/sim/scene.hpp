@@ -5,29 +5,20 @@
 #include <vector>
 
 #include <qor/serialization/msgpack.hpp>
+#include <rigid_body/layout.hpp>
 
 namespace qor::sim {
 
 // The component types this server simulates and the MessagePack layout of their data and
-// per-step state. Client plug-ins write and read exactly these layouts, so they are a wire
-// contract: every number is a float 64, every group a fixed-length array. The world is
-// z-up, lengths in metres, masses in kilograms, angles in radians.
+// per-step state: those of the sample plug-in's <rigid_body/layout.hpp>, which client
+// plug-ins write and read, so they are a wire contract. The server reads them strictly.
 
-/// Type name of the static ground plane.
-inline constexpr const char* kGroundType = "Ground";
-/// Type name of a rigid body (box, sphere, capsule or triangle mesh).
-inline constexpr const char* kBodyType = "Body";
-
-/// A 3-vector.
-struct Vec3 {
-    double x = 0, y = 0, z = 0;
-};
-
-/// Position and rotation (unit quaternion, scalar first).
-struct Pose {
-    Vec3 position;
-    double qw = 1, qx = 0, qy = 0, qz = 0;
-};
+using rigid_body::kBodyType;
+using rigid_body::kGroundType;
+using Vec3 = rigid_body::Vec3;
+using Pose = rigid_body::Pose;
+using GroundData = rigid_body::GroundData;
+using BodyState = rigid_body::BodyState;
 
 /// Collision shapes of a `Body`.
 enum class Shape { box, sphere, capsule, mesh };
@@ -35,18 +26,9 @@ enum class Shape { box, sphere, capsule, mesh };
 /// "box", "sphere", "capsule" or "mesh".
 const char* shape_name(Shape shape);
 
-/// Data of a `Ground`: [[nx, ny, nz], offset, friction, restitution].
-struct GroundData {
-    Vec3 normal{0, 0, 1};
-    double offset = 0;
-    double friction = 0.8;
-    double restitution = 0.2;
-};
-
-/// Data of a `Body`: [shape, [sx, sy, sz], mesh id, mass, [x, y, z, qw, qx, qy, qz],
-/// [vx, vy, vz], [wx, wy, wz], friction, restitution]. `size` holds the half extents of a
-/// box, the radius of a sphere (x), the radius and cylinder height of a capsule (x, y, along
-/// z), and the scale of a mesh. Mass 0 makes the body static.
+/// Data of a `Body` (rigid_body::BodyData) with its shape understood. `size` holds the half
+/// extents of a box, the radius of a sphere (x), the radius and cylinder height of a capsule
+/// (x, y, along z), and the scale of a mesh. Mass 0 makes the body static.
 struct BodyData {
     Shape shape = Shape::box;
     Vec3 size{0.5, 0.5, 0.5};
@@ -57,13 +39,6 @@ struct BodyData {
     Vec3 angular;
     double friction = 0.6;
     double restitution = 0.1;
-};
-
-/// Per-step state of a `Body`: [[x, y, z], [qw, qx, qy, qz], [vx, vy, vz], [wx, wy, wz]].
-struct BodyState {
-    Pose pose;
-    Vec3 linear;
-    Vec3 angular;
 };
 
 /// One element of a scene record: type, id, client id and the encoded data value.
@@ -87,6 +62,6 @@ GroundData decode_ground(const std::vector<uint8_t>& data);
 /// Reads a body's data; throws on an unknown shape, a negative mass or a bad size.
 BodyData decode_body(const std::vector<uint8_t>& data);
 /// Reads one body state from the cursor.
-BodyState read_state(serialization::msgpack::ReadBuffer& in);
+using rigid_body::read_state;
 
 }  // namespace qor::sim
