@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include <dax/client/client_component.hpp>
-#include <dax/client/module_factory.hpp>
+#include <dax/client/components/client_component.hpp>
+#include <dax/client/components/module_factory.hpp>
 #include <dax/types.hpp>
 #include <qor/serialization/msgpack/buffer.hpp>
 #include <qor/wamp/rpc.hpp>

@@ -3,8 +3,8 @@
 // What a plug-in library includes: the interfaces it implements and the export macro
 // (DAX_PLUGIN_EXPORT("name", ModuleClass) with ModuleClass deriving from PluginModule).
 
-#include <dax/client/client_component.hpp>
-#include <dax/client/module_factory.hpp>
+#include <dax/client/components/client_component.hpp>
+#include <dax/client/components/module_factory.hpp>
 #include <dax/plugins/export.hpp>
 #include <dax/plugins/plugin_module.hpp>
 

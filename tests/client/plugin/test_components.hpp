@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include <dax/client/client_component.hpp>
+#include <dax/client/components/client_component.hpp>
 #include <qor/serialization/msgpack/pack.hpp>
 #include <qor/serialization/msgpack/read.hpp>
 

@@ -1,5 +1,5 @@
-#include <dax/client/client_component.hpp>
-#include <dax/client/module_factory.hpp>
+#include <dax/client/components/client_component.hpp>
+#include <dax/client/components/module_factory.hpp>
 
 namespace dax::client {
 

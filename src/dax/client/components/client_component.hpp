@@ -7,6 +7,8 @@
 #include <dax/types/component.hpp>
 #include <qor/serialization/msgpack/read.hpp>
 
+// In dax::client rather than dax::client::components: plug-ins are written against the
+// name dax::client::IClientComponent, which the client contract fixes.
 namespace dax::client {
 
 class DaxClient;

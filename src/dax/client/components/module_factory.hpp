@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <string>
 
+// In dax::client rather than dax::client::components: plug-ins are written against the
+// name dax::client::IModuleFactory, which the client contract fixes.
 namespace dax::client {
 
 class DaxClient;
@@ -11,6 +13,9 @@ class IClientComponent;
 /// Makes components of the types a plug-in provides. The client owns every factory a plug-in
 /// registers and deletes it before the plug-in is unloaded. The virtual operations keep
 /// their order; plug-ins are compiled against it.
+///
+/// Threading: the client calls `create` from its own thread only (inside Create or a pump
+/// pass); a factory needs no locking unless it shares state with other threads itself.
 class IModuleFactory {
   public:
     IModuleFactory() = default;
