@@ -9,6 +9,7 @@ template <class Factory>
 class PluginModule;
 
 /// The table through which plug-ins register their creation functions, keyed by plug-in name.
+/// Threading: not synchronised; filled and read by the thread that owns its PluginHandler.
 template <class Factory>
 class BaseFactory {
   public:

@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include <spdlog/sinks/stdout_color_sinks.h>
 #include <spdlog/spdlog.h>
 
 #include <dax/plugins/base_factory.hpp>
@@ -18,14 +17,8 @@ namespace dax::plugins {
 
 /// The logger named "logger", registered with a colour console sink when the application
 /// has not registered one, so that a plug-in failure is reported rather than crashing.
-inline std::shared_ptr<spdlog::logger> plugin_logger() {
-    if (auto existing = spdlog::get("logger")) return existing;
-    try {
-        return spdlog::stdout_color_mt("logger");
-    } catch (const spdlog::spdlog_ex&) {
-        return spdlog::get("logger");  // registered by someone else in the meantime
-    }
-}
+/// Compiled in the library, so that includers do not pull in the console sinks.
+std::shared_ptr<spdlog::logger> plugin_logger();
 
 /// Loads plug-in libraries and keeps them loaded until unload(). One thread at a time.
 template <class Factory>

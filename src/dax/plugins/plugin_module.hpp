@@ -9,6 +9,7 @@ namespace dax::plugins {
 
 /// The object a plug-in's creation function returns: it hands the plug-in's factories over.
 /// The virtual operations keep this order; plug-ins are compiled against it.
+/// Threading: the host calls it from the thread that loads the plug-ins, while loading.
 template <class Factory>
 class PluginModule {
   public:

@@ -34,12 +34,12 @@ struct mesh_batch_t {
     DAX_RECORD_FIELDS(vertices, pairs, triangles)
 };
 
-/// Summary of a mesh: three server-defined integers and a text.
+/// Summary of a mesh: three server-defined integers and a text (GET_TRIMESH_INFO).
 struct mesh_info_t {
-    int value_1 = 0;
-    int value_2 = 0;
-    int value_3 = 0;
-    std::string text;
+    int value_1 = 0;   ///< number of vertices
+    int value_2 = 0;   ///< number of triangles
+    int value_3 = 0;   ///< number of index pairs (edges)
+    std::string text;  ///< the name given to CREATE_TRIMESH
     DAX_RECORD_FIELDS(value_1, value_2, value_3, text)
 };
 

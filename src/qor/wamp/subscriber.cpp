@@ -1,10 +1,33 @@
 #include <qor/wamp/subscriber.hpp>
 
+#include <optional>
 #include <vector>
 
 #include <spdlog/logger.h>
 
 namespace qor::wamp {
+
+namespace {
+
+// Takes the topic that a SUBSCRIBED or a SUBSCRIBE error answers out of the pending requests;
+// nothing (and a debug line naming `what`) for an answer to no request of ours.
+std::optional<std::string> take_pending(std::map<Id, std::string>& pending, const Message& answer,
+                                        spdlog::logger* logger, const std::string& name,
+                                        const char* what) {
+    auto request = pending.find(answer.request);
+    if (request == pending.end()) {
+        if (logger != nullptr) {
+            logger->debug("[{}] dropping {} for unknown request {}", name, what,
+                          answer.request.value());
+        }
+        return std::nullopt;
+    }
+    std::string topic = std::move(request->second);
+    pending.erase(request);
+    return topic;
+}
+
+}  // namespace
 
 uint64_t Subscriber::subscribe(const std::string& topic,
                                std::function<void(const Message&)> on_event,
@@ -42,16 +65,10 @@ void Subscriber::notify(const std::string& topic, bool ok, const std::string& te
 }
 
 bool Subscriber::handle_subscribed(const Message& answer) {
-    auto request = pending_requests.find(answer.request);
-    if (request == pending_requests.end()) {
-        if (logger != nullptr) {
-            logger->debug("[{}] dropping SUBSCRIBED for unknown request {}", name,
-                          answer.request.value());
-        }
-        return false;
-    }
-    const std::string topic = request->second;
-    pending_requests.erase(request);
+    const std::optional<std::string> pending =
+        take_pending(pending_requests, answer, logger, name, "SUBSCRIBED");
+    if (!pending) return false;
+    const std::string& topic = *pending;
     TopicEntry& entry = topics[topic];
     entry.state = 1;
     entry.subscription = answer.subscription;
@@ -64,16 +81,10 @@ bool Subscriber::handle_subscribed(const Message& answer) {
 }
 
 bool Subscriber::handle_error(const Message& answer) {
-    auto request = pending_requests.find(answer.request);
-    if (request == pending_requests.end()) {
-        if (logger != nullptr) {
-            logger->debug("[{}] dropping SUBSCRIBE error for unknown request {}", name,
-                          answer.request.value());
-        }
-        return false;
-    }
-    const std::string topic = request->second;
-    pending_requests.erase(request);
+    const std::optional<std::string> pending =
+        take_pending(pending_requests, answer, logger, name, "SUBSCRIBE error");
+    if (!pending) return false;
+    const std::string& topic = *pending;
     TopicEntry& entry = topics[topic];
     entry.state = 2;
     entry.error = answer.error;
