@@ -24,9 +24,9 @@ int main(int argc, char** argv) {
     spdlog::stdout_color_mt("logger")->set_level(spdlog::level::warn);
     qor::QorClient peer;
     // A device stream is bound only once some endpoint declares that it serves the topic;
-    // here the server endpoint relays the ART stream and the first Kinect stream.
+    // here the server endpoint relays every device stream.
     qor::transport::ConnectOptions options;
-    options.served_topics = {"art_frame", "kinect_frame_0"};
+    options.served_topics = dax::types::device_topics();
     qor::transport::connect(peer, argv[1], options);
     dax::client::DaxClient client(&peer);
 
