@@ -4,13 +4,18 @@
 // ports and stops it at the end. It loads the rigid-body plug-in, builds a small scene
 // (ground, a stack of boxes, a ball and a mesh body), steps it with sync_step and then lets
 // the server run it, prints the heights of a few bodies over time, saves and reloads the
-// scene, shows one frame of each simulated device, and shuts down.
+// scene, shows one frame of each simulated device, and shuts down. The heights also go to an
+// SVG chart in the current folder. The server's browser viewer shows the scene live; with
+// --view the demo keeps the scene running after the table until Ctrl-C, for a person to watch.
 
+#include <atomic>
 #include <chrono>
 #include <cmath>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <iostream>
 #include <memory>
@@ -30,6 +35,8 @@
 #include <qor/transport/connect.hpp>
 #include <rigid_body/components.hpp>
 
+#include "chart.hpp"
+
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -40,6 +47,7 @@ struct Args {
     std::string realm = "realm1";
     std::string ticket;
     std::string authid = "client";
+    bool view = false;
 };
 
 Args parse(int argc, char** argv) {
@@ -58,10 +66,14 @@ Args parse(int argc, char** argv) {
             a.ticket = value();
         else if (k == "--authid")
             a.authid = value();
+        else if (k == "--view")
+            a.view = true;
         else if (k == "--help" || k == "-h") {
             std::cout << "usage: qor-demo [--url rs://host:port | ws://host:port] [--realm R]"
-                         " [--ticket SECRET --authid ID]\n"
-                         "Without --url the demo starts qor-sim-server itself.\n";
+                         " [--ticket SECRET --authid ID] [--view]\n"
+                         "Without --url the demo starts qor-sim-server itself.\n"
+                         "--view keeps the scene running after the table until Ctrl-C, to watch\n"
+                         "it in the viewer whose address the demo prints.\n";
             std::exit(0);
         } else {
             throw std::runtime_error("unknown option " + k);
@@ -141,6 +153,21 @@ Scene build_scene(dax::client::DaxClient& client) {
     return s;
 }
 
+// The viewer is served on the WebSocket port: "ws://host:port..." becomes "http://host:port/".
+std::string viewer_url(const std::string& websocket_url) {
+    if (websocket_url.rfind("ws://", 0) != 0) return "";
+    const std::string rest = websocket_url.substr(5);
+    return "http://" + rest.substr(0, rest.find('/')) + "/";
+}
+
+std::atomic<bool> interrupted{false};
+
+void write_chart(const std::string& path, const std::vector<demo::Series>& series) {
+    std::ofstream out(path);
+    out << demo::svg_line_chart("Heights over time", "time (s)", "height (m)", series);
+    if (!out) throw std::runtime_error("cannot write " + path);
+}
+
 void show_devices(dax::client::DaxClient& client) {
     dt::art_frame_t art;
     dt::kinect_frame_t kinect;
@@ -209,6 +236,8 @@ int run(const Args& args) {
         std::printf("  listening on %s and %s (log: %s)\n", url.c_str(),
                     server->websocket_url().c_str(), launch.log_path.c_str());
     }
+    const std::string viewer = viewer_url(server ? server->websocket_url() : url);
+    if (!viewer.empty()) std::printf("  viewer: open %s in a browser\n", viewer.c_str());
 
     qor::QorClient peer;
     qor::transport::ConnectOptions options;
@@ -239,16 +268,26 @@ int run(const Args& args) {
             double t, box, ball, pyramid;
         };
         std::vector<Row> rows;
+        std::vector<demo::Series> chart = {{"top box", {}}, {"ball", {}}, {"pyramid", {}}};
         const int steps = 150;  // 2.5 s at the default 60 steps per second
+        const auto sample = [&](double t) {
+            chart[0].points.emplace_back(t, scene.top_box->state.pose.position.z);
+            chart[1].points.emplace_back(t, scene.ball->state.pose.position.z);
+            chart[2].points.emplace_back(t, scene.pyramid->state.pose.position.z);
+        };
         const auto record = [&](double t) {
             rows.push_back({t, scene.top_box->state.pose.position.z,
                             scene.ball->state.pose.position.z,
                             scene.pyramid->state.pose.position.z});
+            sample(t);
         };
         record(0);
         for (int i = 1; i <= steps; ++i) {
             client.sync_step();
-            if (i % 15 == 0) record(i / 60.0);
+            if (i % 15 == 0)
+                record(i / 60.0);
+            else
+                sample(i / 60.0);
             if (i % 5 == 0) progress("sync_step", i, steps);
         }
 
@@ -258,7 +297,9 @@ int run(const Args& args) {
         const auto run_for = std::chrono::milliseconds(1500);
         const auto started = Clock::now();
         while (Clock::now() - started < run_for) {
-            client.full_update();
+            if (client.full_update())
+                sample(steps / 60.0 +
+                       std::chrono::duration<double>(Clock::now() - started).count());
             const auto ms =
                 std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - started);
             progress("running (updates: " +
@@ -280,6 +321,11 @@ int run(const Args& args) {
         std::printf("  %8s %10s %10s %10s\n", "t (s)", "top box", "ball", "pyramid");
         for (const Row& r : rows)
             std::printf("  %8.2f %10.3f %10.3f %10.3f\n", r.t, r.box, r.ball, r.pyramid);
+        const std::string chart_path =
+            (std::filesystem::current_path() / "qor-demo-heights.svg").string();
+        write_chart(chart_path, chart);
+        std::printf("  chart: %s\n", chart_path.c_str());
+
 
         std::printf("\nSaving the scene as 'demo', clearing it, and loading it back\n");
         const int saved = client.SAVE_COMPONENTS("demo");
@@ -301,9 +347,33 @@ int run(const Args& args) {
         std::printf("\nOne frame of each simulated device\n");
         show_devices(client);
 
+        if (args.view) {
+            // The scene from the start again, left running until Ctrl-C.
+            client.CLEAR_SCENE();
+            build_scene(client);
+            client.send_scene_to_server();
+            client.START_SIMULATION();
+            if (viewer.empty())
+                std::printf("\nThe scene is running; press Ctrl-C to end\n");
+            else
+                std::printf("\nThe scene is running: watch it at %s ; press Ctrl-C to end\n",
+                            viewer.c_str());
+            std::fflush(stdout);
+            std::signal(SIGINT, [](int) { interrupted = true; });
+            while (!interrupted)
+                if (!client.full_update()) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            std::signal(SIGINT, SIG_DFL);
+        }
+
         if (server) {
             std::printf("\nShutting the server down\n");
-            client.QUIT();
+            // Ctrl-C in a terminal reaches the demo's own server as well, which then shuts
+            // itself down and may be gone already.
+            try {
+                client.QUIT();
+            } catch (const std::exception&) {
+                if (!interrupted) throw;
+            }
         }
     }
     if (server) {

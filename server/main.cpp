@@ -1,6 +1,7 @@
 // qor-sim-server: the reference simulation server. Serves the operations of the simulation
 // core as WAMP procedures "qor.server.operation.NAME", publishes per-step states on
 // "qor.server.update" and, on request, synthetic device frames, over RawSocket and WebSocket.
+// A browser that opens the WebSocket port as a web page gets the viewer.
 
 #include <csignal>
 #include <cstdio>
@@ -16,11 +17,15 @@
 #include <spdlog/sinks/stdout_color_sinks.h>
 #include <spdlog/spdlog.h>
 
+#include <qor/launch/server_process.hpp>
 #include <qor/router/broker.hpp>
 #include <qor/router/server.hpp>
 #include <qor/serialization/msgpack.hpp>
 #include <qor/sim/core.hpp>
 #include <qor/sim/devices.hpp>
+#include <qor/viewer/markers.hpp>
+#include <qor/viewer/scene_view.hpp>
+#include <qor/viewer/site.hpp>
 #include <qor/wamp/message.hpp>
 
 namespace {
@@ -37,6 +42,8 @@ struct Options {
     std::string authid = "client";
     double device_rate = 0;
     bool verbose = false;
+    bool viewer = true;
+    std::string viewer_dir;  // empty: the one shipped beside the executable
 };
 
 void usage(std::FILE* to) {
@@ -54,6 +61,8 @@ void usage(std::FILE* to) {
         "  --devices RATE          publish simulated device frames RATE times a second\n"
         "  --server-period MS      simulated time per step (default 16.667)\n"
         "  --publish-period MS     interval between published states (default 33.333)\n"
+        "  --no-viewer             do not serve the browser viewer on the WebSocket port\n"
+        "  --viewer-dir DIR        serve the viewer from DIR (default: shipped with the server)\n"
         "  --verbose               log every operation\n"
         "On start it prints one line: listening rawsocket=PORT websocket=PORT realm=NAME\n",
         to);
@@ -117,6 +126,10 @@ Options parse(int argc, char** argv) {
             o.core.server_period_ms = number(a, value());
         } else if (a == "--publish-period") {
             o.core.publish_period_ms = number(a, value());
+        } else if (a == "--no-viewer") {
+            o.viewer = false;
+        } else if (a == "--viewer-dir") {
+            o.viewer_dir = value();
         } else if (a == "--verbose") {
             o.verbose = true;
         } else {
@@ -134,12 +147,14 @@ Options parse(int argc, char** argv) {
     return o;
 }
 
-// The dealer: every call goes to the simulation core.
+// The dealer: every call goes to the simulation core, but the viewer's scene description.
 qor::router::Broker::Dealer serve_operation(SimulationCore& core) {
     return [&core](uint64_t, const wamp::Message& m) -> std::optional<qor::router::Answer> {
         const uint8_t* args = m.raw.data + m.args_offset;
         const qor::sim::CallResult r =
-            core.call(m.procedure, args, m.args_end - m.args_offset, m.args_count);
+            m.procedure == qor::viewer::kSceneProcedure
+                ? qor::viewer::describe_scene(core)
+                : core.call(m.procedure, args, m.args_end - m.args_offset, m.args_count);
         if (r.ok) return qor::router::Answer::result(mp::buffer(r.value));
         return qor::router::Answer::failure(r.error, r.message);
     };
@@ -165,6 +180,21 @@ int main(int argc, char** argv) {
     options.server.logger = log;
 
     try {
+        std::unique_ptr<qor::viewer::Site> site;
+        if (options.viewer && options.server.websocket) {
+            const std::string folder =
+                options.viewer_dir.empty()
+                    ? qor::viewer::find_viewer_folder(qor::launch::executable_folder())
+                    : options.viewer_dir;
+            if (folder.empty()) {
+                log->warn("viewer files not found beside the server; the viewer is off");
+            } else {
+                site = std::make_unique<qor::viewer::Site>(folder);
+                options.server.http = [&site](const qor::transport::HttpRequest& request) {
+                    return site->answer(request);
+                };
+            }
+        }
         SimulationCore core(options.core);
         Server server(options.server);
         qor::router::BrokerOptions broker_options;
@@ -185,10 +215,14 @@ int main(int argc, char** argv) {
         core.set_publisher([&router](const std::string& topic, const std::vector<uint8_t>& value) {
             router.publish(topic, value);
         });
+        // Device frames go to the viewer's markers topic too, as points, while a page listens.
         auto devices = std::make_unique<qor::sim::DeviceFeed>(
             options.device_rate,
             [&router](const std::string& topic, const std::vector<uint8_t>& value) {
                 router.publish(topic, value);
+                if (!router.subscribers(qor::viewer::kMarkersTopic).empty())
+                    if (auto points = qor::viewer::markers_of(topic, value))
+                        router.publish(qor::viewer::kMarkersTopic, *points);
             });
 
         std::thread signal_waiter([&core, signals] {
@@ -200,6 +234,9 @@ int main(int argc, char** argv) {
         std::printf("listening rawsocket=%u websocket=%u realm=%s\n", server.rawsocket_port(),
                     server.websocket_port(), options.server.realm.c_str());
         std::fflush(stdout);
+        if (site)
+            log->info("viewer at http://{}:{}/ (files from {})", options.server.host,
+                      server.websocket_port(), site->folder());
 
         core.wait_for_quit();
         log->info("shutting down");

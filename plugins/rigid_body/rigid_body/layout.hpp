@@ -61,6 +61,10 @@ struct BodyState {
     Vec3 linear;   ///< m/s
     Vec3 angular;  ///< rad/s
 };
+/// Where the position and the rotation sit in a body's per-step state, for readers that pick
+/// the pose out of a published state without decoding the rest (the server's viewer).
+inline constexpr int kBodyStatePosition = 0;
+inline constexpr int kBodyStateRotation = 1;
 
 namespace detail {
 

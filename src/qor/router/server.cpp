@@ -126,6 +126,7 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
         settings.framing = framing;
         settings.tls_context = tls ? &*tls : nullptr;
         settings.max_message_size = options.max_message_size;
+        if (framing == transport::detail::Framing::websocket) settings.http = options.http;
         peer->opening = transport::detail::accept_server(
             std::move(socket), settings,
             [self = shared_from_this(), weak](std::shared_ptr<transport::detail::Channel> channel,
@@ -134,7 +135,8 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
                 if (!peer) return;
                 peer->opening.reset();
                 if (!channel) {
-                    self->log_info("[transport server] handshake failed: {}", cause);
+                    if (cause != transport::detail::kServedHttp)
+                        self->log_info("[transport server] handshake failed: {}", cause);
                     self->forget(peer);
                     return;
                 }

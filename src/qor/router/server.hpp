@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <qor/serialization/msgpack/buffer.hpp>
+#include <qor/transport/http.hpp>
 #include <qor/wamp/opening.hpp>
 
 namespace spdlog {
@@ -39,6 +40,9 @@ struct ServerOptions {
     /// Optional: sees the bytes of every received message before parsing, the opening's
     /// included (tracing, capture). Runs on the I/O thread.
     std::function<void(const uint8_t* data, size_t size)> tap;
+    /// Optional: answers requests on the WebSocket listener that ask for no upgrade (a
+    /// browser opening a page there). Unset, they get 400 "not a WebSocket upgrade".
+    transport::HttpHandler http;
 };
 
 /// A session that has joined (WELCOME sent).

@@ -735,6 +735,7 @@ class OpeningImpl final : public Opening, public std::enable_shared_from_this<Op
 
     void ws_server_accept() {
         if constexpr (is_ws<T>::value) {
+            if (!websocket::is_upgrade(request_) && http_) return answer_http();
             std::string refusal;
             if (!websocket::is_upgrade(request_))
                 refusal = "not a WebSocket upgrade";
@@ -765,6 +766,34 @@ class OpeningImpl final : public Opening, public std::enable_shared_from_this<Op
         }
     }
 
+    void answer_http() {
+        if constexpr (is_ws<T>::value) {
+            HttpRequest in;
+            in.method = std::string(request_.method_string());
+            in.target = std::string(request_.target());
+            HttpResponse out;
+            try {
+                out = http_(in);
+            } catch (const std::exception& e) {
+                out = HttpResponse{500, "text/plain; charset=utf-8", e.what()};
+            }
+            auto res = std::make_shared<http::response<http::string_body>>(
+                static_cast<http::status>(out.status), request_.version());
+            res->set(http::field::content_type, out.content_type);
+            res->set(http::field::cache_control, "no-cache");
+            res->set("X-Content-Type-Options", "nosniff");
+            res->keep_alive(false);
+            const size_t length = out.body.size();
+            if (request_.method() != http::verb::head) res->body() = std::move(out.body);
+            res->content_length(length);
+            auto self = this->shared_from_this();
+            http::async_write(stream_->next_layer(), *res, [self, res](error_code, size_t) {
+                close_socket(beast::get_lowest_layer(*self->stream_), true);
+                self->fail(kServedHttp);
+            });
+        }
+    }
+
     void complete_ws() {
         if constexpr (is_ws<T>::value) {
             if (finished_) return;
@@ -784,6 +813,10 @@ class OpeningImpl final : public Opening, public std::enable_shared_from_this<Op
         if (done) done(nullptr, cause);
     }
 
+  public:
+    HttpHandler http_;
+
+  private:
     std::unique_ptr<T> stream_;
     bool client_;
     uint32_t max_in_;
@@ -903,6 +936,7 @@ std::shared_ptr<Opening> accept_server(tcp::socket socket, const AcceptSettings&
         auto opening = std::make_shared<OpeningImpl<T>>(std::move(stream), false,
                                                         settings.max_message_size, std::move(done));
         result = opening;
+        opening->http_ = settings.http;
         opening->run("", "", "", false);
     });
     return result;

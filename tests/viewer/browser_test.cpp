@@ -1,0 +1,132 @@
+// The viewer in a real browser: qor-sim-server runs the demo's kind of scene, headless
+// Chromium (driven by puppeteer-core, see viewer_check.cjs) opens the page the server
+// serves and checks what the page draws; then a client call confirms that the page's Pause
+// button really paused the server. Needs node and chromium: without them the test is
+// skipped, except in CI (env CI set), where that is a failure.
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <spdlog/sinks/null_sink.h>
+#include <spdlog/spdlog.h>
+#include <sys/wait.h>
+
+#include <dax/client.hpp>
+#include <qor/launch/server_process.hpp>
+#include <qor/qor_client.hpp>
+#include <qor/transport/connect.hpp>
+#include <rigid_body/components.hpp>
+
+#include "../server/sim_test_util.hpp"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string find_tool(const char* env, const std::vector<std::string>& candidates) {
+    if (const char* set = std::getenv(env); set && *set) return set;
+    for (const auto& c : candidates)
+        if (::access(c.c_str(), X_OK) == 0) return c;
+    return "";
+}
+
+// Runs `command`, returning its exit code and everything it printed on stdout.
+int run(const std::string& command, std::string& out) {
+    FILE* pipe = ::popen(command.c_str(), "r");
+    if (!pipe) return -1;
+    char chunk[4096];
+    size_t n;
+    while ((n = std::fread(chunk, 1, sizeof chunk, pipe)) > 0) out.append(chunk, n);
+    const int status = ::pclose(pipe);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+std::string quoted(const std::string& s) {
+    std::string q = "'";
+    for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return q + "'";
+}
+
+TEST(ViewerBrowser, DrawsTheSceneMovesItAndPausesTheServer) {
+    const std::string node = find_tool("QOR_NODE", {"/usr/bin/node", "/usr/local/bin/node"});
+    const std::string chromium = find_tool("QOR_CHROMIUM", {"/usr/bin/chromium"});
+    const bool modules = fs::exists(fs::path(QOR_VIEWER_NODE_MODULES) / "puppeteer-core");
+    if (node.empty() || chromium.empty() || !modules) {
+        const std::string missing = node.empty()       ? "node"
+                                    : chromium.empty() ? "chromium"
+                                                       : "puppeteer-core (npm ci)";
+        if (std::getenv("CI")) FAIL() << missing << " is missing: run scripts/install-deps";
+        GTEST_SKIP() << missing << " is missing: run scripts/install-deps";
+    }
+
+    qor::sim::testing::TempFolder data;
+    qor::launch::LaunchOptions launch;
+    launch.executable = qor::launch::executable_folder() + "/qor-sim-server";
+    launch.args = {"--data-dir", data.str(), "--devices", "20"};
+    launch.log_path = (data.path() / "server.log").string();
+    qor::launch::ServerProcess server(launch);
+
+    if (!spdlog::get("logger"))
+        spdlog::register_logger(std::make_shared<spdlog::logger>(
+            "logger", std::make_shared<spdlog::sinks::null_sink_mt>()));
+    qor::QorClient peer;
+    qor::transport::connect(peer, server.rawsocket_url());
+    dax::client::DaxClient client(&peer);
+    client.setTimeoutMs(10000);
+    client.init("viewer-test", [](int64_t, std::string) {});
+
+    // Ground, three boxes stacked, a ball thrown at them and a mesh wedge: five bodies.
+    client.Reset();
+    client.Create("Ground");
+    for (int i = 0; i < 3; ++i) {
+        auto* box = static_cast<rigid_body::Body*>(client.Create("Body"));
+        box->size = {0.25, 0.25, 0.25};
+        box->state.pose.position = {0, 0, 0.25 + 0.5 * i};
+    }
+    auto* ball = static_cast<rigid_body::Body*>(client.Create("Body"));
+    ball->shape = "sphere";
+    ball->size = {0.2, 0, 0};
+    ball->state.pose.position = {-3, 0, 1.2};
+    ball->state.linear = {5, 0, 1};
+    const long long mesh = client.CREATE_TRIMESH("wedge", 4, 4, 0);
+    dax::types::mesh_batch_t batch;
+    batch.vertices = {{-0.4, -0.4, 0}, {0.4, -0.4, 0}, {0, 0.4, 0}, {0, 0, 0.6}};
+    batch.triangles = {{0, 2, 1}, {0, 1, 3}, {1, 2, 3}, {2, 0, 3}};
+    client.UPDATE_TRIMESH(mesh, 0, 0, batch);
+    auto* wedge = static_cast<rigid_body::Body*>(client.Create("Body"));
+    wedge->shape = "mesh";
+    wedge->mesh_id = mesh;
+    wedge->state.pose.position = {1.5, 1, 2};
+    client.send_scene_to_server();
+    client.START_SIMULATION();
+
+    const fs::path shot = fs::path(QOR_VIEWER_SCREENSHOT_DIR) / "viewer.png";
+    const std::string url = "http://127.0.0.1:" + std::to_string(server.websocket_port()) + "/";
+    std::string out;
+    const int code = run(quoted(node) + " " + quoted(QOR_VIEWER_CHECK_SCRIPT) + " " + quoted(url) +
+                             " 5 " + quoted(shot.string()) + " " +
+                             quoted(QOR_VIEWER_NODE_MODULES) + " " + quoted(chromium),
+                         out);
+    std::cout << out;
+    ASSERT_EQ(code, 0) << "the browser check failed (its reason is on stderr above)";
+    EXPECT_NE(out.find("\"ok\":true"), std::string::npos) << out;
+    EXPECT_GT(fs::file_size(shot), 10000u);
+
+    // The page pressed Pause and then Step once: the server must be paused, so a step asked
+    // for now comes back in the paused state with the step count one further.
+    const auto step = client.STEP_SIMULATION();
+    EXPECT_EQ(step.details.i9, 2) << "the server is not paused";
+    const std::string paused_at = "\"paused_at\":" + std::to_string(step.value_int - 1) + ",";
+    EXPECT_NE(out.find(paused_at), std::string::npos) << out;
+    if (HasFailure()) {
+        std::ifstream log(data.path() / "server.log");
+        std::cerr << "---- server log\n" << log.rdbuf() << "----\n";
+    }
+}
+
+}  // namespace

@@ -1,0 +1,120 @@
+// Opens the viewer in headless Chromium and checks it against a running simulation: the page
+// connects and draws every body, the bodies move between two published steps, the Pause
+// button pauses, a single step is drawn, and a screenshot is not blank. Prints one JSON
+// line with what it measured; exits non-zero with the reason on the first failed check.
+//
+// usage: node viewer_check.cjs URL BODIES SCREENSHOT NODE_MODULES [CHROMIUM]
+'use strict';
+
+const path = require('path');
+const fs = require('fs');
+const os = require('os');
+
+const [url, bodiesText, screenshot, modules, chromium = '/usr/bin/chromium'] = process.argv.slice(2);
+if (!url || !bodiesText || !screenshot || !modules) {
+  console.error('usage: node viewer_check.cjs URL BODIES SCREENSHOT NODE_MODULES [CHROMIUM]');
+  process.exit(2);
+}
+const expectedBodies = Number(bodiesText);
+const puppeteer = require(path.join(modules, 'puppeteer-core'));
+
+async function waitFor(page, what, predicate, arg, timeout = 20000) {
+  try {
+    await page.waitForFunction(predicate, { timeout, polling: 50 }, arg);
+  } catch (e) {
+    const state = await page.evaluate(() => JSON.stringify(window.viewer || null));
+    throw new Error(`${what}: not seen within ${timeout} ms; page state ${state}`);
+  }
+}
+
+async function main() {
+  const profile = fs.mkdtempSync(path.join(os.tmpdir(), 'qor-viewer-chromium-'));
+  const browser = await puppeteer.launch({
+    executablePath: chromium,
+    headless: true,
+    userDataDir: profile,
+    args: ['--headless=new', '--no-sandbox', '--enable-unsafe-swiftshader',
+           '--use-angle=swiftshader', '--disable-background-networking',
+           '--disable-component-update', '--disable-sync', '--no-first-run',
+           '--window-size=1024,640'],
+  });
+  try {
+    const page = await browser.newPage();
+    await page.setViewport({ width: 1024, height: 640 });
+    const problems = [];
+    page.on('pageerror', (e) => problems.push('page error: ' + e.message));
+    page.on('console', (m) => { if (m.type() === 'error') problems.push('console: ' + m.text()); });
+    page.on('requestfailed', (r) => problems.push('request failed: ' + r.url()));
+
+    const opened = Date.now();
+    await page.goto(url, { waitUntil: 'load', timeout: 20000 });
+    await waitFor(page, 'connected and drawing ' + expectedBodies + ' bodies',
+                  (n) => window.viewer && window.viewer.ready && window.viewer.bodies === n &&
+                         window.viewer.updates > 0, expectedBodies);
+    const readyMs = Date.now() - opened;
+
+    // Two published steps, as the page holds them.
+    const first = await page.evaluate(() => ({ step: window.viewer.step, poses: window.viewer.poses }));
+    await waitFor(page, 'a later step', (s) => window.viewer.step >= s + 2, first.step);
+    const second = await page.evaluate(() => ({ step: window.viewer.step, poses: window.viewer.poses }));
+    const moved = Object.keys(first.poses).filter((id) => {
+      const a = first.poses[id], b = second.poses[id];
+      return b && Math.hypot(a[0] - b[0], a[1] - b[1], a[2] - b[2]) > 1e-6;
+    });
+    if (moved.length === 0) throw new Error(`no body moved from step ${first.step} to ${second.step}`);
+
+    // Frame rate and latency over a second of running.
+    await page.evaluate(() => { const l = window.viewer.latency; l.samples = 0; l.meanMs = 0; l.maxMs = 0; });
+    await new Promise((r) => setTimeout(r, 1500));
+    const running = await page.evaluate(() => ({
+      fps: window.viewer.framesPerSecond, ups: window.viewer.updatesPerSecond,
+      latency: { ...window.viewer.latency }, markers: window.viewer.markers,
+    }));
+
+    await page.click('#pause');
+    await waitFor(page, 'the paused state', () => window.viewer.state === 'paused');
+
+    // A single step while paused comes back through the page and is drawn.
+    const before = await page.evaluate(() => window.viewer.step);
+    const clicked = Date.now();
+    await page.click('#step-once');
+    await waitFor(page, 'the single step', (s) => window.viewer.step === s + 1, before);
+    await page.evaluate(() => new Promise((r) => requestAnimationFrame(() => r())));
+    const stepMs = Date.now() - clicked;
+    const pausedAt = await page.evaluate(() => window.viewer.step);
+
+    fs.mkdirSync(path.dirname(screenshot), { recursive: true });
+    const png = await page.screenshot({ path: screenshot, type: 'png' });
+    const colours = await page.evaluate(async (b64) => {
+      const img = new Image();
+      img.src = 'data:image/png;base64,' + b64;
+      await img.decode();
+      const c = document.createElement('canvas');
+      c.width = img.width; c.height = img.height;
+      const g = c.getContext('2d');
+      g.drawImage(img, 0, 0);
+      const d = g.getImageData(0, 0, c.width, c.height).data;
+      const seen = new Set();
+      for (let i = 0; i < d.length; i += 4 * 7) seen.add((d[i] << 16) | (d[i + 1] << 8) | d[i + 2]);
+      return seen.size;
+    }, Buffer.from(png).toString('base64'));
+    if (colours < 32) throw new Error(`the screenshot looks blank: ${colours} colours`);
+    if (problems.length) throw new Error(problems.join('; '));
+
+    console.log(JSON.stringify({
+      ok: true, bodies: expectedBodies, moved: moved.length, steps: [first.step, second.step],
+      paused_at: pausedAt, ready_ms: readyMs, fps: running.fps, updates_per_second: running.ups,
+      latency_mean_ms: +running.latency.meanMs.toFixed(2),
+      latency_max_ms: +running.latency.maxMs.toFixed(2), latency_samples: running.latency.samples,
+      step_click_to_drawn_ms: stepMs, markers: running.markers, colours,
+    }));
+  } finally {
+    await browser.close();
+    fs.rmSync(profile, { recursive: true, force: true });
+  }
+}
+
+main().catch((e) => {
+  console.error('viewer check failed: ' + (e && e.message ? e.message : e));
+  process.exit(1);
+});
