@@ -30,6 +30,8 @@ const viewer = {
   frames: 0,
   latency: { samples: 0, lastMs: 0, meanMs: 0, maxMs: 0 },  // state received -> drawn
   markers: 0,
+  clicks: [],           // buttons pressed, in order
+  calls: [],            // [operation, milliseconds] of every answered call
   errors: [],
 };
 window.viewer = viewer;
@@ -43,9 +45,9 @@ const scene = new THREE.Scene();
 scene.background = new THREE.Color(0x20242b);
 const camera = new THREE.PerspectiveCamera(50, 1, 0.05, 500);
 camera.up.set(0, 0, 1);  // the simulation is z-up
-camera.position.set(6, -7, 4);
+camera.position.set(3.5, -5, 2.4);
 const controls = new OrbitControls(camera, canvas);
-controls.target.set(0, 0, 0.8);
+controls.target.set(0, 0, 0.5);
 controls.update();
 scene.add(new THREE.HemisphereLight(0xffffff, 0x404050, 1.6));
 const sun = new THREE.DirectionalLight(0xffffff, 1.8);
@@ -140,11 +142,13 @@ const unpack = autobahn.msgpack();
 function applyResult(result) {
   if (!layout) return;
   const u = layout.update;
-  const states = unpack.decode(result[u.states]);
-  for (const id of Object.keys(states)) {
+  // Integer keys come back as a Map from the decoder, as an object from others.
+  const decoded = unpack.decode(result[u.states]);
+  const states = decoded instanceof Map ? decoded : new Map(Object.entries(decoded));
+  for (const [key, s] of states) {
+    const id = String(key);
     const mesh = meshes.get(id);
     if (!mesh) { unknownBodies = true; continue; }
-    const s = states[id];
     place(mesh, id, s[layout.body.position], s[layout.body.rotation]);
   }
   viewer.step = result[u.step];
@@ -200,7 +204,11 @@ let refreshing = null;
 
 function call(name, args = []) {
   if (!session) return Promise.reject(new Error('not connected'));
-  return session.call(name.startsWith('qor.') ? name : OPERATION + name, args);
+  const started = performance.now();
+  return session.call(name.startsWith('qor.') ? name : OPERATION + name, args).then((r) => {
+    viewer.calls.push([name, Math.round(performance.now() - started)]);
+    return r;
+  });
 }
 
 function refreshScene() {
@@ -279,6 +287,7 @@ document.getElementById('ticket-form').addEventListener('submit', (ev) => {
 
 function control(id, action) {
   document.getElementById(id).addEventListener('click', () => {
+    viewer.clicks.push(id);
     action().catch((e) => note(errorText(e)));
   });
 }

@@ -1,7 +1,7 @@
-// The viewer in a real browser: qor-sim-server runs the demo's kind of scene, headless
+// The viewer in a real browser: qor-sim-server holds the demo's kind of scene, headless
 // Chromium (driven by puppeteer-core, see viewer_check.cjs) opens the page the server
-// serves and checks what the page draws; then a client call confirms that the page's Pause
-// button really paused the server. Needs node and chromium: without them the test is
+// serves, runs the scene with its buttons and checks what the page draws; then a client
+// call confirms that the page's Pause button really paused the server. Needs node and chromium: without them the test is
 // skipped, except in CI (env CI set), where that is a failure.
 
 #include <cstdio>
@@ -103,7 +103,6 @@ TEST(ViewerBrowser, DrawsTheSceneMovesItAndPausesTheServer) {
     wedge->mesh_id = mesh;
     wedge->state.pose.position = {1.5, 1, 2};
     client.send_scene_to_server();
-    client.START_SIMULATION();
 
     const fs::path shot = fs::path(QOR_VIEWER_SCREENSHOT_DIR) / "viewer.png";
     const std::string url = "http://127.0.0.1:" + std::to_string(server.websocket_port()) + "/";
@@ -117,8 +116,8 @@ TEST(ViewerBrowser, DrawsTheSceneMovesItAndPausesTheServer) {
     EXPECT_NE(out.find("\"ok\":true"), std::string::npos) << out;
     EXPECT_GT(fs::file_size(shot), 10000u);
 
-    // The page pressed Pause and then Step once: the server must be paused, so a step asked
-    // for now comes back in the paused state with the step count one further.
+    // The page pressed Start, Pause and then Step once: the server must be paused, so a step
+    // asked for now comes back in the paused state with the step count one further.
     const auto step = client.STEP_SIMULATION();
     EXPECT_EQ(step.details.i9, 2) << "the server is not paused";
     const std::string paused_at = "\"paused_at\":" + std::to_string(step.value_int - 1) + ",";

@@ -1,6 +1,7 @@
-// Opens the viewer in headless Chromium and checks it against a running simulation: the page
-// connects and draws every body, the bodies move between two published steps, the Pause
-// button pauses, a single step is drawn, and a screenshot is not blank. Prints one JSON
+// Opens the viewer in headless Chromium and checks it against a simulation server holding a
+// stopped scene: the page connects and draws every body, its Start button runs the scene
+// and the bodies move between two published steps, Pause pauses, a single step is drawn,
+// and a screenshot is not blank. Prints one JSON
 // line with what it measured; exits non-zero with the reason on the first failed check.
 //
 // usage: node viewer_check.cjs URL BODIES SCREENSHOT NODE_MODULES [CHROMIUM]
@@ -18,12 +19,15 @@ if (!url || !bodiesText || !screenshot || !modules) {
 const expectedBodies = Number(bodiesText);
 const puppeteer = require(path.join(modules, 'puppeteer-core'));
 
+const problems = [];  // what the page reported going wrong
+
 async function waitFor(page, what, predicate, arg, timeout = 20000) {
   try {
     await page.waitForFunction(predicate, { timeout, polling: 50 }, arg);
   } catch (e) {
     const state = await page.evaluate(() => JSON.stringify(window.viewer || null));
-    throw new Error(`${what}: not seen within ${timeout} ms; page state ${state}`);
+    throw new Error(`${what}: not seen within ${timeout} ms; page state ${state}; ` +
+                    `page problems: ${problems.join('; ') || 'none'}`);
   }
 }
 
@@ -41,7 +45,6 @@ async function main() {
   try {
     const page = await browser.newPage();
     await page.setViewport({ width: 1024, height: 640 });
-    const problems = [];
     page.on('pageerror', (e) => problems.push('page error: ' + e.message));
     page.on('console', (m) => { if (m.type() === 'error') problems.push('console: ' + m.text()); });
     page.on('requestfailed', (r) => problems.push('request failed: ' + r.url()));
@@ -49,11 +52,15 @@ async function main() {
     const opened = Date.now();
     await page.goto(url, { waitUntil: 'load', timeout: 20000 });
     await waitFor(page, 'connected and drawing ' + expectedBodies + ' bodies',
-                  (n) => window.viewer && window.viewer.ready && window.viewer.bodies === n &&
-                         window.viewer.updates > 0, expectedBodies);
+                  (n) => window.viewer && window.viewer.ready && window.viewer.bodies === n,
+                  expectedBodies);
     const readyMs = Date.now() - opened;
 
-    // Two published steps, as the page holds them.
+    // The scene waits stopped; the page's Start runs it. Then two published steps, as the
+    // page holds them.
+    await page.click('#start');
+    await waitFor(page, 'the running state and a published step',
+                  () => window.viewer.state === 'running' && window.viewer.updates > 0);
     const first = await page.evaluate(() => ({ step: window.viewer.step, poses: window.viewer.poses }));
     await waitFor(page, 'a later step', (s) => window.viewer.step >= s + 2, first.step);
     const second = await page.evaluate(() => ({ step: window.viewer.step, poses: window.viewer.poses }));
@@ -74,11 +81,13 @@ async function main() {
     await page.click('#pause');
     await waitFor(page, 'the paused state', () => window.viewer.state === 'paused');
 
-    // A single step while paused comes back through the page and is drawn.
+    // A single step while paused comes back through the page and is drawn. States published
+    // just before the pause may still arrive; let them land first.
+    await new Promise((r) => setTimeout(r, 500));
     const before = await page.evaluate(() => window.viewer.step);
     const clicked = Date.now();
     await page.click('#step-once');
-    await waitFor(page, 'the single step', (s) => window.viewer.step === s + 1, before);
+    await waitFor(page, 'the single step', (s) => window.viewer.step > s, before);
     await page.evaluate(() => new Promise((r) => requestAnimationFrame(() => r())));
     const stepMs = Date.now() - clicked;
     const pausedAt = await page.evaluate(() => window.viewer.step);

@@ -787,9 +787,13 @@ class OpeningImpl final : public Opening, public std::enable_shared_from_this<Op
             if (request_.method() != http::verb::head) res->body() = std::move(out.body);
             res->content_length(length);
             auto self = this->shared_from_this();
-            http::async_write(stream_->next_layer(), *res, [self, res](error_code, size_t) {
-                close_socket(beast::get_lowest_layer(*self->stream_), true);
-                self->fail(kServedHttp);
+            // The answer only collects in the layer below; it must have left before the close.
+            http::async_write(stream_->next_layer(), *res, [self, res](error_code ec, size_t) {
+                if (ec) return self->fail(kServedHttp);
+                self->stream_->next_layer().when_drained([self](error_code) {
+                    close_socket(beast::get_lowest_layer(*self->stream_), true);
+                    self->fail(kServedHttp);
+                });
             });
         }
     }
