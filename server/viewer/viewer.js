@@ -239,6 +239,7 @@ function errorText(e) {
 }
 
 let ticket = null;
+let replacing = false;  // the page closes the connection itself to open another
 function connect() {
   const options = {
     url: (location.protocol === 'https:' ? 'wss://' : 'ws://') + location.host + '/ws',
@@ -254,9 +255,9 @@ function connect() {
     options.authid = ticket.authid;
     options.onchallenge = () => ticket.secret;
   }
-  const connection = new autobahn.Connection(options);
-  connection.onopen = opened;
-  connection.onclose = (reason, details) => {
+  const link = new autobahn.Connection(options);
+  link.onopen = opened;
+  link.onclose = (reason, details) => {
     session = null;
     viewer.ready = false;
     const refused = details && details.reason && /not_authorized|authentication|no_auth/.test(details.reason);
@@ -265,11 +266,16 @@ function connect() {
       document.getElementById('ticket-form').hidden = false;
       return true;  // stop retrying until the person gives one
     }
-    setConnection(details && details.will_retry ? 'reconnecting' : 'disconnected');
+    // A server that shuts down says GOODBYE, after which autobahn does not retry by itself;
+    // the page keeps trying, so that a restarted server is picked up again.
+    if (!(details && details.will_retry) && !replacing) {
+      setTimeout(() => { if (!session) connection = connect(); }, 1000);
+    }
+    setConnection('reconnecting');
     return false;
   };
-  connection.open();
-  return connection;
+  link.open();
+  return link;
 }
 
 let connection = connect();
@@ -279,7 +285,9 @@ document.getElementById('ticket-form').addEventListener('submit', (ev) => {
   ticket = { authid: document.getElementById('authid').value,
              secret: document.getElementById('ticket').value };
   document.getElementById('ticket-form').hidden = true;
+  replacing = true;
   try { connection.close(); } catch (e) { /* already closed */ }
+  replacing = false;
   connection = connect();
 });
 

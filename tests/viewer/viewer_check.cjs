@@ -1,8 +1,9 @@
 // Opens the viewer in headless Chromium and checks it against a simulation server holding a
 // stopped scene: the page connects and draws every body, its Start button runs the scene
 // and the bodies move between two published steps, Pause pauses, a single step is drawn,
-// and a screenshot is not blank. Prints one JSON
-// line with what it measured; exits non-zero with the reason on the first failed check.
+// and a screenshot is not blank. Then it prints "restart", and once the server is back on
+// the same port asking for a ticket, the page must ask for it and join again. Prints what it
+// measured as JSON lines; exits non-zero with the reason on the first failed check.
 //
 // usage: node viewer_check.cjs URL BODIES SCREENSHOT NODE_MODULES [CHROMIUM]
 'use strict';
@@ -111,12 +112,30 @@ async function main() {
     if (problems.length) throw new Error(problems.join('; '));
 
     console.log(JSON.stringify({
-      ok: true, bodies: expectedBodies, moved: moved.length, steps: [first.step, second.step],
+      checked: true, bodies: expectedBodies, moved: moved.length, steps: [first.step, second.step],
       paused_at: pausedAt, ready_ms: readyMs, fps: running.fps, updates_per_second: running.ups,
       latency_mean_ms: +running.latency.meanMs.toFixed(2),
       latency_max_ms: +running.latency.maxMs.toFixed(2), latency_samples: running.latency.samples,
       step_click_to_drawn_ms: stepMs, markers: running.markers, colours,
     }));
+
+    // The server goes away and comes back on the same port, now asking for a ticket: the page
+    // notices, asks for it, and joins again by itself.
+    console.log('restart');
+    problems.length = 0;
+    await waitFor(page, 'the lost connection', () => !window.viewer.ready);
+    const lost = Date.now();
+    await waitFor(page, 'the ticket request', () => window.viewer.connection === 'needs a ticket',
+                  undefined, 30000);
+    await page.type('#ticket', 'viewer-secret');
+    await page.click('#ticket-form button');
+    await waitFor(page, 'the new session', () => window.viewer.ready && window.viewer.bodies === 0);
+    // While the server is away the browser reports each refused connection attempt, and
+    // autobahn a send on the socket the server closed.
+    const unexpected = problems.filter(
+      (p) => !/WebSocket connection to|ERR_CONNECTION_REFUSED|WebSocket is already in CLOSING/.test(p));
+    if (unexpected.length) throw new Error(unexpected.join('; '));
+    console.log(JSON.stringify({ ok: true, rejoined_ms: Date.now() - lost }));
   } finally {
     await browser.close();
     fs.rmSync(profile, { recursive: true, force: true });
