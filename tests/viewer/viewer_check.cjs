@@ -1,7 +1,8 @@
 // Opens the viewer in headless Chromium and checks it against a simulation server holding a
 // stopped scene: the page connects and draws every body, its Start button runs the scene
-// and the bodies move between two published steps, Pause pauses, a single step is drawn,
-// and a screenshot is not blank. Then it prints "restart", and once the server is back on
+// and the bodies move between two published steps, Reset brings back the first poses, Pause
+// pauses, the step period is set and a single step of it is drawn, and a screenshot is not
+// blank. Then it prints "restart", and once the server is back on
 // the same port asking for a ticket, the page must ask for it and join again. Prints what it
 // measured as JSON lines; exits non-zero with the reason on the first failed check.
 //
@@ -56,6 +57,7 @@ async function main() {
                   (n) => window.viewer && window.viewer.ready && window.viewer.bodies === n,
                   expectedBodies);
     const readyMs = Date.now() - opened;
+    const initial = await page.evaluate(() => window.viewer.poses);
 
     // The scene waits stopped; the page's Start runs it. Then two published steps, as the
     // page holds them.
@@ -79,19 +81,42 @@ async function main() {
       latency: { ...window.viewer.latency }, markers: window.viewer.markers,
     }));
 
+    // Reset stops and puts the scene back as the page first read it; Start runs it again.
+    await page.click('#reset');
+    await waitFor(page, 'the scene as it began', (p0) => window.viewer.state === 'stopped' &&
+                  Object.keys(p0).every((id) => window.viewer.poses[id] &&
+                    window.viewer.poses[id].every((v, i) => Math.abs(v - p0[id][i]) < 1e-9)),
+                  initial);
+    const updatesBefore = await page.evaluate(() => window.viewer.updates);
+    await page.click('#start');
+    await waitFor(page, 'running again', (n) => window.viewer.state === 'running' &&
+                  window.viewer.updates > n, updatesBefore);
+
     await page.click('#pause');
     await waitFor(page, 'the paused state', () => window.viewer.state === 'paused');
 
-    // A single step while paused comes back through the page and is drawn. States published
-    // just before the pause may still arrive; let them land first.
+    // A single step while paused comes back through the page and is drawn, with the step
+    // period just set. States published before the pause may still arrive; let them land.
+    await page.evaluate(() => { document.getElementById('period').value = '10'; });
+    await page.click('#period-form button');
+    await waitFor(page, 'the new step period',
+                  () => window.viewer.calls.some(([name]) => name === 'SET_SERVER_PERIOD_MS'));
     await new Promise((r) => setTimeout(r, 500));
-    const before = await page.evaluate(() => window.viewer.step);
+    const before = await page.evaluate(() => ({ step: window.viewer.step, time: window.viewer.time }));
     const clicked = Date.now();
     await page.click('#step-once');
-    await waitFor(page, 'the single step', (s) => window.viewer.step > s, before);
+    await waitFor(page, 'the single step', (s) => window.viewer.step > s, before.step);
     await page.evaluate(() => new Promise((r) => requestAnimationFrame(() => r())));
     const stepMs = Date.now() - clicked;
-    const pausedAt = await page.evaluate(() => window.viewer.step);
+    const after = await page.evaluate(() => ({ step: window.viewer.step, time: window.viewer.time }));
+    const pausedAt = after.step;
+    // The page's time was last published and may lag the server's by a few steps of the old
+    // period (1/60 s); on top of those comes exactly one step of 10 ms.
+    const dt = after.time - before.time;
+    const oldSteps = (dt - 0.010) * 60;
+    if (!(Math.round(oldSteps) >= 0 && Math.round(oldSteps) <= 3 &&
+          Math.abs(oldSteps - Math.round(oldSteps)) < 0.01))
+      throw new Error(`a step of 10 ms moved the time by ${dt} s`);
 
     fs.mkdirSync(path.dirname(screenshot), { recursive: true });
     const png = await page.screenshot({ path: screenshot, type: 'png' });
