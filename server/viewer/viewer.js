@@ -151,6 +151,9 @@ function applyResult(result) {
     if (!mesh) { unknownBodies = true; continue; }
     place(mesh, id, s[layout.body.position], s[layout.body.rotation]);
   }
+  // A scene sent or loaded starts again from step 0, possibly with other bodies under the
+  // same ids: read it again.
+  if (viewer.step !== null && result[u.step] < viewer.step) unknownBodies = true;
   viewer.step = result[u.step];
   const details = result[u.details];
   viewer.time = details[u.time];
