@@ -11,6 +11,7 @@
 #include <msgpack.hpp>
 
 #include <dax/types.hpp>
+#include <qor/launch/server_process.hpp>
 #include <qor/qor_client.hpp>
 #include <qor/router/server.hpp>
 #include <qor/transport/connect.hpp>
@@ -301,6 +302,32 @@ TEST(ViewerListener, PlainRequestsGetThePageAndUpgradesStillJoin) {
     EXPECT_EQ(server.sessions().size(), 1u);
     server.stop();
     EXPECT_EQ(seen, (std::vector<std::string>{"GET /x?y=1", "HEAD /", "GET /throw"}));
+}
+
+TEST(ViewerListener, TheServerShipsThePageUnlessToldNot) {
+    struct Row {
+        std::vector<std::string> options;
+        const char* target;
+        const char* status_line;
+    };
+    const Row rows[] = {
+        {{}, "/", "HTTP/1.1 200 OK"},
+        {{}, "/lib/three.module.min.js", "HTTP/1.1 200 OK"},
+        {{}, "/../server.log", "HTTP/1.1 404 Not Found"},
+        {{"--no-viewer"}, "/", "HTTP/1.1 400 Bad Request"},
+    };
+    for (const Row& r : rows) {
+        TempFolder data;
+        launch::LaunchOptions options;
+        options.executable = launch::executable_folder() + "/qor-sim-server";
+        options.args = {"--data-dir", data.str(), "--no-rawsocket"};
+        options.args.insert(options.args.end(), r.options.begin(), r.options.end());
+        options.log_path = (data.path() / "server.log").string();
+        launch::ServerProcess server(options);
+        const std::string answer = raw_http(
+            server.websocket_port(), std::string("GET ") + r.target + " HTTP/1.1\r\nHost: a\r\n\r\n");
+        EXPECT_EQ(answer.substr(0, answer.find("\r\n")), r.status_line) << r.target;
+    }
 }
 
 }  // namespace
