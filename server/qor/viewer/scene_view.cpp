@@ -9,6 +9,7 @@
 #include <dax/types.hpp>
 #include <qor/serialization/msgpack.hpp>
 #include <qor/sim/scene.hpp>
+#include <rigid_body/layout.hpp>
 
 namespace qor::viewer {
 
