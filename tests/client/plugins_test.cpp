@@ -20,6 +20,8 @@
 #include <dax/plugins/folders.hpp>
 #include <dax/plugins/plugin_handler.hpp>
 
+#include "support/testing.hpp"
+
 namespace client_test {
 namespace {
 
@@ -27,30 +29,17 @@ namespace fs = std::filesystem;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
-/// A fresh folder under the system's temporary folder, removed with everything in it.
-class ScratchFolder {
+/// A scratch folder that plug-ins and stand-in files are put into.
+class ScratchFolder : public test_support::TempFolder {
   public:
-    ScratchFolder() {
-        std::string pattern = (fs::temp_directory_path() / "dax_client_XXXXXX").string();
-        if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-        path_ = fs::canonical(pattern);
-    }
-    ~ScratchFolder() {
-        std::error_code ec;
-        fs::remove_all(path_, ec);
-    }
-    const fs::path& path() const { return path_; }
     /// Creates a file with some text in it (not a loadable library).
-    void touch(const std::string& name) const { std::ofstream(path_ / name) << "not a library"; }
+    void touch(const std::string& name) const { std::ofstream(path() / name) << "not a library"; }
     /// Copies a built test plug-in in under another file name.
     void add_plugin(const std::string& built, const std::string& as) const {
         fs::path from = fs::path(CLIENT_TEST_PLUGIN_DIR) / built;
         if (!fs::exists(from)) from = fs::path(CLIENT_TEST_RUN_DIR) / built;
-        fs::copy_file(from, path_ / as);
+        fs::copy_file(from, path() / as);
     }
-
-  private:
-    fs::path path_;
 };
 
 std::string slurp(const fs::path& file) {

@@ -3,7 +3,6 @@
 // Helpers shared by the server tests: encoding arguments, decoding results, scenes and
 // temporary data folders.
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
@@ -14,7 +13,6 @@
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <dax/types/mesh.hpp>
 #include <dax/types/persistence.hpp>
@@ -23,30 +21,13 @@
 #include <qor/sim/core.hpp>
 #include <qor/sim/scene.hpp>
 
+#include "support/testing.hpp"
+
 namespace qor::sim::testing {
 
 namespace mp = serialization::msgpack;
 
-/// A fresh, empty folder under the system's temporary folder, removed at the end.
-class TempFolder {
-  public:
-    TempFolder() {
-        static std::atomic<int> counter{0};
-        path_ = std::filesystem::temp_directory_path() /
-                ("qor-sim-test-" + std::to_string(::getpid()) + "-" + std::to_string(counter++));
-        std::filesystem::remove_all(path_);
-        std::filesystem::create_directories(path_);
-    }
-    ~TempFolder() {
-        std::error_code ec;
-        std::filesystem::remove_all(path_, ec);
-    }
-    std::string str() const { return path_.string(); }
-    const std::filesystem::path& path() const { return path_; }
-
-  private:
-    std::filesystem::path path_;
-};
+using test_support::TempFolder;
 
 inline void pack_arg(std::vector<uint8_t>& out, const std::string& v) {
     mp::pack(out, v);

@@ -3,8 +3,11 @@
 // What every test area shares: hex byte vectors in and out, the text of a thrown error, and
 // the rule for tests that need a tool from outside the build (a Python peer, openssl).
 
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -70,6 +73,31 @@ std::string error_of(F&& f) {
     }
     return "";
 }
+
+/// A fresh, empty folder under the system's temporary folder, removed with everything in it.
+class TempFolder {
+  public:
+    TempFolder() {
+        static std::atomic<unsigned> counter{0};
+        std::random_device entropy;
+        do {
+            path_ = std::filesystem::temp_directory_path() /
+                    ("qor-test-" + std::to_string(entropy()) + "-" + std::to_string(counter++));
+        } while (!std::filesystem::create_directory(path_));
+        path_ = std::filesystem::canonical(path_);
+    }
+    TempFolder(const TempFolder&) = delete;
+    TempFolder& operator=(const TempFolder&) = delete;
+    ~TempFolder() {
+        std::error_code ec;
+        std::filesystem::remove_all(path_, ec);
+    }
+    const std::filesystem::path& path() const { return path_; }
+    std::string str() const { return path_.string(); }
+
+  private:
+    std::filesystem::path path_;
+};
 
 /// True when the tests run under CI (env `CI` set and not empty), where every tool a test
 /// needs is installed by scripts/install-deps and a missing one is a failure, not a skip.
