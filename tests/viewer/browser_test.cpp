@@ -24,7 +24,6 @@
 #include <qor/transport/connect.hpp>
 #include <rigid_body/components.hpp>
 
-#include "../server/sim_test_util.hpp"
 #include "support/testing.hpp"
 
 namespace {
@@ -70,7 +69,7 @@ TEST(ViewerBrowser, DrawsTheSceneMovesItAndPausesTheServer) {
     QOR_REQUIRE_TOOL(fs::exists(fs::path(QOR_VIEWER_NODE_MODULES) / "puppeteer-core"),
                      "puppeteer-core (scripts/install-deps runs npm ci)");
 
-    qor::sim::testing::TempFolder data;
+    test_support::TempFolder data;
     qor::launch::LaunchOptions launch;
     launch.executable = qor::launch::executable_folder() + "/qor-sim-server";
     launch.args = {"--data-dir", data.str(), "--devices", "20"};
