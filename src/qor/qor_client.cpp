@@ -52,4 +52,32 @@ void QorClient::serve_topic(const std::string& topic, wamp::Client* endpoint) {
     binder(endpoint);
 }
 
+wamp::Client& QorClient::adopt_server_endpoint(std::unique_ptr<wamp::Client> endpoint,
+                                               std::unique_ptr<wamp::Connection> connection,
+                                               const std::vector<std::string>& topics) {
+    wamp::Client& client = *endpoint;
+    owned_endpoints.push_back(std::move(endpoint));
+    owned_connections.push_back(std::move(connection));
+    server_endpoint = &client;
+    has_server = true;
+    server_connected = true;
+    for (const auto& topic : topics) serve_topic(topic, &client);
+    return client;
+}
+
+wamp::Client& QorClient::adopt_device_endpoint(std::unique_ptr<wamp::Client> endpoint,
+                                               std::unique_ptr<wamp::Connection> connection,
+                                               const std::vector<std::string>& topics) {
+    wamp::Client& client = *endpoint;
+    owned_endpoints.push_back(std::move(endpoint));
+    owned_connections.push_back(std::move(connection));
+    extra_endpoints.push_back(&client);
+    for (const auto& topic : topics) serve_topic(topic, &client);
+    return client;
+}
+
+void QorClient::set_endpoint_connected(const wamp::Client* endpoint, bool connected) {
+    if (endpoint != nullptr && server_endpoint == endpoint) server_connected = connected;
+}
+
 }  // namespace qor

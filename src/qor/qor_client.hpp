@@ -68,6 +68,21 @@ class QorClient {
     /// Records that `endpoint` serves `topic` and runs (then forgets) the binder waiting for it.
     void serve_topic(const std::string& topic, wamp::Client* endpoint);
 
+    /// Takes an endpoint opened by a transport, with its connection (destroyed first), and
+    /// makes it the server endpoint: `has_server` and `server_connected` are set and the
+    /// device topics it relays are served. Returns the endpoint.
+    wamp::Client& adopt_server_endpoint(std::unique_ptr<wamp::Client> endpoint,
+                                        std::unique_ptr<wamp::Connection> connection,
+                                        const std::vector<std::string>& topics = {});
+    /// Takes an endpoint opened by a transport as an extra endpoint (a device source) that
+    /// serves `topics`. Returns the endpoint.
+    wamp::Client& adopt_device_endpoint(std::unique_ptr<wamp::Client> endpoint,
+                                        std::unique_ptr<wamp::Connection> connection,
+                                        const std::vector<std::string>& topics);
+    /// A transport's report that `endpoint`'s session opened or was lost; only the current
+    /// server endpoint speaks for `server_connected`.
+    void set_endpoint_connected(const wamp::Client* endpoint, bool connected);
+
   private:
     void check_connected() const;
     void log_binding_error(const std::string& text) const;

@@ -6,4 +6,5 @@
 #include <qor/transport/auth.hpp>
 #include <qor/transport/connect.hpp>
 #include <qor/transport/rawsocket.hpp>
+#include <qor/transport/reconnect.hpp>
 #include <qor/transport/url.hpp>

@@ -226,21 +226,30 @@ TEST(RouterOpening, EachReceivedMessageGivesItsRepliesAndStage) {
          {"93 01 A5 6F 74 68 65 72 80"},
          {"93 03 81 A7 6D 65 73 73 61 67 65 B0 6E 6F 20 72 65 61 6C 6D 20 27 6F 74 68 65 72 27 B8 "
           "77 61 6D 70 2E 65 72 72 6F 72 2E 6E 6F 5F 73 75 63 68 5F 72 65 61 6C 6D"},
-         Stage::refused},
+         Stage::refused,
+         "",
+         "",
+         ""},
         {"no HELLO first",
          false,
          {"94 30 01 80 A1 70"},
          {"93 03 81 A7 6D 65 73 73 61 67 65 B8 65 78 70 65 63 74 65 64 20 48 45 4C 4C 4F 2C 20 67 "
           "6F 74 20 43 41 4C 4C BD 77 61 6D 70 2E 65 72 72 6F 72 2E 70 72 6F 74 6F 63 6F 6C 5F 76 "
           "69 6F 6C 61 74 69 6F 6E"},
-         Stage::refused},
+         Stage::refused,
+         "",
+         "",
+         ""},
         {"unknown authid",
          true,
          {"93 01 A6 72 65 61 6C 6D 31 82 A6 61 75 74 68 69 64 A3 65 76 65 AB 61 75 74 68 6D 65 74 "
           "68 6F 64 73 91 A6 74 69 63 6B 65 74"},
          {"93 03 81 A7 6D 65 73 73 61 67 65 B4 75 6E 6B 6E 6F 77 6E 20 61 75 74 68 69 64 20 27 65 "
           "76 65 27 B9 77 61 6D 70 2E 65 72 72 6F 72 2E 6E 6F 74 5F 61 75 74 68 6F 72 69 7A 65 64"},
-         Stage::refused},
+         Stage::refused,
+         "",
+         "",
+         ""},
         {"no accepted method",
          true,
          {"93 01 A6 72 65 61 6C 6D 31 82 A6 61 75 74 68 69 64 A5 61 6C 69 63 65 AB 61 75 74 68 6D "
@@ -251,7 +260,8 @@ TEST(RouterOpening, EachReceivedMessageGivesItsRepliesAndStage) {
           "68 5F 6D 65 74 68 6F 64"},
          Stage::refused,
          "alice",
-         "user"},
+         "user",
+         ""},
         {"ticket challenged",
          true,
          {hello_alice_ticket},

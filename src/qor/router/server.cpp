@@ -15,6 +15,7 @@
 #include <boost/asio/ssl/context.hpp>
 #include <boost/asio/steady_timer.hpp>
 
+#include <qor/router/detail/accept.hpp>
 #include <qor/serialization/msgpack.hpp>
 #include <qor/transport/detail/channel.hpp>
 #include <qor/wamp/message.hpp>
@@ -122,12 +123,12 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
                 self->end(peer, "opening timed out");
             }
         });
-        transport::detail::AcceptSettings settings;
+        detail::AcceptSettings settings;
         settings.framing = framing;
         settings.tls_context = tls ? &*tls : nullptr;
         settings.max_message_size = options.max_message_size;
         if (framing == transport::detail::Framing::websocket) settings.http = options.http;
-        peer->opening = transport::detail::accept_server(
+        peer->opening = detail::accept_server(
             std::move(socket), settings,
             [self = shared_from_this(), weak](std::shared_ptr<transport::detail::Channel> channel,
                                               const std::string& cause) {
@@ -135,7 +136,7 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
                 if (!peer) return;
                 peer->opening.reset();
                 if (!channel) {
-                    if (cause != transport::detail::kServedHttp)
+                    if (cause != detail::kServedHttp)
                         self->log_info("[transport server] handshake failed: {}", cause);
                     self->forget(peer);
                     return;

@@ -1,7 +1,6 @@
 #include <qor/transport/connect.hpp>
 
 #include <algorithm>
-#include <cmath>
 #include <deque>
 #include <optional>
 #include <random>
@@ -271,7 +270,7 @@ struct Endpoint::Impl {
     // Only the endpoint the peer calls its server speaks for the server's state; an older
     // server endpoint replaced by a second `connect` no longer does.
     void set_server_connected(bool connected) {
-        if (is_server && peer.server_endpoint == client) peer.server_connected = connected;
+        if (is_server) peer.set_endpoint_connected(client, connected);
     }
 
     // The session is established: flags, subscriptions, observers.
@@ -377,17 +376,6 @@ struct Endpoint::Impl {
         }
     }
 
-    milliseconds retry_delay() {
-        const ReconnectPolicy& p = options.reconnect;
-        double ms = double(p.initial_delay.count()) * std::pow(p.growth, attempt);
-        ms = std::min(ms, double(p.max_delay.count()));
-        if (p.jitter > 0) {
-            std::uniform_real_distribution<double> spread(-p.jitter, p.jitter);
-            ms *= 1.0 + spread(jitter_random);
-        }
-        return milliseconds(std::max<long long>(0, static_cast<long long>(ms)));
-    }
-
     // Schedules the next automatic attempt if the policy allows one; tells the observers.
     void schedule(const std::string& reason) {
         const ReconnectPolicy& p = options.reconnect;
@@ -395,7 +383,7 @@ struct Endpoint::Impl {
             p.enabled && !auth_refused && (p.max_retries == 0 || attempt < p.max_retries);
         milliseconds delay(0);
         if (retry) {
-            delay = retry_delay();
+            delay = next_delay(p, attempt, jitter_random);
             next_attempt = Clock::now() + delay;
         }
         tell(LinkState::disconnected, reason, retry, delay);
@@ -504,19 +492,12 @@ Endpoint& open_endpoint(QorClient& peer, const std::string& url, const ConnectOp
     state.client->connection = endpoint.get();
     state.open_blocking();
     // Opened: the peer takes both; the connection goes first when the peer is destroyed.
-    wamp::Client* client = state.client;
-    peer.owned_endpoints.push_back(std::move(state.owned_client));
     Endpoint& result = *endpoint;
-    peer.owned_connections.push_back(std::move(endpoint));
-    if (topics) {
-        peer.extra_endpoints.push_back(client);
-        for (const auto& topic : *topics) peer.serve_topic(topic, client);
-    } else {
-        peer.server_endpoint = client;
-        peer.has_server = true;
-        peer.server_connected = true;
-        for (const auto& topic : options.served_topics) peer.serve_topic(topic, client);
-    }
+    if (topics)
+        peer.adopt_device_endpoint(std::move(state.owned_client), std::move(endpoint), *topics);
+    else
+        peer.adopt_server_endpoint(std::move(state.owned_client), std::move(endpoint),
+                                   options.served_topics);
     return result;
 }
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <qor/qor_client.hpp>
+#include <qor/transport/reconnect.hpp>
 #include <qor/wamp/client.hpp>
 #include <qor/wamp/connection.hpp>
 
@@ -16,16 +17,6 @@ class logger;
 }
 
 namespace qor::transport {
-
-/// When and how often a lost endpoint reopens by itself (never after an authentication failure).
-struct ReconnectPolicy {
-    bool enabled = false;                          ///< off: a lost endpoint stays down
-    int max_retries = 10;                          ///< attempts per loss; 0 means no limit
-    std::chrono::milliseconds initial_delay{250};  ///< wait before the first attempt
-    double growth = 2.0;                           ///< each further wait is this much longer
-    std::chrono::milliseconds max_delay{10000};    ///< waits never exceed this
-    double jitter = 0.2;                           ///< each wait varies by up to this share
-};
 
 /// How an endpoint opens and keeps its session.
 struct ConnectOptions {
@@ -97,9 +88,8 @@ class Endpoint : public wamp::Connection {
     /// Says GOODBYE, waits up to the connect time-out for the answer, closes. No reconnect follows.
     void close(const std::string& reason = "wamp.close.close_realm");
 
-    struct Impl;
-
   private:
+    struct Impl;
     explicit Endpoint(std::unique_ptr<Impl> impl);
     std::unique_ptr<Impl> impl_;
     friend Endpoint& open_endpoint(QorClient&, const std::string&, const ConnectOptions&,

@@ -60,6 +60,8 @@ struct Frame {
 /// `prepare` and `commit`); `next` hands out each complete frame. A frame type above 2 or a
 /// length above the limit throws std::runtime_error ("rawsocket: invalid frame type",
 /// "rawsocket: frame too large"); the splitter is unusable afterwards.
+///
+/// Threading: a plain value with no I/O; one thread at a time.
 class Splitter {
   public:
     /// Frames longer than `max_length` bytes are refused.

@@ -34,6 +34,9 @@ serialization::msgpack::buffer encode_argument(std::vector<uint8_t>& scratch, co
 }
 
 /// One remote call being prepared: procedure, encoded arguments and result handler.
+///
+/// Threading: built and handed to `Caller::call` on the pumping thread; `onResult` runs there,
+/// inside a pump pass.
 template <class T>
 class RPC {
   public:

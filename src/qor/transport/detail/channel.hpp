@@ -9,10 +9,8 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl/context.hpp>
 
-#include <qor/transport/http.hpp>
-
 // Message-oriented links over RawSocket or WebSocket, plain or TLS, on one io_context. The
-// client and the server side share them; everything here runs on the thread that runs the
+// client and the router side share them; everything here runs on the thread that runs the
 // io_context, and nothing here is thread-safe.
 namespace qor::transport::detail {
 
@@ -74,24 +72,6 @@ class Opening {
 /// with the channel, or with null and the cause.
 std::shared_ptr<Opening> open_client(
     asio::io_context& io, const ClientSettings& settings,
-    std::function<void(std::shared_ptr<Channel>, const std::string& cause)> done);
-
-/// What an accepting server needs.
-struct AcceptSettings {
-    Framing framing = Framing::rawsocket;
-    asio::ssl::context* tls_context = nullptr;  ///< non-null: TLS first
-    uint32_t max_message_size = 1u << 24;
-    /// WebSocket only: answers requests that do not ask for an upgrade; unset, they get 400.
-    HttpHandler http;
-};
-
-/// The cause an accepted opening reports when it answered a plain HTTP request instead.
-inline constexpr const char* kServedHttp = "served a plain HTTP request";
-
-/// Runs TLS and the framing handshake on an accepted socket (TCP_NODELAY set), then calls
-/// `done` with the channel, or with null and the cause.
-std::shared_ptr<Opening> accept_server(
-    tcp::socket socket, const AcceptSettings& settings,
     std::function<void(std::shared_ptr<Channel>, const std::string& cause)> done);
 
 }  // namespace qor::transport::detail

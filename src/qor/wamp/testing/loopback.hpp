@@ -17,6 +17,8 @@ namespace qor::wamp::testing {
 /// An in-memory connection for tests: it records what its endpoint writes and delivers what
 /// the test injects, as a router would, through parse and dispatch inside a pump pass.
 /// Attaching installs the endpoint's `connection` and `session.write`; destruction detaches.
+///
+/// Threading: the pumping thread only, like the endpoint it serves; it never blocks.
 class LoopbackConnection : public Connection {
   public:
     /// The pass that delivers injected messages.

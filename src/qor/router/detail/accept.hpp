@@ -1,0 +1,38 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include <qor/transport/detail/channel.hpp>
+#include <qor/transport/http.hpp>
+
+// The router's transport opening of an accepted connection: TLS, then the RawSocket or
+// WebSocket handshake. The WAMP opening that follows is wamp::RouterOpening's.
+namespace qor::router::detail {
+
+using transport::detail::Channel;
+using transport::detail::Framing;
+using transport::detail::Opening;
+using transport::detail::tcp;
+
+/// What an accepting server needs.
+struct AcceptSettings {
+    Framing framing = Framing::rawsocket;
+    boost::asio::ssl::context* tls_context = nullptr;  ///< non-null: TLS first
+    uint32_t max_message_size = 1u << 24;
+    /// WebSocket only: answers requests that do not ask for an upgrade; unset, they get 400.
+    transport::HttpHandler http;
+};
+
+/// The cause an accepted opening reports when it answered a plain HTTP request instead.
+inline constexpr const char* kServedHttp = "served a plain HTTP request";
+
+/// Runs TLS and the framing handshake on an accepted socket (TCP_NODELAY set), then calls
+/// `done` with the channel, or with null and the cause.
+std::shared_ptr<Opening> accept_server(
+    tcp::socket socket, const AcceptSettings& settings,
+    std::function<void(std::shared_ptr<Channel>, const std::string& cause)> done);
+
+}  // namespace qor::router::detail
