@@ -1,0 +1,144 @@
+// The broker and dealer as a peer sees them on the wire: one raw RawSocket session sends
+// each message and reads the answer, byte for byte. Expected bytes were written with an
+// independent MessagePack encoder.
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "harness.hpp"
+#include "support/testing.hpp"
+
+namespace {
+
+using namespace transport_test;
+using test_support::hex;
+using test_support::to_hex;
+
+// A blocking RawSocket peer on plain sockets; every read gives up after two seconds.
+class RawSession {
+  public:
+    explicit RawSession(uint16_t port) {
+        fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+        timeval limit{2, 0};
+        ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(port);
+        connected_ = ::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    }
+    ~RawSession() { ::close(fd_); }
+
+    bool open() {
+        if (!connected_) return false;
+        const auto hello = qor::transport::rawsocket::client_hello(
+            qor::transport::rawsocket::exponent_for(1u << 24));
+        std::vector<uint8_t> reply(4);
+        if (!write(hello.data(), 4) || !read(reply.data(), 4) || reply[1] >> 4 == 0) return false;
+        send(hex("93 01 A6 72 65 61 6C 6D 31 80"));  // HELLO "realm1"
+        const std::vector<uint8_t> welcome = receive();
+        return welcome.size() > 1 && welcome[1] == 0x02;
+    }
+
+    bool send(const std::vector<uint8_t>& message) {
+        const uint32_t n = uint32_t(message.size());
+        const uint8_t header[4] = {0, uint8_t(n >> 16), uint8_t(n >> 8), uint8_t(n)};
+        return write(header, 4) && write(message.data(), message.size());
+    }
+
+    /// The next message frame (pings are not sent by the router); empty when none came.
+    std::vector<uint8_t> receive() {
+        uint8_t header[4];
+        if (!read(header, 4)) return {};
+        std::vector<uint8_t> payload((header[1] << 16) | (header[2] << 8) | header[3]);
+        if (!read(payload.data(), payload.size())) return {};
+        return payload;
+    }
+
+  private:
+    bool write(const uint8_t* data, size_t size) {
+        return ::send(fd_, data, size, MSG_NOSIGNAL) == ssize_t(size);
+    }
+    bool read(uint8_t* data, size_t size) {
+        size_t got = 0;
+        while (got < size) {
+            const ssize_t n = ::recv(fd_, data + got, size - got, 0);
+            if (n <= 0) return false;
+            got += size_t(n);
+        }
+        return true;
+    }
+
+    int fd_ = -1;
+    bool connected_ = false;
+};
+
+}  // namespace
+
+TEST(Broker, EachMessageGetsItsAnswer) {
+    struct Row {
+        const char* name;
+        const char* sent;
+        const char* answer;  // the whole answer, or its start when `prefix_only`
+        bool prefix_only;
+    };
+    const Row rows[] = {
+        {"SUBSCRIBE confirmed with the topic's id", "94 20 01 80 A1 74", "93 21 01 01", false},
+        {"UNSUBSCRIBE of an unknown id refused", "93 22 02 63",
+         "96 08 22 02 80 BF 77 61 6D 70 2E 65 72 72 6F 72 2E 6E 6F 5F 73 75 63 68 5F 73 75 62 73 "
+         "63 "
+         "72 69 70 74 69 6F 6E 91 AE 6E 6F 74 20 73 75 62 73 63 72 69 62 65 64",
+         false},
+        {"REGISTER refused", "94 40 04 80 A1 70",
+         "96 08 40 04 80 B9 77 61 6D 70 2E 65 72 72 6F 72 2E 6E 6F 74 5F 61 75 74 68 6F 72 69 7A "
+         "65 64 91 D9 24 74 68 69 73 20 73 65 72 76 65 72 20 61 63 63 65 70 74 73 20 6E 6F 20 72 "
+         "65 67 69 73 74 72 61 74 69 6F 6E 73",
+         false},
+        {"CALL answered by the dealer", "95 30 06 80 A4 65 63 68 6F 91 01", "94 32 06 80 91 01",
+         false},
+        // The publisher is subscribed to "t" but gets no EVENT of its own publication: the
+        // next frame is the acknowledgement.
+        {"PUBLISH acknowledged, no copy to the publisher",
+         "95 10 05 81 AB 61 63 6B 6E 6F 77 6C 65 64 67 65 C3 A1 74 91 A1 78", "93 11 05", true},
+        {"UNSUBSCRIBE confirmed", "93 22 03 01", "92 23 03", false},
+    };
+    Router router;
+    RawSession session(router.server.rawsocket_port());
+    ASSERT_TRUE(session.open());
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        ASSERT_TRUE(session.send(hex(row.sent)));
+        std::vector<uint8_t> got = session.receive();
+        const std::vector<uint8_t> expected = hex(row.answer);
+        if (row.prefix_only && got.size() > expected.size()) got.resize(expected.size());
+        EXPECT_EQ(to_hex(got), to_hex(expected));
+    }
+}
+
+TEST(Broker, EventsReachEverySubscriberButThePublisher) {
+    Router router;
+    RawSession a(router.server.rawsocket_port()), b(router.server.rawsocket_port());
+    ASSERT_TRUE(a.open());
+    ASSERT_TRUE(b.open());
+    for (RawSession* s : {&a, &b}) {
+        ASSERT_TRUE(s->send(hex("94 20 01 80 A1 74")));  // SUBSCRIBE "t"
+        ASSERT_EQ(to_hex(s->receive()), to_hex(hex("93 21 01 01")));
+    }
+    ASSERT_TRUE(a.send(hex("95 10 05 80 A1 74 91 A1 78")));  // PUBLISH "t" ["x"], no ack
+    // EVENT [36, 1, publication, {}, ["x"]]: the publication id is random.
+    const std::vector<uint8_t> event = b.receive();
+    ASSERT_GE(event.size(), 3u);
+    EXPECT_EQ(to_hex(std::vector<uint8_t>(event.begin(), event.begin() + 3)),
+              to_hex(hex("95 24 01")));
+    EXPECT_EQ(to_hex(std::vector<uint8_t>(event.end() - 4, event.end())),
+              to_hex(hex("80 91 A1 78")));
+    EXPECT_EQ(router.publish("t", "y"), 2);  // the library's own publish reaches both
+}
