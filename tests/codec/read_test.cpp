@@ -252,6 +252,28 @@ TEST(ReadContainer, CountErrorsConsumeOnlyTheHeader) {
               "reading tuple : wrong number of fields. 1 fields in message, 2 in tuple");
     EXPECT_EQ(p.position, 1u);
 
+    // The count is compared before the bytes left: a header alone still gets the count error.
+    struct Row {
+        const char* bytes;
+        std::string message;
+    };
+    const Row rows[] = {
+        {"93", "reading tuple : wrong number of fields. 3 fields in message, 2 in tuple"},
+        {"dc ff ff", "reading tuple : wrong number of fields. 65535 fields in message, 2 in tuple"},
+        {"dd 00 01 00 00",
+         "reading tuple : wrong number of fields. 65536 fields in message, 2 in tuple"},
+        {"92 01", "unexpected end of data"},
+    };
+    for (const Row& row : rows) {
+        const auto bytes = hex(row.bytes);
+        msgpack::ReadBuffer cut(bytes.data(), bytes.size());
+        std::pair<int, int> pair;
+        EXPECT_EQ(error_of([&] { msgpack::read(cut, pair); }), row.message) << row.bytes;
+        std::tuple<int, int> tuple;
+        msgpack::ReadBuffer again(bytes.data(), bytes.size());
+        EXPECT_EQ(error_of([&] { msgpack::read(again, tuple); }), row.message) << row.bytes;
+    }
+
     EXPECT_EQ(error_of([] { msgpack::throw_struct_count(4, 3); }),
               "reading struct : wrong number of fields. 4 fields in message, 3 in struct");
     EXPECT_EQ(error_of([] { msgpack::throw_struct_count(4294967296ull, 0); }),

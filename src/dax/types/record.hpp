@@ -251,7 +251,7 @@ void read_field(msgpack::ReadBuffer& in, std::vector<E>& values) {
 // Header, count test, then every field in order: the path every accepted form goes through.
 template <class T>
 void read_fields(msgpack::ReadBuffer& in, T& record) {
-    const uint64_t count = msgpack::read_array_header(in);
+    const uint64_t count = msgpack::read_fields_header(in);
     if (count != field_count_v<T>) msgpack::throw_struct_count(count, field_count_v<T>);
     std::apply([&in](auto&... f) { (read_field(in, f), ...); }, record.fields());
 }

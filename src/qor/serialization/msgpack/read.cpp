@@ -41,14 +41,14 @@ double read_floating(ReadBuffer& in, const char* wrong_type) {
 
 // Reads a container header and refuses a count whose elements, at `min_element_bytes` each,
 // cannot fit in what is left: a hostile five-byte input must not make a caller resize a
-// vector to four billion elements.
+// vector to four billion elements. With 0 the count is not compared with the bytes left.
 uint64_t read_container_header(ReadBuffer& in, uint8_t fix_base, uint8_t form16,
                                uint64_t min_element_bytes, const char* wrong_type) {
     const uint64_t avail = available(in);
     uint64_t count;
     const uint64_t header =
         detail::decode_container_header(next(in), avail, count, fix_base, form16, wrong_type);
-    if (count > (avail - header) / min_element_bytes) fail(end_of_data);
+    if (min_element_bytes != 0 && count > (avail - header) / min_element_bytes) fail(end_of_data);
     in.position += header;
     return count;
 }
@@ -109,6 +109,11 @@ ReadBuffer::ReadBuffer(const uint8_t* bytes, uint64_t count)
 
 uint64_t read_array_header(ReadBuffer& in) {
     return read_container_header(in, 0x90, 0xDC, 1, "inconsistent data while parsing array");
+}
+
+uint64_t read_fields_header(ReadBuffer& in) {
+    // Every element takes at least one byte, but the count is the caller's to judge first.
+    return read_container_header(in, 0x90, 0xDC, 0, "inconsistent data while parsing array");
 }
 
 uint64_t read_map_header(ReadBuffer& in) {

@@ -34,6 +34,11 @@ struct ReadBuffer {
 /// Array header count: fixarray, array 16, array 32. Refuses a count larger than the bytes left
 /// ("unexpected end of data", header not consumed).
 uint64_t read_array_header(ReadBuffer& in);
+/// Array header count of a record or tuple, checked only for the header's own bytes: the caller
+/// compares the count with its number of fields first, so a wrong count gets the count error
+/// even when the bytes left could not hold that many values. Each field is bounds-checked when
+/// it is read.
+uint64_t read_fields_header(ReadBuffer& in);
 /// Map header count: fixmap, map 16, map 32. Refuses a count larger than half the bytes left.
 uint64_t read_map_header(ReadBuffer& in);
 
@@ -132,7 +137,7 @@ void read(ReadBuffer& in, std::map<K, V>& values) {
 /// Array header that must count exactly N, then each member.
 template <class... Ts>
 void read(ReadBuffer& in, std::tuple<Ts...>& values) {
-    const uint64_t count = read_array_header(in);
+    const uint64_t count = read_fields_header(in);
     if (count != sizeof...(Ts)) throw_tuple_count(count, sizeof...(Ts));
     std::apply([&in](auto&... v) { (read(in, v), ...); }, values);
 }
@@ -140,7 +145,7 @@ void read(ReadBuffer& in, std::tuple<Ts...>& values) {
 /// Array header that must count exactly 2, then both members.
 template <class A, class B>
 void read(ReadBuffer& in, std::pair<A, B>& value) {
-    const uint64_t count = read_array_header(in);
+    const uint64_t count = read_fields_header(in);
     if (count != 2) throw_tuple_count(count, 2);
     read(in, value.first);
     read(in, value.second);
