@@ -56,6 +56,7 @@ class QorClient {
               const Args&... args);
 
     /// Subscribes `handler` to `topic` on the server endpoint; returns the handler id.
+    /// Throws "qor client cannot call operations before server is connected".
     template <class T>
     uint64_t bind_publish(const std::string& topic, const std::function<void(T)>& handler,
                           const std::function<void(bool, std::string)>& on_subscribed);
@@ -100,6 +101,7 @@ void QorClient::call(const std::function<void(wamp::RpcResult<T>)>& cb,
 template <class T>
 uint64_t QorClient::bind_publish(const std::string& topic, const std::function<void(T)>& handler,
                                  const std::function<void(bool, std::string)>& on_subscribed) {
+    check_connected();
     std::function<void(bool, std::string)> status = [on_subscribed](bool ok, std::string text) {
         if (on_subscribed) on_subscribed(ok, text);
     };

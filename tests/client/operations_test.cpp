@@ -179,6 +179,29 @@ TEST_F(OperationsTest, BlockingFormThrowsTheServerErrorTextAsIs) {
     EXPECT_EQ(error_of([&] { client->CLEAR_SCENE(); }), "qor.error.scene_locked");
 }
 
+TEST_F(OperationsTest, OtherHandlersErrorsStayOutOfABlockingCall) {
+    client->init("", nullptr);
+    net.link.confirm_subscription("qor.server.update", qor::wamp::Id(900));
+    client->full_update();
+    // A state update naming a component this client lacks, then the call's own answer.
+    types::integration_result_t unknown;
+    unknown.states = buffer(hex("81 63 c0"));
+    net.on_pass(2, [&] {
+        net.link.publish_event(qor::wamp::Id(900), unknown);
+        net.link.reply_last_result(7);
+    });
+    EXPECT_EQ(client->CLEAR_SCENE(), 7);
+    EXPECT_EQ(client->handler_errors, 1u);
+
+    // The call's own answer failing to decode still leaves through the call.
+    net.on_pass(net.link.first_passes + 1, [&] { net.link.reply_last_result(std::string("x")); });
+    EXPECT_EQ(error_of([&] { client->CLEAR_SCENE(); }), "expecting integer value");
+    // Pumped by the application, the same handler error leaves through full_update.
+    net.link.publish_event(qor::wamp::Id(900), unknown);
+    EXPECT_THROW(client->full_update(), std::runtime_error);
+    EXPECT_EQ(client->handler_errors, 1u);
+}
+
 TEST_F(OperationsTest, NotConnectedFailsBothFormsWithoutSendingOrPumping) {
     net.peer.server_connected = false;
     const char* text = "qor client cannot call operations before server is connected";
@@ -219,8 +242,7 @@ TEST_F(OperationsTest, ResultInThePassThatPassesTheLimitIsATimeout) {
         net.link.reply_last_result(11);
         client->setTimeoutMs(-1);
     });
-    EXPECT_EQ(error_of([&] { client->DUMP(); }),
-              "DaxClient: timeout during 'DUMP' call");
+    EXPECT_EQ(error_of([&] { client->DUMP(); }), "DaxClient: timeout during 'DUMP' call");
     EXPECT_EQ(net.link.first_passes, 3u);
 }
 

@@ -227,5 +227,18 @@ TEST_F(LifecycleTest, InitSubscribesTheStateTopicAndReportsTheOutcome) {
     EXPECT_NO_THROW(third.full_update());
 }
 
+TEST(Lifecycle, InitBeforeTheServerIsConnectedIsRefused) {
+    // No server endpoint at all, then one whose session is not open yet.
+    qor::QorClient bare;
+    LoopbackPeer waiting;
+    waiting.peer.server_connected = false;
+    for (qor::QorClient* peer : {&bare, &waiting.peer}) {
+        DaxClient client(peer);
+        EXPECT_EQ(error_of([&] { client.init("", nullptr); }),
+                  "qor client cannot call operations before server is connected");
+    }
+    EXPECT_TRUE(waiting.link.written.empty());
+}
+
 }  // namespace
 }  // namespace client_test

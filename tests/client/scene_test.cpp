@@ -120,6 +120,18 @@ TEST_F(SceneTest, CreateModeBuildsEveryComponent) {
     EXPECT_EQ(client->next_component_id, 0);
 }
 
+TEST_F(SceneTest, IdNamedTwiceKeepsTheLastComponentAndFreesTheFirst) {
+    // The first Body 3 is deleted when the second replaces it; the sanitizer build's leak
+    // check reports it otherwise.
+    client->deserialize_components(
+        buffer(
+            hex("93  94 a4 426f6479 03 01 c0  94 a4 426f6479 03 02 c0  94 a4 426f6479 04 05 c0")),
+        true);
+    ASSERT_EQ(client->components.size(), 2u);
+    EXPECT_EQ(body(3)->getClientId(), 2);
+    EXPECT_EQ(body(4)->getClientId(), 5);
+}
+
 TEST_F(SceneTest, EmptySceneChangesNothing) {
     client->Create("Body", 1, 0);
     client->deserialize_components(buffer(hex("90")), true);

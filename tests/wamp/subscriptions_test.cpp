@@ -309,3 +309,23 @@ TEST(WampBindDevice, RefusedTopicRaisesWhenTheBinderRunsAndDoesNotWaitAgain) {
     EXPECT_TRUE(p.peer.pending_device_bindings.empty());
     EXPECT_TRUE(p.link.written.empty());
 }
+
+TEST(WampSubscribe, RefusedBeforeTheServerIsConnected) {
+    const std::string text = "qor client cannot call operations before server is connected";
+    qor::QorClient bare;  // no server endpoint at all
+    std::vector<int> values;
+    EXPECT_EQ(error_of([&] {
+                  bare.bind_publish<types::integration_result_t>(update_topic, count_into(values),
+                                                                 {});
+              }),
+              text);
+    LoopbackPeer p;
+    p.peer.server_connected = false;
+    EXPECT_EQ(error_of([&] {
+                  p.peer.bind_publish<types::integration_result_t>(update_topic, count_into(values),
+                                                                   {});
+              }),
+              text);
+    EXPECT_TRUE(p.link.written.empty());
+    EXPECT_TRUE(p.server.subscriber.handlers.empty());
+}

@@ -193,6 +193,11 @@ class DaxClient {
     DeviceStores<dax::types::openvr_frame_t> openvr;       ///< kOpenvrTopics, by stream id
     DeviceStore<dax::types::moticon_frame_t> moticon;      ///< kMoticonTopics
 
+    /// Errors raised by other handlers (events, other calls' callbacks) while a blocking
+    /// operation pumped: each is logged at error level on "logger" and counted here instead of
+    /// leaving through the unrelated operation. full_update() still lets them through.
+    uint64_t handler_errors = 0;
+
   private:
     // Construction after the fields: prints, loads plug-ins, subscribes the device topics.
     void load_plugins_and_subscribe();
@@ -210,6 +215,8 @@ class DaxClient {
     void call(const char* name, const Callback<T>& callback, const Args&... args);
     template <class T, class Send>
     T wait_for(const char* name, const Send& send);
+    // Logs and counts an error of another handler met during the blocking call `name`.
+    void note_handler_error(const char* name, const std::exception& error);
 
     template <class Frame>
     void bind_stream(DeviceStore<Frame>& store, const std::string& topic);

@@ -7,6 +7,7 @@
 #include <string>
 #include <utility>
 
+#include <dax/plugins/plugin_handler.hpp>
 #include <qor/qor_client.hpp>
 
 namespace dax::client {
@@ -14,6 +15,14 @@ namespace dax::client {
 namespace {
 
 constexpr const char* kOperationPrefix = "qor.server.operation.";
+
+// The server's error for a blocking call, raised from its completion inside the pump; `slot`
+// tells the wait it belongs to from a nested blocking call's.
+struct CallFailed : std::runtime_error {
+    CallFailed(const std::string& text, const void* owner)
+        : std::runtime_error(text), slot(owner) {}
+    const void* slot;
+};
 
 }  // namespace
 
@@ -36,7 +45,7 @@ T DaxClient::wait_for(const char* name, const Send& send) {
     const Callback<T> completion = [slot](qor::wamp::RpcResult<T> result) {
         // Nobody is waiting any more: a late value or error changes nothing.
         if (!slot->waiting) return;
-        if (result.isError) throw std::runtime_error(result.error);
+        if (result.isError) throw CallFailed(result.error, slot.get());
         slot->value = std::move(result.value);
         slot->done = true;
     };
@@ -48,8 +57,20 @@ T DaxClient::wait_for(const char* name, const Send& send) {
     using clock = std::chrono::steady_clock;
     const clock::time_point start = clock::now();
     send(completion);
+    // An exception met while this call's handler is no longer pending, and has not completed,
+    // is its own answer failing to decode: that one leaves through this call too.
+    const qor::wamp::Caller& caller = peer->server_endpoint->caller;
+    const uint64_t request = caller.last_request;
     while (!slot->done) {
-        full_update();
+        try {
+            full_update();
+        } catch (const CallFailed& e) {
+            if (e.slot == slot.get()) throw;
+            note_handler_error(name, e);
+        } catch (const std::exception& e) {
+            if (!slot->done && caller.pending.count(request) == 0) throw;
+            note_handler_error(name, e);
+        }
         const auto elapsed =
             std::chrono::duration_cast<std::chrono::nanoseconds>(clock::now() - start);
         const auto elapsed_ms = static_cast<int32_t>(elapsed.count() / 1000000);
@@ -60,6 +81,13 @@ T DaxClient::wait_for(const char* name, const Send& send) {
         }
     }
     return std::move(slot->value);
+}
+
+void DaxClient::note_handler_error(const char* name, const std::exception& error) {
+    ++handler_errors;
+    if (auto logger = dax::plugins::plugin_logger()) {
+        logger->error("[Client] error in a handler during '{}' call: {}", name, error.what());
+    }
 }
 
 // Every operation is one line of operations.def; these expand it into its two forms, which

@@ -2,6 +2,7 @@
 // per-step state updates applied to the components.
 #include <dax/client/dax_client.hpp>
 
+#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -55,6 +56,9 @@ namespace {
 void DaxClient::deserialize_components(const msgpack::buffer& data, bool create) {
     msgpack::ReadBuffer in(data);
     const uint64_t count = msgpack::read_array_header(in);
+    // Components this scene created so far, by id: a scene naming an id twice replaces the
+    // first component, which nobody else holds, so it is deleted rather than lost.
+    std::map<int64_t, IClientComponent*> created;
     for (uint64_t i = 0; i < count; ++i) {
         msgpack::read_array_header(in);  // four by contract; each component reads its own value
         std::string type;
@@ -66,6 +70,9 @@ void DaxClient::deserialize_components(const msgpack::buffer& data, bool create)
         IClientComponent* component = nullptr;
         if (create) {
             component = Create(type, id, client_id);
+            IClientComponent*& earlier = created[id];
+            delete earlier;
+            earlier = component;
         } else {
             component = getComponent(id);
             if (component == nullptr) throw_missing(id);

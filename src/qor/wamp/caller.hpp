@@ -24,6 +24,7 @@ class Caller {
     std::map<uint64_t, std::function<void(const Message&)>> pending;
     spdlog::logger* logger = nullptr;  ///< may be null
     std::string name;                  ///< shown in log lines
+    uint64_t last_request = 0;         ///< request id of the latest call registered
 
     /// A caller sending through `owner`.
     explicit Caller(Session* owner) : session(owner) {}
@@ -49,6 +50,7 @@ class Caller {
 template <class T>
 void Caller::call(const RPC<T>& rpc) {
     const Id request = Id::Random();
+    last_request = request.value();
     pending.insert_or_assign(request.value(), [rpc](const Message& answer) {
         RpcResult<T> result;
         if (answer.type == ERROR) {
