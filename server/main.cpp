@@ -160,6 +160,31 @@ qor::router::Broker::Dealer serve_operation(SimulationCore& core) {
     };
 }
 
+// The topics this server publishes: the state updates and every stream of each device family
+// ("kinect_frame_3" as well as the "kinect_frame_0" the simulator feeds).
+bool server_owned(const std::string& topic) {
+    static const std::vector<std::string> devices = [] {
+        std::vector<std::string> names;
+        for (const qor::sim::DeviceFrame& frame : qor::sim::make_device_frames(0, 0)) {
+            std::string name = frame.topic;
+            if (name.size() > 2 && name.compare(name.size() - 2, 2, "_0") == 0)
+                name.pop_back();  // a numbered family: the stem, "kinect_frame_"
+            names.push_back(name);
+        }
+        return names;
+    }();
+    if (topic == SimulationCore::kUpdateTopic) return true;
+    for (const std::string& name : devices) {
+        if (name.back() != '_') {
+            if (topic == name) return true;
+        } else if (topic.size() > name.size() && topic.compare(0, name.size(), name) == 0 &&
+                   topic.find_first_not_of("0123456789", name.size()) == std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -199,6 +224,7 @@ int main(int argc, char** argv) {
         Server server(options.server);
         qor::router::BrokerOptions broker_options;
         broker_options.logger = log;
+        broker_options.server_owned = server_owned;
         // Calls run on the broker's worker: a slow operation, such as saving a large scene,
         // never stalls the network thread.
         qor::router::Broker router(server, serve_operation(core), broker_options);

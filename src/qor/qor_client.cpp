@@ -1,5 +1,7 @@
 #include <qor/qor_client.hpp>
 
+#include <chrono>
+
 #include <spdlog/logger.h>
 
 namespace qor {
@@ -25,7 +27,16 @@ bool run_pass(QorClient& peer, bool (wamp::Connection::*pass)()) {
 }  // namespace
 
 bool QorClient::update_first() {
-    return run_pass(*this, &wamp::Connection::update_first);
+    // Calls past their opt-in limit complete first, inside the pass like any answer.
+    const auto now = std::chrono::steady_clock::now();
+    bool expired = first_endpoint != nullptr && first_endpoint->caller.expire(now);
+    if (has_server && server_endpoint != nullptr && server_endpoint->caller.expire(now))
+        expired = true;
+    for (wamp::Client* endpoint : extra_endpoints) {
+        if (endpoint->caller.expire(now)) expired = true;
+    }
+    const bool worked = run_pass(*this, &wamp::Connection::update_first);
+    return worked || expired;
 }
 
 bool QorClient::update_second() {

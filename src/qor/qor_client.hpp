@@ -44,7 +44,8 @@ class QorClient {
     QorClient& operator=(const QorClient&) = delete;
 
     /// First pass over every endpoint (first, server if `has_server`, extras); no
-    /// short-circuit. True when any reported work.
+    /// short-circuit. Calls past their endpoint's `Caller::call_limit` complete first. True
+    /// when any reported work.
     bool update_first();
     /// Second pass, same order and rules.
     bool update_second();

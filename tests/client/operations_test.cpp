@@ -215,6 +215,29 @@ TEST_F(OperationsTest, NotConnectedFailsBothFormsWithoutSendingOrPumping) {
     EXPECT_FALSE(called);
 }
 
+TEST_F(OperationsTest, AsyncLimitCompletesTheCallWithAnErrorAndCancelsIt) {
+    std::vector<RpcResult<int>> results;
+    auto keep = [&](RpcResult<int> r) { results.push_back(r); };
+    client->CLEAR_SCENE(keep);  // no limit: waits for ever, as by default
+    client->setAsyncTimeoutMs(20);
+    client->CLEAR_TRIMESHES(keep);
+    const qor::wamp::Id limited = net.link.last_call().request;
+    client->setAsyncTimeoutMs(0);
+    const auto start = std::chrono::steady_clock::now();
+    while (results.empty() && std::chrono::steady_clock::now() - start < std::chrono::seconds(5))
+        client->full_update();
+    ASSERT_EQ(results.size(), 1u);
+    EXPECT_TRUE(results[0].isError);
+    EXPECT_EQ(results[0].error, "qor.error.call_timeout");
+    ASSERT_EQ(net.link.written.back().type, 49u);  // CANCEL
+    EXPECT_EQ(net.link.written.back().request, limited);
+    // The late answer is dropped; the call without a limit is still pending.
+    net.link.reply_result(limited, 3);
+    client->full_update();
+    EXPECT_EQ(results.size(), 1u);
+    EXPECT_EQ(net.endpoint.caller.pending.size(), 1u);
+}
+
 // ---- the time-out --------------------------------------------------------------------------
 
 TEST_F(OperationsTest, TimeoutTextNamesTheOperation) {

@@ -13,6 +13,7 @@ import msgpack
 from autobahn.asyncio.component import Component
 from autobahn.asyncio.rawsocket import WampRawSocketClientProtocol
 from autobahn.wamp.exception import ApplicationError
+from autobahn.wamp.types import PublishOptions
 
 # autobahn 22.7's asyncio RawSocket protocol keeps its transport details under a private
 # name while its session reads the public one on WELCOME; give it the public name.
@@ -91,6 +92,16 @@ async def exercise(session):
         check("argument 1 of SET_SERVER_PERIOD_MS" in str(e.args), "error text names the argument")
     errors = await call("GET_LAST_ERRORS", True)
     check(len(errors[0]) >= 1, "GET_LAST_ERRORS remembers the failure")
+
+    # The state and device topics are the server's: nobody else may publish there.
+    acknowledged = PublishOptions(acknowledge=True)
+    for topic in ("qor.server.update", "xsens_frame", "kinect_frame_3"):
+        try:
+            await session.publish(topic, [], options=acknowledged)
+            failures.append("PUBLISH to %s was accepted" % topic)
+        except ApplicationError as e:
+            check(e.error == "wamp.error.not_authorized", "PUBLISH to %s -> not_authorized" % topic)
+    await session.publish("chat.room", "hi", options=acknowledged)
 
     events = []
     got_three = loop.create_future()

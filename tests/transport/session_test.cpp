@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
 #include <optional>
 
@@ -390,10 +391,60 @@ TEST_P(Transport, IncomingMessageOverTheLimitEndsTheLink) {
     peer.call<msgpack::buffer>(done, "big", 200000LL);
     ASSERT_TRUE(pump_until(peer, [&] { return got.has_value(); }));
     EXPECT_TRUE(got->isError);
-    EXPECT_EQ("qor.error.connection_lost", got->error);
-    EXPECT_FALSE(peer.server_connected);
-    // RawSocket: the server refuses to send beyond what we announced; WebSocket: we refuse it.
-    EXPECT_FALSE(endpoint.last_error().empty());
+    if (GetParam().websocket) {
+        // WebSocket announces no limit: the server sends, we refuse it and the link ends.
+        EXPECT_EQ("qor.error.connection_lost", got->error);
+        EXPECT_FALSE(peer.server_connected);
+        EXPECT_FALSE(endpoint.last_error().empty());
+    } else {
+        // RawSocket: the server knows what we announced and answers the call with an error.
+        EXPECT_EQ("wamp.error.payload_size_exceeded", got->error);
+        EXPECT_TRUE(peer.server_connected);
+    }
+}
+
+TEST_P(Transport, MalformedMessageInAnOpenSessionIsAbortedWithTheReason) {
+    struct Row {
+        const char* what;
+        std::vector<uint8_t> bytes;
+    };
+    const Row rows[] = {
+        {"not MessagePack", {0xC1, 0xC1}},
+        {"unknown code", {0x92, 0x07, 0x80}},
+        {"HELLO again", {0x93, 0x01, 0xA1, 0x72, 0x80}},
+    };
+    Router router(server_options());
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        qor::QorClient peer;
+        auto& endpoint = qor::transport::connect(peer, url(router), client_options());
+        ASSERT_TRUE(peer.server_connected);
+        endpoint.client().session.write(row.bytes.data(), row.bytes.size());
+        ASSERT_TRUE(pump_until(peer, [&] { return !peer.server_connected; }));
+        EXPECT_EQ("aborted by the server: wamp.error.protocol_violation", endpoint.last_error());
+    }
+}
+
+TEST_P(Transport, CallPastItsLimitEndsAndTheRouterTakesTheCancel) {
+    auto options = server_options();
+    std::atomic<int> cancels{0};
+    options.tap = [&](const uint8_t* data, size_t size) {
+        if (size > 1 && data[1] == 49) ++cancels;
+    };
+    Router router(options);
+    qor::QorClient peer;
+    auto& link = qor::transport::connect(peer, url(router), client_options());
+    link.client().caller.call_limit = 50ms;
+    auto never = call_and_wait<std::string>(peer, "never", "");  // left unanswered
+    ASSERT_TRUE(never.has_value());
+    EXPECT_TRUE(never->isError);
+    EXPECT_EQ("qor.error.call_timeout", never->error);
+    // The session goes on: the router took the CANCEL without ending it.
+    auto echo = call_and_wait<std::string>(peer, "echo", "still here");
+    ASSERT_TRUE(echo.has_value());
+    EXPECT_EQ("still here", echo->value);
+    EXPECT_EQ(1, cancels.load());
+    EXPECT_TRUE(peer.server_connected);
 }
 
 TEST_P(Transport, OutgoingMessageOverThePeersLimit) {
@@ -597,6 +648,63 @@ TEST(Server, TopicsTheServerRelaysAreDeclaredOnConnect) {
     router.publish("xsens_frame", "segments");
     ASSERT_TRUE(pump_until(peer, [&] { return frames.size() == 1; }));
     EXPECT_EQ("segments", frames[0]);
+}
+
+TEST(Server, SubscriberThatStopsReadingIsDroppedWithTheReason) {
+    ServerOptions options;
+    options.max_send_queue = 4u << 20;
+    Router router(options);
+    qor::QorClient peer;
+    auto& link = qor::transport::connect(
+        peer, "rs://127.0.0.1:" + std::to_string(router.server.rawsocket_port()));
+    int events = 0;
+    link.client().subscriber.subscribe(
+        "slow", [&](const qor::wamp::Message&) { ++events; }, nullptr);
+    ASSERT_TRUE(pump_until(peer, [&] { return router.subscriptions.size() == 1; }));
+    // The client stops pumping, so nothing reads its socket while 64 MiB are published.
+    const std::string frame(1u << 20, 'x');
+    for (int i = 0; i < 64 && router.publish("slow", frame) == 1; ++i) {
+    }
+    ASSERT_TRUE(router.wait([&] { return router.leaves.size() == 1; }));
+    EXPECT_EQ(0u, router.leaves[0].second.find("dropped: the peer does not read ("))
+        << router.leaves[0].second;
+    ASSERT_TRUE(pump_until(peer, [&] { return !peer.server_connected; }));
+    EXPECT_LT(events, 64);
+}
+
+TEST(Server, OversizedHelloIsRefusedBeforeItIsRead) {
+    Router router;
+    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_GE(fd, 0);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(router.server.rawsocket_port());
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(0, ::connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to));
+    // HELLO ["realm1", {"pad": <100 000 bytes>}] after the handshake.
+    std::vector<uint8_t> hello = {0x93, 0x01, 0xA6, 'r', 'e',  'a', 'l', 'm',  '1', 0x81,
+                                  0xA3, 'p',  'a',  'd', 0xC6, 0,   1,   0x86, 0xA0};
+    hello.resize(hello.size() + 100000, 0);
+    std::vector<uint8_t> out = {0x7F, 0xF2, 0, 0};
+    qor::transport::rawsocket::append_frame(out, qor::transport::rawsocket::FrameType::message,
+                                            hello.data(), uint32_t(hello.size()));
+    ASSERT_EQ(ssize_t(out.size()), ::send(fd, out.data(), out.size(), MSG_NOSIGNAL));
+    // The handshake answer, then one frame: the ABORT, then the end of the stream.
+    std::vector<uint8_t> in;
+    uint8_t chunk[4096];
+    for (ssize_t n; (n = ::recv(fd, chunk, sizeof chunk, 0)) > 0;)
+        in.insert(in.end(), chunk, chunk + n);
+    ::close(fd);
+    ASSERT_GT(in.size(), 8u);
+    qor::transport::rawsocket::Splitter frames(1u << 20);
+    frames.feed(in.data() + 4, in.size() - 4);
+    qor::transport::rawsocket::Frame frame;
+    ASSERT_TRUE(frames.next(frame));
+    const qor::wamp::Message abort =
+        qor::wamp::parse_message(msgpack::buffer(frame.data, frame.size));
+    EXPECT_EQ(qor::wamp::ABORT, abort.type);
+    EXPECT_EQ("wamp.error.protocol_violation", abort.reason);
+    EXPECT_TRUE(router.joins.empty());
 }
 
 TEST(Server, RefusesWhatIsNotWamp) {

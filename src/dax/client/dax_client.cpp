@@ -105,6 +105,14 @@ int DaxClient::getTimeout() {
     return timeout_ms;
 }
 
+void DaxClient::setAsyncTimeoutMs(int ms) {
+    async_timeout_ms = ms > 0 ? ms : 0;
+}
+
+int DaxClient::getAsyncTimeoutMs() const {
+    return async_timeout_ms;
+}
+
 int DaxClient::getSceneStateVersion() const {
     return scene_state_version;
 }

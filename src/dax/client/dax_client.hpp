@@ -70,6 +70,13 @@ class DaxClient {
     void setTimeoutMs(int ms);
     /// Time-out of the blocking operations in milliseconds.
     int getTimeout();
+    /// Opt-in limit, in milliseconds, for the answer of every operation (asynchronous forms
+    /// included) sent from now on; 0, the default, waits for ever. A call still unanswered
+    /// after it completes with an error result "qor.error.call_timeout" inside a pump, and a
+    /// WAMP CANCEL is sent for it. Unlike the blocking time-out, the call itself ends.
+    void setAsyncTimeoutMs(int ms);
+    /// The limit set by setAsyncTimeoutMs (0: none).
+    int getAsyncTimeoutMs() const;
     /// Number of the last state update applied (-1 before the first).
     int getSceneStateVersion() const;
     /// Runs both pump passes of the peer; true when either processed anything.
@@ -197,6 +204,7 @@ class DaxClient {
     /// operation pumped: each is logged at error level on "logger" and counted here instead of
     /// leaving through the unrelated operation. full_update() still lets them through.
     uint64_t handler_errors = 0;
+    int async_timeout_ms = 0;  ///< see setAsyncTimeoutMs
 
   private:
     // Construction after the fields: prints, loads plug-ins, subscribes the device topics.

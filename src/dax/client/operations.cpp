@@ -29,6 +29,8 @@ struct CallFailed : std::runtime_error {
 template <class T, class... Args>
 void DaxClient::call(const char* name, const Callback<T>& callback, const Args&... args) {
     // The peer refuses (and sends nothing) while it has no server session.
+    if (peer->server_endpoint != nullptr)
+        peer->server_endpoint->caller.call_limit = std::chrono::milliseconds(async_timeout_ms);
     peer->call<T>(callback, kOperationPrefix + std::string(name), args...);
 }
 

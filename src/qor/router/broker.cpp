@@ -1,6 +1,7 @@
 #include <qor/router/broker.hpp>
 
 #include <exception>
+#include <string>
 #include <utility>
 
 #include <spdlog/spdlog.h>
@@ -155,8 +156,17 @@ void Broker::answer(uint64_t session, const wamp::Message& m) {
         reply.error = std::move(a->error);
     }
     reply.args = std::move(a->args);
+    const mp::buffer encoded = wamp::serialize(reply);
+    const size_t limit = server_.max_send(session);
+    if (limit != 0 && encoded.size > limit) {
+        // Sent, it would be dropped (the caller then waits out its time-out) or end the link.
+        return send_error(session, wamp::CALL, m.request, "wamp.error.payload_size_exceeded",
+                          "the answer of " + std::to_string(encoded.size) +
+                              " bytes is larger than the " + std::to_string(limit) +
+                              " bytes the client accepts");
+    }
     // A client that left while its call ran is simply gone; nothing else is affected.
-    if (!server_.send(session, reply) && options_.logger)
+    if (!server_.send_encoded(session, encoded) && options_.logger)
         options_.logger->debug("session {} left before its result", session);
 }
 
@@ -210,12 +220,24 @@ void Broker::unsubscribe(uint64_t session, const wamp::Message& m) {
 
 // Clients may publish to each other too (a plain broker); the publisher gets no copy.
 void Broker::publish_from(uint64_t session, const wamp::Message& m) {
+    auto ack = m.details.find("acknowledge");
+    const bool acknowledge =
+        ack != m.details.end() && ack->second.size == 1 && ack->second.data[0] == 0xc3;
+    if (options_.server_owned && options_.server_owned(m.topic)) {
+        // Relayed, it would reach every subscriber as if the server had said it.
+        if (options_.logger)
+            options_.logger->warn("session {}: refused PUBLISH to server topic '{}'", session,
+                                  m.topic);
+        if (acknowledge)
+            send_error(session, wamp::PUBLISH, m.request, "wamp.error.not_authorized",
+                       "topic '" + m.topic + "' is published by the server only");
+        return;
+    }
     if (m.args_count == 1) {
         std::vector<uint8_t> value(m.raw.data + m.args_offset, m.raw.data + m.args_end);
         publish(m.topic, value, session);
     }
-    auto ack = m.details.find("acknowledge");
-    if (ack != m.details.end() && ack->second.size == 1 && ack->second.data[0] == 0xc3) {
+    if (acknowledge) {
         wamp::Message ok(wamp::PUBLISHED);
         ok.request = m.request;
         ok.publication = next_publication();

@@ -45,10 +45,15 @@ struct BrokerOptions {
     /// Calls waiting beyond this many are refused with "wamp.error.canceled".
     size_t max_queued_calls = 100000;
     std::shared_ptr<spdlog::logger> logger;  ///< may be null: nothing is logged
+    /// Topics only the router's side publishes to (state, device frames): a client's PUBLISH
+    /// to one is dropped and, when it asked for an acknowledgement, answered with ERROR
+    /// "wamp.error.not_authorized". Null: clients may publish to any topic.
+    std::function<bool(const std::string& topic)> server_owned;
 };
 
 /// The broker and dealer half of the router, on top of a `Server`: subscriptions per topic,
-/// events encoded once for all their subscribers, client-to-client PUBLISH, and CALLs handed
+/// events encoded once for all their subscribers, client-to-client PUBLISH (except to the
+/// topics the router's side owns), and CALLs handed
 /// to one dealer function. Registrations are refused: the router offers its own procedures.
 ///
 /// Threading: `on_message` and `on_leave` are for the server's I/O thread (wire them to the

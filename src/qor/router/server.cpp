@@ -30,6 +30,20 @@ using error_code = boost::system::error_code;
 
 namespace {
 
+// CANCEL [49, request, options]: a caller giving up on an answer. It is outside the message
+// model (a client's subset), so it is recognised from its first two elements.
+bool is_cancel(const uint8_t* data, size_t size) {
+    msgpack::ReadBuffer in(data, size);
+    try {
+        if (msgpack::read_array_header(in) < 2) return false;
+        long long code = 0;
+        msgpack::read(in, code);
+        return code == 49;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
 // Where one accepted connection stands: the transport opening, the WAMP opening, use.
 enum class Stage { transport, opening, joined, closing, closed };
 
@@ -165,7 +179,40 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
 
     void send_to(const std::shared_ptr<Peer>& peer, const wamp::Message& message) {
         const msgpack::buffer bytes = wamp::serialize(message);
-        if (peer->channel) peer->channel->send(bytes.data, bytes.size);
+        deliver(peer, bytes.data, bytes.size);
+    }
+
+    // Every message to a peer goes out here, on the I/O thread.
+    void deliver(const std::shared_ptr<Peer>& peer, const uint8_t* data, size_t size) {
+        if (!peer->channel) return;
+        const size_t waiting = peer->channel->queued();
+        if (options.max_send_queue != 0 && waiting + size > options.max_send_queue) {
+            const std::string cause = "dropped: the peer does not read (" +
+                                      std::to_string(waiting) + " bytes waiting to be sent)";
+            log_warn("[transport server] session {} from {} {}", peer->info.id, peer->info.peer,
+                     cause);
+            return end(peer, cause);
+        }
+        peer->channel->send(data, size);
+    }
+
+    // ABORT with `reason` and the detail "message" `text`, then the link closes: the opening's
+    // own refusal while opening, a plain ABORT in an open session.
+    void abort_session(const std::shared_ptr<Peer>& peer, const std::string& reason,
+                       const std::string& text) {
+        if (peer->stage == Stage::opening && peer->wamp_opening) {
+            send_to(peer, peer->wamp_opening->refuse(reason, text));
+            return refused(peer);
+        }
+        wamp::Message abort(wamp::ABORT);
+        abort.reason = reason;
+        std::vector<uint8_t> encoded;
+        msgpack::pack(encoded, text);
+        abort.details["message"] = msgpack::buffer(encoded);
+        send_to(peer, abort);
+        log_info("[transport server] session {} aborted: {} ({})", peer->info.id, reason, text);
+        peer->stage = Stage::closing;
+        if (peer->channel) peer->channel->close(reason);
     }
 
     void refused(const std::shared_ptr<Peer>& peer) {
@@ -178,18 +225,21 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
 
     void received(const std::shared_ptr<Peer>& peer, const uint8_t* data, size_t size) {
         if (options.tap) options.tap(data, size);
+        if (peer->stage == Stage::opening && size > options.max_opening_message_size) {
+            return abort_session(
+                peer, "wamp.error.protocol_violation",
+                "a message of " + std::to_string(size) + " bytes before WELCOME; at most " +
+                    std::to_string(options.max_opening_message_size) + " are accepted");
+        }
+        // Calls run to completion here; the caller has stopped waiting and drops the answer.
+        if (peer->stage == Stage::joined && is_cancel(data, size)) return;
         std::optional<wamp::Message> parsed;
         try {
             parsed.emplace(wamp::parse_message(msgpack::buffer(data, size)));
         } catch (const std::exception& e) {
             log_warn("[transport server] bad message from {}: {}", peer->info.peer, e.what());
-            if (peer->stage == Stage::joined) {
-                end(peer, std::string("protocol error: ") + e.what());
-            } else if (peer->stage == Stage::opening) {
-                send_to(peer,
-                        peer->wamp_opening->refuse("wamp.error.protocol_violation", e.what()));
-                refused(peer);
-            }
+            // Opening or open, the peer is told why before the link closes.
+            abort_session(peer, "wamp.error.protocol_violation", e.what());
             return;
         }
         const wamp::Message& message = *parsed;
@@ -250,10 +300,12 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
             peer->channel->close(m.reason);
             return;
         }
-        if (m.type == wamp::HELLO || m.type == wamp::WELCOME || m.type == wamp::ABORT ||
-            m.type == wamp::CHALLENGE || m.type == wamp::AUTHENTICATE)
-            return end(peer, std::string("protocol error: ") + wamp::type_name(m.type) +
-                                 " after the session was established");
+        if (m.type == wamp::ABORT) return end(peer, "aborted by the peer: " + m.reason);
+        if (m.type == wamp::HELLO || m.type == wamp::WELCOME || m.type == wamp::CHALLENGE ||
+            m.type == wamp::AUTHENTICATE)
+            return abort_session(
+                peer, "wamp.error.protocol_violation",
+                std::string(wamp::type_name(m.type)) + " after the session was established");
         guarded(peer, [&] {
             if (message_handler) message_handler(peer->info.id, m);
         });
@@ -447,14 +499,19 @@ bool Server::send_encoded(uint64_t session, const serialization::msgpack::buffer
     auto peer = impl_->find(session);
     if (!peer) return false;
     if (impl_->on_io_thread()) {
-        if (peer->channel) peer->channel->send(encoded.data, encoded.size);
+        impl_->deliver(peer, encoded.data, encoded.size);
         return true;
     }
-    asio::post(impl_->io, [peer, bytes = encoded] {
-        if (peer->channel && peer->stage == Stage::joined)
-            peer->channel->send(bytes.data, bytes.size);
+    asio::post(impl_->io, [impl = impl_, peer, bytes = encoded] {
+        if (peer->stage == Stage::joined) impl->deliver(peer, bytes.data, bytes.size);
     });
     return true;
+}
+
+size_t Server::max_send(uint64_t session) const {
+    auto peer = impl_->find(session);
+    // The channel's limit is settled by the opening and never changes afterwards.
+    return peer && peer->channel ? peer->channel->max_send() : 0;
 }
 
 void Server::close(uint64_t session, const std::string& reason) {

@@ -33,9 +33,16 @@ struct ServerOptions {
     std::string tls_certificate_file;  ///< PEM chain; with the key, both listeners speak TLS
     std::string tls_private_key_file;  ///< PEM private key
     uint32_t max_message_size = 16u * 1024u * 1024u;  ///< larger incoming messages end the session
+    /// Before WELCOME a peer is unknown: a message larger than this (a HELLO stuffed with
+    /// details) is refused with ABORT "wamp.error.protocol_violation" before it is parsed.
+    uint32_t max_opening_message_size = 64u * 1024u;
     /// A peer that has not finished the opening (transport handshake to WELCOME) by then is
     /// dropped.
     std::chrono::milliseconds opening_timeout{10000};
+    /// A session with more than this many bytes waiting to be sent (a peer that stopped
+    /// reading) is dropped, with the reason logged, rather than growing without bound.
+    /// 0: no limit.
+    size_t max_send_queue = 64u * 1024u * 1024u;
     std::shared_ptr<spdlog::logger> logger;  ///< may be null: nothing is logged
     /// Optional: sees the bytes of every received message before parsing, the opening's
     /// included (tracing, capture). Runs on the I/O thread.
@@ -103,6 +110,9 @@ class Server {
     bool send(uint64_t session, const wamp::Message& message);
     /// Queues one already serialized message (lets one EVENT be encoded once for many sessions).
     bool send_encoded(uint64_t session, const serialization::msgpack::buffer& encoded);
+    /// The largest message the session's peer accepts (0 when no such session exists): a
+    /// larger one would be refused on the way out (RawSocket) or end the link (WebSocket).
+    size_t max_send(uint64_t session) const;
     /// Sends GOODBYE with `reason` and ends the session once the peer answers (or at once if it is
     /// gone).
     void close(uint64_t session, const std::string& reason = "wamp.close.close_realm");

@@ -257,6 +257,16 @@ struct Endpoint::Impl {
                     inbox.clear();
                     break;
                 }
+                if (m.type == wamp::ABORT) {
+                    // The router gave up on the session (a message it could not accept): no
+                    // reply is due, and nothing after it belongs to the session.
+                    // Its reason says more than the end of the stream that follows it,
+                    // which may already have been seen.
+                    lost = "aborted by the server: " + m.reason;
+                    channel->abort(*lost);
+                    inbox.clear();
+                    break;
+                }
                 // Handlers may throw (a blocking call's server error): the rest of the
                 // inbox stays for the next pass.
                 client->dispatch(m);

@@ -2,6 +2,8 @@
 
 #include <spdlog/logger.h>
 
+#include <qor/serialization/msgpack/pack.hpp>
+
 namespace qor::wamp {
 
 void Caller::send_call(Id request, const std::string& procedure,
@@ -20,6 +22,7 @@ void Caller::send_call(Id request, const std::string& procedure,
 }
 
 bool Caller::handle(const Message& answer) {
+    deadlines.erase(answer.request.value());
     auto found = pending.find(answer.request.value());
     if (found == pending.end()) {
         if (logger != nullptr) {
@@ -49,6 +52,43 @@ void Caller::fail_all(const std::string& error) {
         failure.request = Id(request);
         handle(failure);
     }
+}
+
+}  // namespace qor::wamp
+
+namespace qor::wamp {
+
+namespace {
+
+// CANCEL [49, request, {}]. The message model keeps to the codes a client handles, so the
+// three elements are written here.
+void send_cancel(const Session& session, uint64_t request) {
+    if (!session.write) return;
+    std::vector<uint8_t> bytes{0x93, 49};
+    serialization::msgpack::pack(bytes, static_cast<unsigned long>(request));
+    bytes.push_back(0x80);
+    session.write(bytes.data(), bytes.size());
+}
+
+}  // namespace
+
+bool Caller::expire(std::chrono::steady_clock::time_point now) {
+    if (deadlines.empty()) return false;
+    std::vector<uint64_t> late;
+    for (const auto& [request, deadline] : deadlines)
+        if (now >= deadline) late.push_back(request);
+    Message failure(ERROR);
+    failure.request_type = static_cast<int32_t>(CALL);
+    failure.error = "qor.error.call_timeout";
+    for (uint64_t request : late) {
+        deadlines.erase(request);
+        if (pending.count(request) == 0) continue;  // answered by an earlier handler here
+        if (logger != nullptr) logger->debug("[{}] call {} timed out, cancelling", name, request);
+        send_cancel(*session, request);
+        failure.request = Id(request);
+        handle(failure);
+    }
+    return !late.empty();
 }
 
 }  // namespace qor::wamp

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -25,6 +26,13 @@ class Caller {
     spdlog::logger* logger = nullptr;  ///< may be null
     std::string name;                  ///< shown in log lines
     uint64_t last_request = 0;         ///< request id of the latest call registered
+    /// Opt-in limit for a call's answer. 0 (the default) waits for ever, as the protocol
+    /// does. Otherwise a call still pending this long after it was sent completes with an
+    /// ERROR result "qor.error.call_timeout", and a WAMP CANCEL for it goes to the router;
+    /// `expire`, run by the peer's first pump pass, does both.
+    std::chrono::milliseconds call_limit{0};
+    /// When each call sent under a limit runs out: the limit it was sent with holds.
+    std::map<uint64_t, std::chrono::steady_clock::time_point> deadlines;
 
     /// A caller sending through `owner`.
     explicit Caller(Session* owner) : session(owner) {}
@@ -37,6 +45,10 @@ class Caller {
     /// Runs and removes the handler of a RESULT or ERROR; an unknown request is logged and
     /// dropped. Returns whether a handler ran.
     bool handle(const Message& answer);
+
+    /// Completes (and cancels) every call whose deadline has passed at `now`; false when
+    /// none had.
+    bool expire(std::chrono::steady_clock::time_point now);
 
     /// Completes every call pending now with an ERROR result carrying `error`; calls started by
     /// those handlers stay pending. If a handler throws, the rest stay pending for a later call.
@@ -64,6 +76,8 @@ void Caller::call(const RPC<T>& rpc) {
         rpc.onResult(result);
     });
     send_call(request, rpc.procedure, rpc.args);
+    if (call_limit.count() > 0)
+        deadlines[request.value()] = std::chrono::steady_clock::now() + call_limit;
 }
 
 }  // namespace qor::wamp

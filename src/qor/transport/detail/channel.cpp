@@ -86,6 +86,7 @@ class RawSocketChannel final : public ChannelBase,
     }
 
     size_t queued() const override { return out_.size(); }
+    size_t max_send() const override { return max_out_; }
     const char* kind() const override { return "rawsocket"; }
 
   private:
@@ -219,6 +220,7 @@ class WebSocketChannel final : public ChannelBase,
     }
 
     size_t queued() const override { return ws_->next_layer().pending(); }
+    size_t max_send() const override { return ws_->read_message_max(); }
     const char* kind() const override { return "websocket"; }
 
   private:
@@ -271,8 +273,10 @@ class WebSocketChannel final : public ChannelBase,
         websocket::stream_base::timeout limits{std::chrono::seconds(2),
                                                websocket::stream_base::none(), false};
         ws_->set_option(limits);
+        // A peer that broke the protocol hears so in the close frame as well as in the ABORT.
         ws_->async_close(
-            websocket::close_code::normal,
+            close_cause_ == "wamp.error.protocol_violation" ? websocket::close_code::protocol_error
+                                                            : websocket::close_code::normal,
             [self = this->shared_from_this()](error_code) { self->finish(self->close_cause_); });
     }
 

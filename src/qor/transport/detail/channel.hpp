@@ -43,6 +43,9 @@ class Channel {
     virtual void set_paused(bool paused) = 0;
     /// Bytes queued and not yet handed to the socket.
     virtual size_t queued() const = 0;
+    /// The largest message the peer accepts: what a RawSocket peer announced; for WebSocket,
+    /// which announces nothing, the limit this side applies to what it receives.
+    virtual size_t max_send() const = 0;
     /// "rawsocket" or "websocket".
     virtual const char* kind() const = 0;
     /// Remote address and port.
