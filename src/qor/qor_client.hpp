@@ -95,7 +95,11 @@ void QorClient::call(const std::function<void(wamp::RpcResult<T>)>& cb,
                      const std::string& procedure, const Args&... args) {
     check_connected();
     wamp::RPC<T> rpc(procedure, args...);
-    rpc.onResult = [cb](const wamp::RpcResult<T>& result) { cb(result); };
+    rpc.onResult = [cb](const wamp::RpcResult<T>& result) {
+        // The result is the pending call's own, discarded once this returns: it moves on to
+        // `cb`, so a large decoded value (millions of strings) is never held twice.
+        cb(std::move(const_cast<wamp::RpcResult<T>&>(result)));
+    };
     server_endpoint->caller.call(rpc);
 }
 

@@ -23,6 +23,25 @@ std::function<void(RpcResult<T>)> keep(std::vector<RpcResult<T>>& into) {
     return [&into](RpcResult<T> result) { into.push_back(std::move(result)); };
 }
 
+// A decoded result that counts how often it is copied: a large result (a list of millions
+// of strings) must reach the caller's callback without a copy.
+struct Counted {
+    int copies = 0;
+    long long value = 0;
+    Counted() = default;
+    Counted(const Counted& other) : copies(other.copies + 1), value(other.value) {}
+    Counted(Counted&&) = default;
+    Counted& operator=(const Counted& other) {
+        copies = other.copies + 1;
+        value = other.value;
+        return *this;
+    }
+    Counted& operator=(Counted&&) = default;
+};
+void read(mp::ReadBuffer& in, Counted& c) {
+    mp::read(in, c.value);
+}
+
 }  // namespace
 
 TEST(WampCall, ResultReachesTheCallbackThroughThePump) {
@@ -327,4 +346,16 @@ TEST(WampFailAll, CallsStartedByHandlersStayPending) {
     p.pump();
     ASSERT_EQ(retried.size(), 1u);
     EXPECT_EQ(retried[0].value, 8);
+}
+
+TEST(WampCall, LargeResultsReachTheCallbackWithoutACopy) {
+    LoopbackPeer p;
+    std::vector<Counted> got;
+    p.peer.call<Counted>([&](RpcResult<Counted> r) { got.push_back(std::move(r.value)); },
+                         clear_scene);
+    p.link.reply_last_result(42);
+    p.pump();
+    ASSERT_EQ(got.size(), 1u);
+    EXPECT_EQ(got[0].value, 42);
+    EXPECT_EQ(got[0].copies, 0);
 }

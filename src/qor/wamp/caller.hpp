@@ -64,7 +64,7 @@ void Caller::call(const RPC<T>& rpc) {
     const Id request = Id::Random();
     last_request = request.value();
     pending.insert_or_assign(request.value(), [rpc](const Message& answer) {
-        RpcResult<T> result;
+        RpcResult<T> result;  // not const: the handler may move the value out
         if (answer.type == ERROR) {
             result.error = answer.error;
             result.isError = true;
