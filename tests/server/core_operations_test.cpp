@@ -2,6 +2,11 @@
 
 #include <filesystem>
 #include <fstream>
+#include <string>
+#include <vector>
+
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -65,7 +70,8 @@ TEST(CoreArguments, WrongCountOrTypeSaysWhichArgument) {
         {"LOAD_COMPONENTS", "a0", 1, invalid, "bad persistence name ''"},
         {"NO_SUCH_THING", "", 0, "wamp.error.no_such_procedure",
          "no procedure 'qor.server.operation.NO_SUCH_THING'"},
-        {"LOAD_COMPONENTS", "a4 6e 6f 6e 65", 1, "qor.error.not_found", "no persistence named 'none'"},
+        {"LOAD_COMPONENTS", "a4 6e 6f 6e 65", 1, "qor.error.not_found",
+         "no persistence named 'none'"},
         {"GET_PROPERTY", "a4 6e 6f 6e 65", 1, "qor.error.not_found", "no property named 'none'"},
         {"RESUME_SIMULATION", "", 0, "qor.error.invalid_state", "not started"},
     };
@@ -170,6 +176,26 @@ TEST(CorePersistence, SavedScenesSettingsAndModeSurviveANewCore) {
     EXPECT_FALSE(call_ok<bool>(*core, "CLEAR_PERSISTENCES"));
     EXPECT_TRUE(
         call_ok<dt::vector_pair_string_double_t>(*core, "BROWSE_PERSISTENCES").values.empty());
+}
+
+TEST(CorePersistence, TemporariesOfDeadSavesAreRemovedAtStart) {
+    TempFolder folder;
+    // A process that has ended: its pid names no live process (until reused, far later).
+    const pid_t child = ::fork();
+    if (child == 0) ::_exit(0);
+    ASSERT_GT(child, 0);
+    ::waitpid(child, nullptr, 0);
+    const std::string dead = std::to_string(child), alive = std::to_string(::getpid());
+    const std::vector<std::string> names = {"kept.scene", "kept.scene.tmp." + dead,
+                                            "settings.qor.tmp." + dead, "other.scene.tmp." + alive,
+                                            "notes.tmp.x1"};
+    for (const std::string& name : names) std::ofstream(folder.path() / name) << "x";
+    const auto core = core_in(folder);
+    std::vector<std::string> left;
+    for (const auto& entry : std::filesystem::directory_iterator(folder.path()))
+        left.push_back(entry.path().filename().string());
+    EXPECT_THAT(left, ::testing::UnorderedElementsAre("kept.scene", "other.scene.tmp." + alive,
+                                                      "notes.tmp.x1"));
 }
 
 TEST(CorePersistence, ModeTwoRestoresTheSceneOfTheLastRun) {

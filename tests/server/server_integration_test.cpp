@@ -5,6 +5,9 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
+#include <thread>
+
+#include <signal.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -426,6 +429,121 @@ TEST(ServerProcess, AutobahnClientOverBothFramings) {
         EXPECT_EQ(status, 0) << url << ": " << text;
         EXPECT_THAT(text, HasSubstr("OK")) << url;
     }
+}
+
+// ---- fault scenarios: the server dies, stops, restarts or is killed while saving ---------
+
+std::string port_of(const std::string& url) {
+    return url.substr(url.rfind(':') + 1);
+}
+
+bool pump_peer_until(QorClient& peer, const std::function<bool()>& done,
+                     std::chrono::milliseconds limit = std::chrono::milliseconds(10000)) {
+    const auto end = Clock::now() + limit;
+    while (!done()) {
+        if (Clock::now() > end) return false;
+        const bool first = peer.update_first();
+        const bool second = peer.update_second();
+        if (!first && !second) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+TEST(FaultScenario, ServerKilledDuringABlockingCall) {
+    TempFolder data;
+    auto server = start_server(data);
+    App app(server->rawsocket_url());
+    // Stopped, the server cannot answer; killed during the wait, the call ends with the link
+    // instead of waiting out its 10 s time-out.
+    ASSERT_EQ(0, ::kill(server->pid(), SIGSTOP));
+    std::thread killer([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        server->kill_now();
+    });
+    EXPECT_EQ(test_support::error_of([&] { app.client->CLEAR_SCENE(); }),
+              "qor.error.connection_lost");
+    killer.join();
+    EXPECT_FALSE(app.peer.server_connected);
+}
+
+TEST(FaultScenario, StoppedServerIsFoundByTheKeepalive) {
+    TempFolder data;
+    auto server = start_server(data);
+    QorClient peer;
+    transport::ConnectOptions options;
+    options.keepalive_interval = std::chrono::milliseconds(200);
+    options.keepalive_timeout = std::chrono::milliseconds(500);
+    auto& link = transport::connect(peer, server->rawsocket_url(), options);
+    ASSERT_EQ(0, ::kill(server->pid(), SIGSTOP));
+    const bool lost = pump_peer_until(peer, [&] { return !peer.server_connected; });
+    ::kill(server->pid(), SIGCONT);
+    ASSERT_TRUE(lost);
+    EXPECT_THAT(link.last_error(), HasSubstr("keepalive"));
+}
+
+TEST(FaultScenario, RestartWithAutomaticReconnectBringsSubscriptionsAndDevicesBack) {
+    TempFolder data;
+    auto server = start_server(data, {"--devices", "50"});
+    const std::string port = port_of(server->rawsocket_url());
+    ensure_logger();
+    QorClient peer;
+    transport::ConnectOptions options;
+    options.reconnect.enabled = true;
+    options.reconnect.max_retries = 0;
+    options.reconnect.initial_delay = std::chrono::milliseconds(100);
+    options.reconnect.max_delay = std::chrono::milliseconds(500);
+    options.served_topics = {"xsens_frame"};
+    transport::connect(peer, server->rawsocket_url(), options);
+    DaxClient client(&peer);
+    client.setTimeoutMs(10000);
+    client.init("test", [](int64_t, std::string) {});
+    auto pump = [&](const std::function<bool()>& done) {
+        const auto end = Clock::now() + std::chrono::milliseconds(15000);
+        while (!done() && Clock::now() < end)
+            if (!client.full_update()) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        return done();
+    };
+    ASSERT_TRUE(pump([&] { return client.is_xsens_available(); }));
+
+    server->kill_now();
+    ASSERT_TRUE(pump([&] { return !peer.server_connected; }));
+    server = start_server(data, {"--devices", "50", "--rawsocket-port", port});
+    ASSERT_TRUE(pump([&] { return peer.server_connected; }));
+
+    // The device binding is back: a frame of the new server arrives.
+    client.xsens.device_available = false;
+    EXPECT_TRUE(pump([&] { return client.is_xsens_available(); }));
+    // So is the state subscription, and calls go through.
+    EXPECT_EQ(client.CLEAR_SCENE(), 0);
+    const int version = client.getSceneStateVersion();
+    EXPECT_EQ(client.START_SIMULATION(), 1);
+    EXPECT_TRUE(pump([&] { return client.getSceneStateVersion() > version + 2; }));
+    client.STOP_SIMULATION();
+}
+
+TEST(FaultScenario, PersistenceKilledMidSaveLosesNoEarlierSave) {
+    TempFolder data;
+    {
+        auto server = start_server(data);
+        App app(server->rawsocket_url());
+        app.ground_and_ball(5.0);
+        app.client->send_scene_to_server();
+        EXPECT_EQ(app.client->SAVE_COMPONENTS("kept"), 2);
+        // Saves of the same name keep coming when the server is killed.
+        for (int i = 0; i < 20; ++i)
+            app.client->SAVE_COMPONENTS("kept", [](wamp::RpcResult<int>) {});
+        app.client->full_update();
+        server->kill_now();
+    }
+    // A save killed between its write and its rename leaves this behind.
+    std::ofstream(data.path() / "kept.scene.tmp.999999") << "half a scene";
+    auto server = start_server(data);
+    App app(server->websocket_url());
+    EXPECT_EQ(app.client->LOAD_COMPONENTS("kept"), 2);
+    std::vector<std::string> files;
+    for (const auto& entry : std::filesystem::directory_iterator(data.path()))
+        files.push_back(entry.path().filename().string());
+    EXPECT_THAT(files, ::testing::Not(::testing::Contains(HasSubstr(".tmp."))));
 }
 
 }  // namespace

@@ -1,12 +1,16 @@
 #include <qor/sim/store.hpp>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
 
 #include <fmt/format.h>
+#include <signal.h>
+#include <sys/types.h>
 
 #include <dax/types/mesh.hpp>
 #include <qor/sim/files.hpp>
@@ -49,6 +53,26 @@ Store::Store(std::string folder) : folder_(std::move(folder)) {
     if (ec || !fs::is_directory(folder_))
         throw std::runtime_error(fmt::format("cannot use data folder {}: {}", folder_,
                                              ec ? ec.message() : "not a folder"));
+    remove_stale_temporaries();
+}
+
+void Store::remove_stale_temporaries() const {
+    // A save killed between write and rename leaves NAME.tmp.PID behind. One whose process
+    // is gone can never be renamed; one of a live process (another server sharing the
+    // folder, saving now) is left alone.
+    std::error_code ec;
+    for (const auto& entry : fs::directory_iterator(folder_, ec)) {
+        const std::string name = entry.path().filename().string();
+        const size_t at = name.rfind(".tmp.");
+        if (at == std::string::npos || at + 5 == name.size() ||
+            name.find_first_not_of("0123456789", at + 5) != std::string::npos)
+            continue;
+        const long pid = std::strtol(name.c_str() + at + 5, nullptr, 10);
+        if (pid > 0 && ::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) {
+            std::error_code ignored;
+            fs::remove(entry.path(), ignored);
+        }
+    }
 }
 
 bool Store::valid_name(const std::string& name) {

@@ -30,6 +30,7 @@ struct Settings {
 class Store {
   public:
     /// Uses `folder`, creating it (and its parents) when missing; throws when it cannot.
+    /// Temporary files left by a save whose process died are removed.
     explicit Store(std::string folder);
 
     /// True for names usable as a file name: 1 to 128 of A-Z a-z 0-9 _ - . not starting with a dot.
@@ -57,6 +58,7 @@ class Store {
 
   private:
     std::string scene_path(const std::string& name) const;
+    void remove_stale_temporaries() const;
     std::string folder_;
 };
 
