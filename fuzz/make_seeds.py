@@ -121,6 +121,10 @@ def main():
                                 [b"\x7f\xf2\x00\x00" + bytes([9, i]) + b"\x00" +
                                  struct.pack(">I", len(row))[1:] + row
                                  for row in wamp for i in (1, 7)]),
+        "fuzz_opening": write(out, "fuzz_opening",
+                              [bytes([side]) + b"".join(struct.pack(">H", len(r)) + r for r in rows)
+                               for side in range(16)
+                               for rows in ([row] for row in tables("wamp"))]),
         "fuzz_scene": write(out, "fuzz_scene",
                             [bytes([i]) + row for row in tables("client") for i in range(3)]),
         "fuzz_server_operations": write(out, "fuzz_server_operations", server_calls()),
