@@ -42,6 +42,7 @@ TEST(CoreArguments, WrongCountOrTypeSaysWhichArgument) {
     TempFolder folder;
     auto core = core_in(folder);
     const std::string invalid = "wamp.error.invalid_argument";
+    ASSERT_EQ(call_ok<long long>(*core, "CREATE_TRIMESH", std::string("m"), 0, 0, 0), 1);
     const std::vector<BadCall> cases{
         {"CLEAR_SCENE", "01", 1, invalid, "CLEAR_SCENE takes 0 arguments, got 1"},
         {"SET_PROPERTY", "a1 61", 1, invalid, "SET_PROPERTY takes 2 arguments, got 1"},
@@ -74,6 +75,13 @@ TEST(CoreArguments, WrongCountOrTypeSaysWhichArgument) {
          "no persistence named 'none'"},
         {"GET_PROPERTY", "a4 6e 6f 6e 65", 1, "qor.error.not_found", "no property named 'none'"},
         {"RESUME_SIMULATION", "", 0, "qor.error.invalid_state", "not started"},
+        // Mesh 1 exists and has no vertices yet; the batch brings one.
+        {"UPDATE_TRIMESH",
+         "01 00 00 93 91 93 cb 0000000000000000 cb 0000000000000000 cb 0000000000000000 90 91 93 "
+         "00 01 00",
+         4, invalid, "triangle 0 names vertex 1 of a mesh of 1 vertices"},
+        {"UPDATE_TRIMESH", "01 00 00 93 90 91 92 00 05 90", 4, invalid,
+         "pair 0 names vertex 0 of a mesh of 0 vertices"},
     };
     for (const BadCall& c : cases) {
         SCOPED_TRACE(c.name + " -> " + c.text);

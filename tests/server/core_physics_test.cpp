@@ -172,16 +172,16 @@ TEST_F(CoreTest, MeshesAreBuiltInBatchesAndCarryBodies) {
     EXPECT_EQ(run(*core, "GET_TRIMESH_INFO", 77LL).error, "qor.error.not_found");
 }
 
-TEST_F(CoreTest, MeshWithAStrayIndexIsRefusedAsABody) {
+TEST_F(CoreTest, MeshWithAStrayIndexIsRefusedAtTheUpdate) {
     const long long id = call_ok<long long>(*core, "CREATE_TRIMESH", std::string("bad"), 3, 1, 0);
     dt::mesh_batch_t batch;
     batch.vertices = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}};
     batch.triangles = {{0, 1, 3}};
-    call_ok<int>(*core, "UPDATE_TRIMESH", id, 0, 0, batch);
-    const CallResult r =
-        run(*core, "SEND_SCENE", scene_of({body(1, Shape::mesh, {1, 1, 1}, 0, {0, 0, 0}, id)}));
+    const CallResult r = run(*core, "UPDATE_TRIMESH", id, 0, 0, batch);
     EXPECT_EQ(r.error, "wamp.error.invalid_argument");
-    EXPECT_THAT(r.message, HasSubstr("beyond its 3 vertices"));
+    EXPECT_THAT(r.message, HasSubstr("triangle 0 names vertex 3 of a mesh of 3 vertices"));
+    // Refused whole: the mesh is still empty.
+    EXPECT_EQ(call_ok<dt::mesh_info_t>(*core, "GET_TRIMESH_INFO", id).value_1, 0);
 }
 
 TEST_F(CoreTest, LockUnregisterAndSchedulingFreezeTheWorld) {

@@ -51,6 +51,25 @@ int MeshStore::update(int64_t id, int vertex_offset, int triangle_offset,
         throw std::invalid_argument(fmt::format(
             "offsets ({}, {}) are outside the mesh's {} vertices and {} triangles", vertex_offset,
             triangle_offset, target.vertices.size(), target.triangles.size()));
+    // Corners must name vertices the mesh has once this batch is in: the physics and the OBJ
+    // export cannot use any other.
+    const uint64_t vertices = std::max<uint64_t>(
+        target.vertices.size(), static_cast<uint64_t>(vertex_offset) + batch.vertices.size());
+    for (size_t i = 0; i < batch.triangles.size(); ++i) {
+        const auto& t = batch.triangles[i];
+        for (uint32_t corner : {t.a, t.b, t.c})
+            if (corner >= vertices)
+                throw std::invalid_argument(
+                    fmt::format("triangle {} names vertex {} of a mesh of {} vertices",
+                                static_cast<uint64_t>(triangle_offset) + i, corner, vertices));
+    }
+    for (size_t i = 0; i < batch.pairs.size(); ++i) {
+        for (uint32_t end : {batch.pairs[i].a, batch.pairs[i].b})
+            if (end >= vertices)
+                throw std::invalid_argument(
+                    fmt::format("pair {} names vertex {} of a mesh of {} vertices",
+                                target.pairs.size() + i, end, vertices));
+    }
     place(target.vertices, vertex_offset, batch.vertices, "vertex");
     place(target.triangles, triangle_offset, batch.triangles, "triangle");
     target.pairs.insert(target.pairs.end(), batch.pairs.begin(), batch.pairs.end());
