@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -17,6 +18,7 @@
 #include <spdlog/sinks/stdout_color_sinks.h>
 #include <spdlog/spdlog.h>
 
+#include <dax/types/device_topics.hpp>
 #include <qor/launch/server_process.hpp>
 #include <qor/router/broker.hpp>
 #include <qor/router/server.hpp>
@@ -160,29 +162,15 @@ qor::router::Broker::Dealer serve_operation(SimulationCore& core) {
     };
 }
 
-// The topics this server publishes: the state updates and every stream of each device family
-// ("kinect_frame_3" as well as the "kinect_frame_0" the simulator feeds).
+// The topics this server publishes: the state updates and every device stream a client binds.
 bool server_owned(const std::string& topic) {
-    static const std::vector<std::string> devices = [] {
-        std::vector<std::string> names;
-        for (const qor::sim::DeviceFrame& frame : qor::sim::make_device_frames(0, 0)) {
-            std::string name = frame.topic;
-            if (name.size() > 2 && name.compare(name.size() - 2, 2, "_0") == 0)
-                name.pop_back();  // a numbered family: the stem, "kinect_frame_"
-            names.push_back(name);
-        }
+    static const std::set<std::string> owned = [] {
+        const std::vector<std::string> devices = dax::types::device_topics();
+        std::set<std::string> names(devices.begin(), devices.end());
+        names.insert(SimulationCore::kUpdateTopic);
         return names;
     }();
-    if (topic == SimulationCore::kUpdateTopic) return true;
-    for (const std::string& name : devices) {
-        if (name.back() != '_') {
-            if (topic == name) return true;
-        } else if (topic.size() > name.size() && topic.compare(0, name.size(), name) == 0 &&
-                   topic.find_first_not_of("0123456789", name.size()) == std::string::npos) {
-            return true;
-        }
-    }
-    return false;
+    return owned.count(topic) != 0;
 }
 
 }  // namespace
