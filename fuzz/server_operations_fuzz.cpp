@@ -22,15 +22,10 @@ namespace {
 namespace mp = qor::serialization::msgpack;
 namespace fs = std::filesystem;
 
-// Every operation but DUMP_MESHES_TO_OBJ, which writes wherever its argument points until it
-// keeps to the data folder.
+// Every operation, by index in sorted order. DUMP_MESHES_TO_OBJ keeps to the data folder, so
+// it runs too.
 const std::vector<std::string>& operations() {
-    static const std::vector<std::string> names = [] {
-        std::vector<std::string> kept;
-        for (const std::string& name : qor::sim::SimulationCore::procedures())
-            if (name.find("DUMP_MESHES_TO_OBJ") == std::string::npos) kept.push_back(name);
-        return kept;
-    }();
+    static const std::vector<std::string> names = qor::sim::SimulationCore::procedures();
     return names;
 }
 

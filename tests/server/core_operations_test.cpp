@@ -82,6 +82,12 @@ TEST(CoreArguments, WrongCountOrTypeSaysWhichArgument) {
          4, invalid, "triangle 0 names vertex 1 of a mesh of 1 vertices"},
         {"UPDATE_TRIMESH", "01 00 00 93 90 91 92 00 05 90", 4, invalid,
          "pair 0 names vertex 0 of a mesh of 0 vertices"},
+        {"SET_PERSISTENCE_MODE", "f9", 1, invalid, "persistence mode -7 is outside 0..2"},
+        {"SEND_SCENE", "c4 06 91 94 a0 01 00 c0", 1, invalid, "scene element 0 has an empty type"},
+        {"DUMP_MESHES_TO_OBJ", "a4 2f 74 6d 70", 1, invalid,
+         "folder '/tmp' is outside the data folder"},
+        {"DUMP_MESHES_TO_OBJ", "a7 61 2f 2e 2e 2f 2e 2e", 1, invalid,
+         "folder 'a/../..' is outside the data folder"},
     };
     for (const BadCall& c : cases) {
         SCOPED_TRACE(c.name + " -> " + c.text);
@@ -116,6 +122,34 @@ TEST(CoreArguments, NumbersAndIntegersAreAcceptedInEveryEncoding) {
     const std::vector<uint8_t> uint8_id{0xcc, 0x01};  // id 1 in a wider form than needed
     call_ok<long long>(*core, "CREATE_TRIMESH", std::string("m"), 0, 0, 0);
     EXPECT_TRUE(core->call("qor.server.operation.GET_TRIMESH_INFO", uint8_id.data(), 2, 1).ok);
+    // UPDATE_TRIMESH(1, 0, 0, [[[0,0,0],[1,0,0],[0,1,0]], [], [[0,1,2]]]): whole coordinates.
+    const std::vector<uint8_t> whole =
+        test_support::hex("01 00 00 93 93 93 00 00 00 93 01 00 00 93 00 01 00 90 91 93 00 01 02");
+    const CallResult mesh =
+        core->call("qor.server.operation.UPDATE_TRIMESH", whole.data(), whole.size(), 4);
+    EXPECT_TRUE(mesh.ok) << mesh.message;
+    const auto batch = call_ok<dt::mesh_batch_t>(*core, "GET_TRIMESH", 1LL);
+    ASSERT_EQ(batch.vertices.size(), 3u);
+    EXPECT_EQ(batch.vertices[1].x, 1.0);
+    EXPECT_EQ(batch.triangles.size(), 1u);
+}
+
+TEST(CoreFiles, MeshDumpStaysInARelativeDataFolderWithoutDoublingIt) {
+    TempFolder folder;
+    const auto previous = std::filesystem::current_path();
+    std::filesystem::current_path(folder.path());
+    {
+        CoreOptions options;
+        options.data_dir = "simdata";
+        SimulationCore core(options);
+        call_ok<long long>(core, "CREATE_TRIMESH", std::string("m"), 0, 0, 0);
+        EXPECT_EQ(call_ok<int>(core, "DUMP_MESHES_TO_OBJ", std::string()), 1);
+        EXPECT_EQ(call_ok<int>(core, "DUMP_MESHES_TO_OBJ", std::string("out/../objs")), 1);
+    }
+    std::filesystem::current_path(previous);
+    EXPECT_TRUE(std::filesystem::exists(folder.path() / "simdata/meshes/mesh_1_m.obj"));
+    EXPECT_TRUE(std::filesystem::exists(folder.path() / "simdata/objs/mesh_1_m.obj"));
+    EXPECT_FALSE(std::filesystem::exists(folder.path() / "simdata/simdata"));
 }
 
 TEST(CorePersistence, SavedScenesSettingsAndModeSurviveANewCore) {
@@ -140,7 +174,7 @@ TEST(CorePersistence, SavedScenesSettingsAndModeSurviveANewCore) {
                   1);
         EXPECT_EQ(call_ok<int>(*core, "SET_PROPERTY", std::string("owner"), std::string("lab 4")),
                   0);
-        EXPECT_FALSE(call_ok<bool>(*core, "SET_PERSISTENCE_MODE", 7));
+        EXPECT_EQ(run(*core, "SET_PERSISTENCE_MODE", 7).error, "wamp.error.invalid_argument");
         EXPECT_TRUE(call_ok<bool>(*core, "SET_PERSISTENCE_MODE", 1));
     }
     // Every file was written through a temporary and renamed: none is left behind.

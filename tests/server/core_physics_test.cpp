@@ -158,9 +158,8 @@ TEST_F(CoreTest, MeshesAreBuiltInBatchesAndCarryBodies) {
     for (int i = 0; i < 240; ++i) r = step();
     EXPECT_NEAR(states_of(r).at(2).pose.position.z, 0.0, 0.1);
 
-    const TempFolder out;
-    EXPECT_EQ(call_ok<int>(*core, "DUMP_MESHES_TO_OBJ", out.str()), 2);
-    std::ifstream obj(out.path() / "mesh_1_floor.obj");
+    EXPECT_EQ(call_ok<int>(*core, "DUMP_MESHES_TO_OBJ", std::string("objs")), 2);
+    std::ifstream obj(folder.path() / "objs" / "mesh_1_floor.obj");
     std::stringstream text;
     text << obj.rdbuf();
     EXPECT_THAT(text.str(), HasSubstr("v 10 10 0\n"));

@@ -47,6 +47,25 @@ void read_arg(mp::ReadBuffer& in, double& value) {
     value = mp::read_number(in);
 }
 
+void read_arg(mp::ReadBuffer& in, dax::types::mesh_batch_t& value) {
+    const uint64_t fields = mp::read_fields_header(in);
+    if (fields != 3) mp::throw_struct_count(fields, 3);
+    const uint64_t count = mp::read_array_header(in);
+    // A vertex takes at least four bytes (three fixints): a count its bytes cannot hold must
+    // not size the list.
+    if (count > in.remaining() / 4) throw std::runtime_error("unexpected end of data");
+    value.vertices.resize(count);
+    for (dax::types::vec3d_t& v : value.vertices) {
+        const uint64_t n = mp::read_fields_header(in);
+        if (n != 3) mp::throw_struct_count(n, 3);
+        v.x = mp::read_number(in);
+        v.y = mp::read_number(in);
+        v.z = mp::read_number(in);
+    }
+    dax::types::read(in, value.pairs);
+    dax::types::read(in, value.triangles);
+}
+
 void read_arg(mp::ReadBuffer& in, std::string& value) {
     mp::read(in, value);
 }

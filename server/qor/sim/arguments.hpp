@@ -45,6 +45,9 @@ void read_arg(serialization::msgpack::ReadBuffer& in, long long& value);
 void read_arg(serialization::msgpack::ReadBuffer& in, double& value);
 void read_arg(serialization::msgpack::ReadBuffer& in, std::string& value);
 void read_arg(serialization::msgpack::ReadBuffer& in, serialization::msgpack::buffer& value);
+/// A mesh batch whose vertex coordinates may be written as integers (peers in JavaScript or
+/// bridged through JSON write 1.0 as 1); otherwise read as the record.
+void read_arg(serialization::msgpack::ReadBuffer& in, dax::types::mesh_batch_t& value);
 template <class T, std::enable_if_t<dax::types::is_record_v<T>, int> = 0>
 void read_arg(serialization::msgpack::ReadBuffer& in, T& value) {
     dax::types::read(in, value);

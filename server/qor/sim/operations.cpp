@@ -130,8 +130,14 @@ int SimulationCore::Impl::op_DUMP() {
 
 int SimulationCore::Impl::op_DUMP_MESHES_TO_OBJ(const std::string& folder) {
     namespace fs = std::filesystem;
-    fs::path target = folder.empty() ? fs::path(store.folder()) / "meshes" : fs::path(folder);
-    if (target.is_relative()) target = fs::path(store.folder()) / target;
+    // Any session may call this: every folder it names stays inside the data folder, which is
+    // joined once (a relative data folder is not doubled).
+    const fs::path inside =
+        folder.empty() ? fs::path("meshes") : fs::path(folder).lexically_normal();
+    if (inside.has_root_name() || inside.has_root_directory() ||
+        (!inside.empty() && *inside.begin() == ".."))
+        throw std::invalid_argument(fmt::format("folder '{}' is outside the data folder", folder));
+    const fs::path target = fs::path(store.folder()) / inside;
     std::error_code ec;
     fs::create_directories(target, ec);
     if (!fs::is_directory(target))
@@ -282,7 +288,8 @@ int SimulationCore::Impl::op_SEND_SCENE(const mp::buffer& data) {
 }
 
 bool SimulationCore::Impl::op_SET_PERSISTENCE_MODE(const int& mode) {
-    if (mode < 0 || mode > 2) return false;
+    if (mode < 0 || mode > 2)
+        throw std::invalid_argument(fmt::format("persistence mode {} is outside 0..2", mode));
     Settings next = settings;
     next.persistence_mode = mode;
     store.save_settings(next);

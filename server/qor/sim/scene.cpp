@@ -61,6 +61,8 @@ std::vector<Component> decode_scene(const uint8_t* bytes, uint64_t size) {
                 fmt::format("scene element {} must be an array of 4, got {}", i, fields));
         Component c;
         mp::read(in, c.type);
+        if (c.type.empty())
+            throw std::runtime_error(fmt::format("scene element {} has an empty type", i));
         long long id = 0;
         mp::read(in, id);
         c.id = id;
