@@ -78,7 +78,7 @@ SAMPLE = {
 def operations():
     """(name, argument types) of every line of the operation list, in its (alphabetical) order."""
     ops = []
-    with open(os.path.join(ROOT, "src", "dax", "client", "operations.def"), encoding="utf-8") as f:
+    with open(os.path.join(ROOT, "src", "dax", "types", "operations.def"), encoding="utf-8") as f:
         for line in f:
             m = re.match(r"DAX_OPERATION_\d\((\w+), ([^,]+)(.*)\)$", line.strip())
             if m:
