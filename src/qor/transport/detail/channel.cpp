@@ -6,6 +6,7 @@
 #include <vector>
 
 #include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/asio/write.hpp>
 
 #include <qor/transport/rawsocket.hpp>
@@ -270,9 +271,16 @@ class WebSocketChannel final : public ChannelBase,
 
     void send_close() {
         if (closed_) return;
-        websocket::stream_base::timeout limits{std::chrono::seconds(2),
-                                               websocket::stream_base::none(), false};
-        ws_->set_option(limits);
+        // The wait for the peer's close frame is bounded by our own timer, not the stream's
+        // handshake timeout: a time-out delivered by the stream wakes the read suspended
+        // behind the close with an error the stream itself does not expect. Closing the
+        // socket instead fails both operations in the way it does expect.
+        close_timer_ = std::make_unique<asio::steady_timer>(ws_->get_executor(),
+                                                            std::chrono::seconds(2));
+        close_timer_->async_wait([weak = this->weak_from_this()](error_code ec) {
+            if (ec) return;
+            if (auto self = weak.lock()) self->finish(self->close_cause_);
+        });
         // A peer that broke the protocol hears so in the close frame as well as in the ABORT.
         ws_->async_close(
             close_cause_ == "wamp.error.protocol_violation" ? websocket::close_code::protocol_error
@@ -283,12 +291,14 @@ class WebSocketChannel final : public ChannelBase,
     void finish(const std::string& cause) {
         if (closed_) return;
         closed_ = true;
+        if (close_timer_) close_timer_->cancel();
         close_socket(beast::get_lowest_layer(*ws_), false);
         report_closed(cause);
     }
 
     std::unique_ptr<websocket::stream<Stream>> ws_;
     beast::flat_buffer in_;
+    std::unique_ptr<asio::steady_timer> close_timer_;
 };
 
 }  // namespace
