@@ -1,7 +1,4 @@
 #include <dax/plugins/folders.hpp>
-#include <dax/plugins/library.hpp>
-
-#include <dlfcn.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -10,13 +7,6 @@
 namespace dax::plugins {
 
 namespace fs = std::filesystem;
-
-std::string get_executable_folder() {
-    std::error_code ec;
-    const fs::path exe = fs::read_symlink("/proc/self/exe", ec);
-    if (ec) return ".";
-    return exe.parent_path().string();
-}
 
 std::vector<std::string> get_plugins(const std::string& folder, const std::string& prefix,
                                      const std::string& suffix) {
@@ -43,34 +33,6 @@ std::vector<std::string> get_plugins(const std::string& folder, const std::strin
     // Directory order depends on the file system; a sorted list keeps loading reproducible.
     std::sort(names.begin(), names.end());
     return names;
-}
-
-std::string get_lib_prefix() {
-    return "lib";
-}
-
-std::string get_lib_ext() {
-    return ".so";
-}
-
-void* load_library(const std::string& path, std::string& error) {
-    // RTLD_LOCAL: two plug-ins may define the same symbols (GetName, PluginInit) without
-    // one shadowing the other.
-    void* library = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (library == nullptr) {
-        const char* text = ::dlerror();
-        error = text != nullptr ? text : "unknown loader error";
-    }
-    return library;
-}
-
-void* find_symbol(void* library, const char* name) {
-    ::dlerror();  // a stale error must not be mistaken for this lookup's
-    return ::dlsym(library, name);
-}
-
-void unload_library(void* library) {
-    if (library != nullptr) ::dlclose(library);
 }
 
 }  // namespace dax::plugins

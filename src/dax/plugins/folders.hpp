@@ -13,10 +13,10 @@ std::string get_executable_folder();
 std::vector<std::string> get_plugins(const std::string& folder, const std::string& prefix,
                                      const std::string& suffix);
 
-/// File-name prefix of shared libraries on this platform ("lib").
+/// File-name prefix of shared libraries on this platform ("lib"; empty on Windows).
 std::string get_lib_prefix();
 
-/// File-name extension of shared libraries on this platform, with its dot (".so").
+/// File-name extension of shared libraries on this platform, with its dot (".so", ".dll").
 std::string get_lib_ext();
 
 }  // namespace dax::plugins

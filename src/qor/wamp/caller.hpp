@@ -59,6 +59,9 @@ class Caller {
                    const std::vector<serialization::msgpack::buffer>& args);
 };
 
+// ERROR is a macro of <windows.h>; see message.hpp.
+#pragma push_macro("ERROR")
+#undef ERROR
 template <class T>
 void Caller::call(const RPC<T>& rpc) {
     const Id request = Id::Random();
@@ -79,5 +82,6 @@ void Caller::call(const RPC<T>& rpc) {
     if (call_limit.count() > 0)
         deadlines[request.value()] = std::chrono::steady_clock::now() + call_limit;
 }
+#pragma pop_macro("ERROR")
 
 }  // namespace qor::wamp

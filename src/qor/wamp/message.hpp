@@ -6,9 +6,16 @@
 #include <vector>
 
 #include <qor/serialization/msgpack/buffer.hpp>
+#include <qor/export.hpp>
 #include <qor/wamp/id.hpp>
 
 namespace qor::wamp {
+
+// <windows.h> defines ERROR as a macro (wingdi.h). The name is part of our interface, so the
+// macro is set aside while our headers are read, whichever was included first; a program that
+// includes <windows.h> and also names qor::wamp::ERROR itself defines NOGDI or undefines it.
+#pragma push_macro("ERROR")
+#undef ERROR
 
 // WAMP message codes. No other code can be serialized.
 constexpr uint32_t HELLO = 1, WELCOME = 2, ABORT = 3, CHALLENGE = 4, AUTHENTICATE = 5, GOODBYE = 6,
@@ -83,7 +90,7 @@ void check_topic(const std::string& topic);
 serialization::msgpack::buffer serialize(const Message& message);
 
 /// Element count limit used by the send path's trace text; 0 shows every element.
-extern uint64_t print_limit;
+extern QOR_API uint64_t print_limit;
 
 /// Text form of the one MessagePack value at `data`, trusting it to be complete.
 std::string print(const uint8_t* data, uint64_t limit);
@@ -91,3 +98,5 @@ std::string print(const uint8_t* data, uint64_t limit);
 std::string print(const uint8_t* data, uint64_t size, uint64_t limit);
 
 }  // namespace qor::wamp
+
+#pragma pop_macro("ERROR")

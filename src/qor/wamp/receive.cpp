@@ -58,7 +58,7 @@ const char* element_name(Element e) {
 // An id is an unsigned integer of at most 2^53; a negative or float value is refused.
 Id read_id(mp::ReadBuffer& in) {
     if (in.remaining() != 0 && *in.current() == 0xCF) {
-        unsigned long v = 0;
+        uint64_t v = 0;
         mp::read(in, v);
         return Id(v);
     }

@@ -158,6 +158,10 @@ void pack(std::vector<uint8_t>& out, unsigned long value) {
     pack_integer(out, put_unsigned_fn, value);
 }
 
+void pack(std::vector<uint8_t>& out, unsigned long long value) {
+    pack_integer(out, put_unsigned_fn, value);
+}
+
 void pack(std::vector<uint8_t>& out, double value) {
     put_float64(grow(out, float64_size), value);
 }
@@ -200,6 +204,10 @@ void pack_values(std::vector<uint8_t>& out, const long long* values, uint64_t co
 }
 
 void pack_values(std::vector<uint8_t>& out, const unsigned long* values, uint64_t count) {
+    pack_integers(out, put_unsigned_fn, values, count);
+}
+
+void pack_values(std::vector<uint8_t>& out, const unsigned long long* values, uint64_t count) {
     pack_integers(out, put_unsigned_fn, values, count);
 }
 

@@ -27,7 +27,9 @@ void pack_map_header(std::vector<uint8_t>& out, uint64_t count);
 void pack(std::vector<uint8_t>& out, bool value);
 /// Smallest form; the negative bounds are one step narrower than the format allows.
 void pack(std::vector<uint8_t>& out, int value);
-/// Smallest form, 64-bit forms allowed (int64_t is `long` here).
+// Every integer type has its own overload, so that the same call picks the same rule whether
+// int64_t is `long` (LP64: Linux) or `long long` (LLP64: Windows, where `long` is 32 bits).
+/// Smallest form, 64-bit forms allowed.
 void pack(std::vector<uint8_t>& out, long value);
 /// Smallest form, 64-bit forms allowed.
 void pack(std::vector<uint8_t>& out, long long value);
@@ -35,6 +37,8 @@ void pack(std::vector<uint8_t>& out, long long value);
 void pack(std::vector<uint8_t>& out, uint32_t value);
 /// Smallest unsigned form (WAMP ids and other unsigned counters).
 void pack(std::vector<uint8_t>& out, unsigned long value);
+/// Smallest unsigned form (uint64_t on Windows).
+void pack(std::vector<uint8_t>& out, unsigned long long value);
 /// Always float 64, nine bytes.
 void pack(std::vector<uint8_t>& out, double value);
 /// Single precision is only ever read, never written.
@@ -58,6 +62,8 @@ void pack_values(std::vector<uint8_t>& out, const long* values, uint64_t count);
 void pack_values(std::vector<uint8_t>& out, const long long* values, uint64_t count);
 /// `count` values of `values`, each in its smallest unsigned form.
 void pack_values(std::vector<uint8_t>& out, const unsigned long* values, uint64_t count);
+/// `count` values of `values`, each in its smallest unsigned form.
+void pack_values(std::vector<uint8_t>& out, const unsigned long long* values, uint64_t count);
 /// `count` values of `values`, each as uint 32.
 void pack_values(std::vector<uint8_t>& out, const uint32_t* values, uint64_t count);
 /// `count` values of `values`, each as float 64.
@@ -80,7 +86,8 @@ void pack(std::vector<uint8_t>& out, const std::vector<T>& values) {
     pack_array_header(out, values.size());
     if constexpr (std::is_same_v<T, int> || std::is_same_v<T, long> ||
                   std::is_same_v<T, long long> || std::is_same_v<T, unsigned long> ||
-                  std::is_same_v<T, uint32_t> || std::is_same_v<T, double>) {
+                  std::is_same_v<T, unsigned long long> || std::is_same_v<T, uint32_t> ||
+                  std::is_same_v<T, double>) {
         pack_values(out, values.data(), values.size());
     } else {
         for (const T& v : values) pack(out, v);

@@ -121,7 +121,7 @@ uint64_t read_map_header(ReadBuffer& in) {
 }
 
 void read(ReadBuffer& in, long& value) {
-    value = long(read_integer(in));
+    value = static_cast<long>(read_integer(in));
 }
 
 void read(ReadBuffer& in, long long& value) {
@@ -137,6 +137,10 @@ void read(ReadBuffer& in, uint32_t& value) {
 }
 
 void read(ReadBuffer& in, unsigned long& value) {
+    value = static_cast<unsigned long>(read_integer(in));
+}
+
+void read(ReadBuffer& in, unsigned long long& value) {
     value = read_integer(in);
 }
 
@@ -201,6 +205,10 @@ void read_values(ReadBuffer& in, long long* values, uint64_t count) {
 }
 
 void read_values(ReadBuffer& in, unsigned long* values, uint64_t count) {
+    read_integers(in, values, count);
+}
+
+void read_values(ReadBuffer& in, unsigned long long* values, uint64_t count) {
     read_integers(in, values, count);
 }
 

@@ -42,7 +42,9 @@ uint64_t read_fields_header(ReadBuffer& in);
 /// Map header count: fixmap, map 16, map 32. Refuses a count larger than half the bytes left.
 uint64_t read_map_header(ReadBuffer& in);
 
-/// Any integer form; uint 64 and int 64 are taken as their eight bytes.
+// One overload per integer type, as for packing: int64_t and uint64_t read the same on LP64
+// and LLP64 systems.
+/// Any integer form, kept to the width of `long` (64 bits on Linux, 32 on Windows).
 void read(ReadBuffer& in, long& value);
 /// Any integer form.
 void read(ReadBuffer& in, long long& value);
@@ -50,8 +52,10 @@ void read(ReadBuffer& in, long long& value);
 void read(ReadBuffer& in, int& value);
 /// Any integer form, kept to its low 32 bits.
 void read(ReadBuffer& in, uint32_t& value);
-/// Any integer form, as unsigned 64 bits (WAMP ids).
+/// Any integer form, kept to the width of `unsigned long` (64 bits on Linux, 32 on Windows).
 void read(ReadBuffer& in, unsigned long& value);
+/// Any integer form, as unsigned 64 bits (WAMP ids; uint64_t on Windows).
+void read(ReadBuffer& in, unsigned long long& value);
 /// float 32, or float 64 narrowed to the nearest single-precision value.
 void read(ReadBuffer& in, float& value);
 /// float 64, or float 32 widened exactly.
@@ -78,6 +82,8 @@ void read_values(ReadBuffer& in, long* values, uint64_t count);
 void read_values(ReadBuffer& in, long long* values, uint64_t count);
 /// `count` integers into `values`.
 void read_values(ReadBuffer& in, unsigned long* values, uint64_t count);
+/// `count` integers into `values`.
+void read_values(ReadBuffer& in, unsigned long long* values, uint64_t count);
 /// `count` integers into `values`.
 void read_values(ReadBuffer& in, uint32_t* values, uint64_t count);
 /// `count` float 32 or float 64 values into `values`.
@@ -114,7 +120,8 @@ void read(ReadBuffer& in, std::vector<T>& values) {
     values.resize(count);
     if constexpr (std::is_same_v<T, int> || std::is_same_v<T, long> ||
                   std::is_same_v<T, long long> || std::is_same_v<T, unsigned long> ||
-                  std::is_same_v<T, uint32_t> || std::is_same_v<T, float> ||
+                  std::is_same_v<T, unsigned long long> || std::is_same_v<T, uint32_t> ||
+                  std::is_same_v<T, float> ||
                   std::is_same_v<T, double>) {
         read_values(in, values.data(), count);
     } else {
