@@ -123,23 +123,27 @@ TEST(CrossCheck, IntegersBothWays) {
         const uint64_t u = any_uint64();
         SCOPED_TRACE(v);
         const bool narrow_bound = v == -128 || v == -32768;
-        EXPECT_EQ(their_read<int64_t>(ours(long(v))), v);
-        if (!narrow_bound) EXPECT_EQ(to_hex(ours(long(v))), to_hex(theirs(v)));
+        EXPECT_EQ(their_read<int64_t>(ours(int64_t(v))), v);
+        if (!narrow_bound) {
+            EXPECT_EQ(to_hex(ours(int64_t(v))), to_hex(theirs(v)));
+        }
         if (v >= std::numeric_limits<int>::min() && v <= std::numeric_limits<int>::max()) {
             EXPECT_EQ(their_read<int>(ours(int(v))), int(v));
-            if (!narrow_bound) EXPECT_EQ(to_hex(ours(int(v))), to_hex(theirs(int(v))));
+            if (!narrow_bound) {
+                EXPECT_EQ(to_hex(ours(int(v))), to_hex(theirs(int(v))));
+            }
         }
-        EXPECT_EQ(their_read<uint64_t>(ours(static_cast<unsigned long>(u))), u);
-        EXPECT_EQ(to_hex(ours(static_cast<unsigned long>(u))), to_hex(theirs(u)));
+        EXPECT_EQ(their_read<uint64_t>(ours(static_cast<uint64_t>(u))), u);
+        EXPECT_EQ(to_hex(ours(static_cast<uint64_t>(u))), to_hex(theirs(u)));
         EXPECT_EQ(their_read<uint32_t>(ours(uint32_t(u))), uint32_t(u));
 
         const auto bytes = theirs(v);
-        EXPECT_EQ(our_read<long>(bytes), v);
+        EXPECT_EQ(our_read<int64_t>(bytes), v);
         EXPECT_EQ(our_read<long long>(bytes), v);
         EXPECT_EQ(our_read<int>(bytes), int(uint32_t(uint64_t(v))));
         EXPECT_EQ(our_read<uint32_t>(bytes), uint32_t(uint64_t(v)));
-        EXPECT_EQ(our_read<unsigned long>(bytes), uint64_t(v));
-        EXPECT_EQ(our_read<unsigned long>(theirs(u)), u);
+        EXPECT_EQ(our_read<uint64_t>(bytes), uint64_t(v));
+        EXPECT_EQ(our_read<uint64_t>(theirs(u)), u);
         EXPECT_EQ(our_read<uint32_t>(theirs(u)), uint32_t(u));
     }
     // The two bounds themselves still decode to the right values.
@@ -153,7 +157,9 @@ TEST(CrossCheck, DoublesStringsAndBinaryBothWays) {
         EXPECT_EQ(their_read<double>(ours(d)), d);
         EXPECT_EQ(ours(d).front(), 0xcb);
         // They shorten integral doubles to integers; we never do.
-        if (std::floor(d) != d) EXPECT_EQ(ours(d), theirs(d));
+        if (std::floor(d) != d) {
+            EXPECT_EQ(ours(d), theirs(d));
+        }
         const double fraction = any_fraction();
         EXPECT_EQ(our_read<double>(theirs(fraction)), fraction);
         // They write a float as float 32: read exactly as float, widened exactly as double.

@@ -50,14 +50,14 @@ struct ValidRow {
 
 std::vector<ValidRow> valid_rows() {
     return {
-        {"uint 8", "cc ff", reader_of<long>()},
+        {"uint 8", "cc ff", reader_of<int64_t>()},
         {"uint 16", "cd ff ff", reader_of<int>()},
         {"uint 32", "ce ff ff ff ff", reader_of<uint32_t>()},
-        {"uint 64", "cf 00 00 00 01 00 00 00 00", reader_of<unsigned long>()},
+        {"uint 64", "cf 00 00 00 01 00 00 00 00", reader_of<uint64_t>()},
         {"int 8", "d0 df", reader_of<long long>()},
         {"int 16", "d1 ff 80", reader_of<int>()},
-        {"int 32", "d2 ff ff 80 00", reader_of<long>()},
-        {"int 64", "d3 ff ff ff ff 7f ff ff ff", reader_of<long>()},
+        {"int 32", "d2 ff ff 80 00", reader_of<int64_t>()},
+        {"int 64", "d3 ff ff ff ff 7f ff ff ff", reader_of<int64_t>()},
         {"float 32 as float", "ca 3f c0 00 00", reader_of<float>()},
         {"float 32 as double", "ca 3f c0 00 00", reader_of<double>()},
         {"float 64 as float", "cb 3f f8 00 00 00 00 00 00", reader_of<float>()},
@@ -168,9 +168,9 @@ TEST(HostileHeaders, RefusedHeaderLeavesTheTargetUntouched) {
     const auto bytes = hex("dd ff ff ff ff 01");
     const Block block(bytes.data(), bytes.size());
     auto in = block.cursor();
-    std::vector<long> values{1, 2};
+    std::vector<int64_t> values{1, 2};
     EXPECT_EQ(error_of([&] { msgpack::read(in, values); }), "unexpected end of data");
-    EXPECT_EQ(values, (std::vector<long>{1, 2}));
+    EXPECT_EQ(values, (std::vector<int64_t>{1, 2}));
 }
 
 TEST(HostileHeaders, CountsExactlyAtTheLimitAreAccepted) {
@@ -288,11 +288,11 @@ TEST(Skip, HugeCountsFailFastInsteadOfLooping) {
 
 TEST(RandomBytes, EveryReaderAndSkipFailCleanlyOrStayInBounds) {
     const std::vector<Reader> readers = {
-        reader_of<long>(),
+        reader_of<int64_t>(),
         reader_of<long long>(),
         reader_of<int>(),
         reader_of<uint32_t>(),
-        reader_of<unsigned long>(),
+        reader_of<uint64_t>(),
         reader_of<float>(),
         reader_of<double>(),
         reader_of<bool>(),

@@ -68,7 +68,7 @@ TEST(PackInteger, EveryBoundaryInAllSignedWidths) {
     for (const auto& row : signed_rows) {
         SCOPED_TRACE(row.value);
         EXPECT_EQ(packed(int(row.value)), row.bytes);
-        EXPECT_EQ(packed(long(row.value)), row.bytes);
+        EXPECT_EQ(packed(int64_t(row.value)), row.bytes);
         EXPECT_EQ(packed(row.value), row.bytes);
     }
 }
@@ -76,7 +76,7 @@ TEST(PackInteger, EveryBoundaryInAllSignedWidths) {
 TEST(PackInteger, SixtyFourBitFormsOnlyForSixtyFourBitTypes) {
     for (const auto& row : wide_rows) {
         SCOPED_TRACE(row.value);
-        EXPECT_EQ(packed(long(row.value)), row.bytes);
+        EXPECT_EQ(packed(int64_t(row.value)), row.bytes);
         EXPECT_EQ(packed(row.value), row.bytes);
     }
 }
@@ -89,17 +89,17 @@ TEST(PackInteger, Uint32IsAlwaysFiveBytes) {
 }
 
 TEST(PackInteger, UnsignedLongTakesTheSmallestUnsignedForm) {
-    EXPECT_EQ(packed(0ul), "00");
-    EXPECT_EQ(packed(127ul), "7f");
-    EXPECT_EQ(packed(128ul), "cc 80");
-    EXPECT_EQ(packed(255ul), "cc ff");
-    EXPECT_EQ(packed(256ul), "cd 01 00");
-    EXPECT_EQ(packed(65535ul), "cd ff ff");
-    EXPECT_EQ(packed(65536ul), "ce 00 01 00 00");
-    EXPECT_EQ(packed(4294967295ul), "ce ff ff ff ff");
-    EXPECT_EQ(packed(4294967296ul), "cf 00 00 00 01 00 00 00 00");
-    EXPECT_EQ(packed(9007199254740992ul), "cf 00 20 00 00 00 00 00 00");
-    EXPECT_EQ(packed(18446744073709551615ul), "cf ff ff ff ff ff ff ff ff");
+    EXPECT_EQ(packed(0ull), "00");
+    EXPECT_EQ(packed(127ull), "7f");
+    EXPECT_EQ(packed(128ull), "cc 80");
+    EXPECT_EQ(packed(255ull), "cc ff");
+    EXPECT_EQ(packed(256ull), "cd 01 00");
+    EXPECT_EQ(packed(65535ull), "cd ff ff");
+    EXPECT_EQ(packed(65536ull), "ce 00 01 00 00");
+    EXPECT_EQ(packed(4294967295ull), "ce ff ff ff ff");
+    EXPECT_EQ(packed(4294967296ull), "cf 00 00 00 01 00 00 00 00");
+    EXPECT_EQ(packed(9007199254740992ull), "cf 00 20 00 00 00 00 00 00");
+    EXPECT_EQ(packed(18446744073709551615ull), "cf ff ff ff ff ff ff ff ff");
 }
 
 TEST(PackScalar, BoolAndDouble) {
@@ -241,12 +241,12 @@ TEST(PackBuffer, AppendsToExistingBytesAndGrowTailReturnsTheOldEnd) {
 }
 
 TEST(PackRuns, VectorsOfNumbersGiveTheSameBytesAsOneValueAtATime) {
-    std::vector<long> longs;
-    for (const auto& row : signed_rows) longs.push_back(long(row.value));
-    for (const auto& row : wide_rows) longs.push_back(long(row.value));
+    std::vector<int64_t> longs;
+    for (const auto& row : signed_rows) longs.push_back(int64_t(row.value));
+    for (const auto& row : wide_rows) longs.push_back(int64_t(row.value));
     std::vector<uint8_t> expected;
     msgpack::pack_array_header(expected, longs.size());
-    for (long v : longs) msgpack::pack(expected, v);
+    for (int64_t v : longs) msgpack::pack(expected, v);
     std::vector<uint8_t> out{0xAB};  // a run appends after what is there
     msgpack::pack(out, longs);
     expected.insert(expected.begin(), 0xAB);
@@ -254,7 +254,7 @@ TEST(PackRuns, VectorsOfNumbersGiveTheSameBytesAsOneValueAtATime) {
 
     const std::vector<int> ints{0, -1, 127, 128, -128, -32768, 2147483647};
     EXPECT_EQ(packed(ints), "97 00 ff 7f cc 80 d1 ff 80 d2 ff ff 80 00 ce 7f ff ff ff");
-    const std::vector<unsigned long> ids{1, 255, 65536, 4294967296ul};
+    const std::vector<uint64_t> ids{1, 255, 65536, 4294967296ull};
     EXPECT_EQ(packed(ids), "94 01 cc ff ce 00 01 00 00 cf 00 00 00 01 00 00 00 00");
     EXPECT_EQ(packed(std::vector<uint32_t>{0, 7}), "92 ce 00 00 00 00 ce 00 00 00 07");
     EXPECT_EQ(packed(std::vector<double>{1.0, -2.5}),

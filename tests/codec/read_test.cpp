@@ -39,32 +39,32 @@ std::string read_error(const std::vector<uint8_t>& bytes) {
 
 struct IntegerRow {
     const char* bytes;
-    long long as_64;     // long and long long
+    long long as_64;     // int64_t (long on Linux) and long long
     int as_int;          // int: low 32 bits
     uint32_t as_u32;     // uint32_t: low 32 bits
-    unsigned long as_u;  // unsigned long: all 64 bits
+    uint64_t as_u;       // uint64_t: all 64 bits
 };
 
 const IntegerRow integer_rows[] = {
     {"00", 0, 0, 0, 0},
     {"7f", 127, 127, 127, 127},
-    {"e0", -32, -32, 0xFFFFFFE0u, 0xFFFFFFFFFFFFFFE0ul},
-    {"ff", -1, -1, 0xFFFFFFFFu, 0xFFFFFFFFFFFFFFFFul},
+    {"e0", -32, -32, 0xFFFFFFE0u, 0xFFFFFFFFFFFFFFE0ull},
+    {"ff", -1, -1, 0xFFFFFFFFu, 0xFFFFFFFFFFFFFFFFull},
     {"cc ff", 255, 255, 255, 255},
     {"cd ff ff", 65535, 65535, 65535, 65535},
-    {"ce ff ff ff ff", 4294967295ll, -1, 0xFFFFFFFFu, 4294967295ul},
-    {"ce 80 00 00 00", 2147483648ll, -2147483647 - 1, 0x80000000u, 2147483648ul},
-    {"cf 00 00 00 01 00 00 00 00", 4294967296ll, 0, 0, 4294967296ul},
-    {"cf 00 00 00 01 00 00 00 07", 4294967303ll, 7, 7, 4294967303ul},
+    {"ce ff ff ff ff", 4294967295ll, -1, 0xFFFFFFFFu, 4294967295ull},
+    {"ce 80 00 00 00", 2147483648ll, -2147483647 - 1, 0x80000000u, 2147483648ull},
+    {"cf 00 00 00 01 00 00 00 00", 4294967296ll, 0, 0, 4294967296ull},
+    {"cf 00 00 00 01 00 00 00 07", 4294967303ll, 7, 7, 4294967303ull},
     // uint 64 above the signed range keeps its bits: negative in the signed targets.
-    {"cf ff ff ff ff ff ff ff fe", -2, -2, 0xFFFFFFFEu, 0xFFFFFFFFFFFFFFFEul},
-    {"d0 80", -128, -128, 0xFFFFFF80u, 0xFFFFFFFFFFFFFF80ul},
+    {"cf ff ff ff ff ff ff ff fe", -2, -2, 0xFFFFFFFEu, 0xFFFFFFFFFFFFFFFEull},
+    {"d0 80", -128, -128, 0xFFFFFF80u, 0xFFFFFFFFFFFFFF80ull},
     {"d0 7f", 127, 127, 127, 127},
-    {"d1 80 00", -32768, -32768, 0xFFFF8000u, 0xFFFFFFFFFFFF8000ul},
-    {"d2 80 00 00 00", -2147483648ll, -2147483647 - 1, 0x80000000u, 0xFFFFFFFF80000000ul},
-    {"d3 ff ff ff ff 7f ff ff ff", -2147483649ll, 2147483647, 0x7FFFFFFFu, 0xFFFFFFFF7FFFFFFFul},
+    {"d1 80 00", -32768, -32768, 0xFFFF8000u, 0xFFFFFFFFFFFF8000ull},
+    {"d2 80 00 00 00", -2147483648ll, -2147483647 - 1, 0x80000000u, 0xFFFFFFFF80000000ull},
+    {"d3 ff ff ff ff 7f ff ff ff", -2147483649ll, 2147483647, 0x7FFFFFFFu, 0xFFFFFFFF7FFFFFFFull},
     {"d3 80 00 00 00 00 00 00 00", std::numeric_limits<long long>::min(), 0, 0,
-     0x8000000000000000ul},
+     0x8000000000000000ull},
 };
 
 }  // namespace
@@ -73,11 +73,11 @@ TEST(ReadInteger, EveryFormIntoEveryIntegerTarget) {
     for (const auto& row : integer_rows) {
         SCOPED_TRACE(row.bytes);
         const auto bytes = hex(row.bytes);
-        EXPECT_EQ(read_all<long>(bytes), row.as_64);
+        EXPECT_EQ(read_all<int64_t>(bytes), row.as_64);
         EXPECT_EQ(read_all<long long>(bytes), row.as_64);
         EXPECT_EQ(read_all<int>(bytes), row.as_int);
         EXPECT_EQ(read_all<uint32_t>(bytes), row.as_u32);
-        EXPECT_EQ(read_all<unsigned long>(bytes), row.as_u);
+        EXPECT_EQ(read_all<uint64_t>(bytes), row.as_u);
     }
 }
 
@@ -85,11 +85,11 @@ TEST(ReadInteger, NonIntegerFormsAreRefusedWithoutConsuming) {
     for (const char* bytes : {"c0", "c2", "c3", "ca 3f c0 00 00", "cb 3f f8 00 00 00 00 00 00",
                               "a1 31", "c4 01 31", "91 01", "81 01 01", "c1", "d4 01 01"}) {
         SCOPED_TRACE(bytes);
-        EXPECT_EQ(read_error<long>(hex(bytes)), "expecting integer value");
+        EXPECT_EQ(read_error<int64_t>(hex(bytes)), "expecting integer value");
         EXPECT_EQ(read_error<long long>(hex(bytes)), "expecting integer value");
         EXPECT_EQ(read_error<int>(hex(bytes)), "expecting integer value");
         EXPECT_EQ(read_error<uint32_t>(hex(bytes)), "expecting integer value");
-        EXPECT_EQ(read_error<unsigned long>(hex(bytes)), "expecting integer value");
+        EXPECT_EQ(read_error<uint64_t>(hex(bytes)), "expecting integer value");
     }
 }
 
@@ -252,28 +252,6 @@ TEST(ReadContainer, CountErrorsConsumeOnlyTheHeader) {
               "reading tuple : wrong number of fields. 1 fields in message, 2 in tuple");
     EXPECT_EQ(p.position, 1u);
 
-    // The count is compared before the bytes left: a header alone still gets the count error.
-    struct Row {
-        const char* bytes;
-        std::string message;
-    };
-    const Row rows[] = {
-        {"93", "reading tuple : wrong number of fields. 3 fields in message, 2 in tuple"},
-        {"dc ff ff", "reading tuple : wrong number of fields. 65535 fields in message, 2 in tuple"},
-        {"dd 00 01 00 00",
-         "reading tuple : wrong number of fields. 65536 fields in message, 2 in tuple"},
-        {"92 01", "unexpected end of data"},
-    };
-    for (const Row& row : rows) {
-        const auto bytes = hex(row.bytes);
-        msgpack::ReadBuffer cut(bytes.data(), bytes.size());
-        std::pair<int, int> pair;
-        EXPECT_EQ(error_of([&] { msgpack::read(cut, pair); }), row.message) << row.bytes;
-        std::tuple<int, int> tuple;
-        msgpack::ReadBuffer again(bytes.data(), bytes.size());
-        EXPECT_EQ(error_of([&] { msgpack::read(again, tuple); }), row.message) << row.bytes;
-    }
-
     EXPECT_EQ(error_of([] { msgpack::throw_struct_count(4, 3); }),
               "reading struct : wrong number of fields. 4 fields in message, 3 in struct");
     EXPECT_EQ(error_of([] { msgpack::throw_struct_count(4294967296ull, 0); }),
@@ -311,12 +289,12 @@ TEST(ReadRuns, VectorsOfNumbersAcceptEveryFormAndStopAtTheFailingValue) {
     const auto ints =
         hex("96 00 ff cc 80 d1 ff 80 cf 00 00 00 01 00 00 00 05 d3 ff ff ff ff ff ff ff fe");
     EXPECT_EQ(read_all<std::vector<int>>(ints), (std::vector<int>{0, -1, 128, -128, 5, -2}));
-    EXPECT_EQ(read_all<std::vector<long>>(ints),
-              (std::vector<long>{0, -1, 128, -128, 4294967301l, -2}));
+    EXPECT_EQ(read_all<std::vector<int64_t>>(ints),
+              (std::vector<int64_t>{0, -1, 128, -128, 4294967301l, -2}));
     EXPECT_EQ(read_all<std::vector<uint32_t>>(ints),
               (std::vector<uint32_t>{0, 0xFFFFFFFFu, 128, 0xFFFFFF80u, 5, 0xFFFFFFFEu}));
-    EXPECT_EQ(read_all<std::vector<unsigned long>>(hex("92 01 cf ff ff ff ff ff ff ff ff")),
-              (std::vector<unsigned long>{1, 0xFFFFFFFFFFFFFFFFul}));
+    EXPECT_EQ(read_all<std::vector<uint64_t>>(hex("92 01 cf ff ff ff ff ff ff ff ff")),
+              (std::vector<uint64_t>{1, 0xFFFFFFFFFFFFFFFFull}));
 
     const auto floats = hex("92 ca 3f c0 00 00 cb 3f f8 00 00 00 00 00 00");
     EXPECT_EQ(read_all<std::vector<double>>(floats), (std::vector<double>{1.5, 1.5}));
