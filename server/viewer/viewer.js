@@ -157,7 +157,7 @@ function applyResult(result) {
   viewer.step = result[u.step];
   const details = result[u.details];
   viewer.time = details[u.time];
-  setState(details[u.state]);
+  if (performance.now() >= controlStateUntil) setState(details[u.state]);
   show('step', viewer.step);
   show('time', viewer.time.toFixed(3) + ' s');
   pendingDraw.push(performance.now());
@@ -167,6 +167,16 @@ function applyResult(result) {
 function setState(code) {
   viewer.state = STATE_NAMES[code] || String(code);
   show('state', viewer.state);
+}
+
+// The server publishes steps from its own clock and answers calls as they come, so a step
+// published just before a Stop or Pause can arrive just after its answer. For a moment after
+// a control's answer, the state it gave wins over the state carried by published steps.
+const CONTROL_STATE_HOLD_MS = 1000;
+let controlStateUntil = 0;
+function setControlState(code) {
+  setState(code);
+  controlStateUntil = performance.now() + CONTROL_STATE_HOLD_MS;
 }
 
 let updateTimes = [];
@@ -302,13 +312,13 @@ function control(id, action) {
     action().catch((e) => note(errorText(e)));
   });
 }
-control('start', () => call('START_SIMULATION').then(setState));
-control('pause', () => call('PAUSE_SIMULATION').then(setState));
-control('resume', () => call('RESUME_SIMULATION').then(setState));
-control('stop', () => call('STOP_SIMULATION').then(setState));
+control('start', () => call('START_SIMULATION').then(setControlState));
+control('pause', () => call('PAUSE_SIMULATION').then(setControlState));
+control('resume', () => call('RESUME_SIMULATION').then(setControlState));
+control('stop', () => call('STOP_SIMULATION').then(setControlState));
 control('step-once', () => call('STEP_SIMULATION').then(applyResult));
 control('reset', async () => {
-  setState(await call('STOP_SIMULATION'));
+  setControlState(await call('STOP_SIMULATION'));
   if (savedScene) await call('SEND_SCENE', [savedScene]);
   await refreshScene();
 });
