@@ -14,7 +14,6 @@ namespace client_test {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 namespace types = dax::types;
 
 std::vector<std::string> device_topics_in_subscription_order() {
@@ -67,44 +66,6 @@ TEST_F(DevicesTest, ConstructionSubscribesEveryTopicOnceInFamilyOrder) {
     EXPECT_EQ(subscribed, device_topics_in_subscription_order());
     // What a user passes to ConnectOptions::served_topics is the same list.
     EXPECT_EQ(types::device_topics(), subscribed);
-    EXPECT_EQ(client->leap.device_frames.size(), 10u);
-    EXPECT_EQ(client->kinect.device_available.size(), 5u);
-    EXPECT_EQ(client->openvr.device_frames.size(), 10u);
-}
-
-TEST_F(DevicesTest, NothingIsAvailableBeforeTheFirstFrame) {
-    types::art_frame_t art;
-    art.i1 = 99;
-    EXPECT_FALSE(client->get_art_frame(art));
-    EXPECT_EQ(art.i1, 99);
-    types::optitrack_frame_t opti;
-    opti.i1 = 98;
-    EXPECT_FALSE(client->get_optitrack_frame(opti));
-    EXPECT_EQ(opti.i1, 98);
-    types::moticon_frame_t moticon;
-    moticon.left.value = 2.5f;
-    EXPECT_FALSE(client->get_moticon_frame(moticon));
-    EXPECT_EQ(moticon.left.value, 2.5f);
-    types::xsens_frame_t xsens;
-    xsens.segments.resize(2);
-    EXPECT_FALSE(client->get_xsens_frame(xsens));
-    EXPECT_EQ(xsens.segments.size(), 2u);
-    types::leap_frame_t leap;
-    leap.i1 = 97;
-    EXPECT_FALSE(client->get_leap_frame(leap, 0));
-    EXPECT_EQ(leap.i1, 97);
-    types::kinect_frame_t kinect;
-    EXPECT_FALSE(client->get_kinect_frame(kinect, 4));
-    types::openvr_frame_t openvr;
-    EXPECT_FALSE(client->get_openvr_frame(openvr, 9));
-
-    EXPECT_FALSE(client->is_art_available());
-    EXPECT_FALSE(client->is_moticon_available());
-    EXPECT_FALSE(client->is_optitrack_available());
-    EXPECT_FALSE(client->is_xsens_available());
-    EXPECT_THAT(client->get_kinect_ids(), IsEmpty());
-    EXPECT_THAT(client->get_leap_ids(), IsEmpty());
-    EXPECT_THAT(client->get_openvr_ids(), IsEmpty());
 }
 
 TEST_F(DevicesTest, NumberedStreamsKeepTheirOwnFrames) {
@@ -158,48 +119,6 @@ TEST_F(DevicesTest, OutOfRangeStreamIdsReadAsNoFrame) {
     }
     EXPECT_EQ(kinect.i1, 7);
     EXPECT_EQ(client->get_kinect_ids().size(), 5u);
-}
-
-TEST_F(DevicesTest, LatestFrameReplacesTheLastAndStaysReadable) {
-    types::xsens_frame_t first, second;
-    first.segments.resize(1);
-    second.segments.resize(2);
-    second.segments[1].i2 = 12;
-    publish("xsens_frame", first);
-    publish("xsens_frame", second);
-    for (int read = 0; read < 2; ++read) {
-        types::xsens_frame_t got;
-        ASSERT_TRUE(client->get_xsens_frame(got));
-        ASSERT_EQ(got.segments.size(), 2u);
-        EXPECT_EQ(got.segments[1].i2, 12);
-    }
-    EXPECT_TRUE(client->is_xsens_available());
-}
-
-TEST_F(DevicesTest, SingleStreamFamiliesEachKeepTheirFrame) {
-    types::art_frame_t art;
-    art.i1 = 1;
-    types::optitrack_frame_t opti;
-    opti.f1 = 0.25f;
-    types::moticon_frame_t moticon;
-    moticon.right.point.y = -3.5f;
-    publish("art_frame", art);
-    publish("optitrack_frame", opti);
-    publish("moticon_frame", moticon);
-
-    types::art_frame_t got_art;
-    types::optitrack_frame_t got_opti;
-    types::moticon_frame_t got_moticon;
-    ASSERT_TRUE(client->get_art_frame(got_art));
-    ASSERT_TRUE(client->get_optitrack_frame(got_opti));
-    ASSERT_TRUE(client->get_moticon_frame(got_moticon));
-    EXPECT_EQ(got_art.i1, 1);
-    EXPECT_EQ(got_opti.f1, 0.25f);
-    EXPECT_EQ(got_moticon.right.point.y, -3.5f);
-    EXPECT_TRUE(client->is_art_available());
-    EXPECT_TRUE(client->is_optitrack_available());
-    EXPECT_TRUE(client->is_moticon_available());
-    EXPECT_FALSE(client->is_xsens_available());
 }
 
 TEST_F(DevicesTest, MalformedFrameFailsThroughThePumpAndKeepsTheOldOne) {

@@ -101,13 +101,6 @@ TEST_F(RegistryTest, ExplicitIdKeepsTheCounterAndOverwritesWithoutRelease) {
     EXPECT_THAT(events, ElementsAre("component 7"));
 }
 
-TEST_F(RegistryTest, LookupOfAnAbsentIdIsNull) {
-    EXPECT_EQ(client->getComponent(0), nullptr);
-    client->Create("T", 2, 0);
-    EXPECT_EQ(client->getComponent(1), nullptr);
-    EXPECT_NE(client->getComponent(2), nullptr);
-}
-
 TEST_F(RegistryTest, ClearDeletesInAscendingIdOrder) {
     client->Clear();  // empty: nothing happens
     EXPECT_TRUE(events.empty());
@@ -117,18 +110,6 @@ TEST_F(RegistryTest, ClearDeletesInAscendingIdOrder) {
     client->Clear();
     EXPECT_THAT(events, ElementsAre("component -4", "component 12", "component 30"));
     EXPECT_TRUE(client->components.empty());
-}
-
-TEST_F(RegistryTest, FillComponentDataCopiesOnlyTheTwoTexts) {
-    auto* body = static_cast<Body*>(client->Create("Body", 9, 4));
-    dax::types::component_data_t data;
-    data.first = "mass";
-    data.second = "12.5";
-    body->fillComponentData(data);
-    EXPECT_EQ(body->first_text(), "mass");
-    EXPECT_EQ(body->second_text(), "12.5");
-    EXPECT_EQ(body->getId(), 9);
-    EXPECT_EQ(body->getClientId(), 4);
 }
 
 TEST_F(RegistryTest, DestructionReleasesComponentsThenFactoriesThenPrintsCleanup) {
@@ -142,37 +123,6 @@ TEST_F(RegistryTest, DestructionReleasesComponentsThenFactoriesThenPrintsCleanup
     // The peer is the application's and still works.
     net.peer.update_first();
     EXPECT_EQ(net.link.first_passes, 1u);
-}
-
-TEST_F(RegistryTest, CopiesShareEverything) {
-    client->Create("T", 5, 0);
-    client->setTimeoutMs(250);
-    DaxClient* copy = new DaxClient(*client);
-    EXPECT_EQ(copy->getPeer(), &net.peer);
-    EXPECT_EQ(copy->components, client->components);
-    EXPECT_EQ(copy->factories, client->factories);
-    EXPECT_EQ(copy->plugin_handler, client->plugin_handler);
-    EXPECT_EQ(copy->getTimeout(), 250);
-
-    // Assignment drops what the target held without releasing it.
-    DaxClient other(&net.peer);
-    auto* dropped_handler = other.plugin_handler;
-    const auto dropped_factories = other.factories;
-    other = *client;
-    EXPECT_EQ(other.components, client->components);
-    EXPECT_EQ(other.plugin_handler, client->plugin_handler);
-
-    // Only one of the copies may release what they share: detach the others.
-    for (DaxClient* detached : {copy, &other}) {
-        detached->components.clear();
-        detached->factories.clear();
-        detached->plugin_handler = new dax::plugins::PluginHandler<IModuleFactory>;
-    }
-    for (IModuleFactory* factory : dropped_factories) delete factory;
-    dropped_handler->unload();
-    delete dropped_handler;
-    delete copy;
-    EXPECT_TRUE(events.empty());
 }
 
 // ---- the client's own small operations ----------------------------------------------------

@@ -437,50 +437,6 @@ std::string port_of(const std::string& url) {
     return url.substr(url.rfind(':') + 1);
 }
 
-bool pump_peer_until(QorClient& peer, const std::function<bool()>& done,
-                     std::chrono::milliseconds limit = std::chrono::milliseconds(10000)) {
-    const auto end = Clock::now() + limit;
-    while (!done()) {
-        if (Clock::now() > end) return false;
-        const bool first = peer.update_first();
-        const bool second = peer.update_second();
-        if (!first && !second) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
-TEST(FaultScenario, ServerKilledDuringABlockingCall) {
-    TempFolder data;
-    auto server = start_server(data);
-    App app(server->rawsocket_url());
-    // Stopped, the server cannot answer; killed during the wait, the call ends with the link
-    // instead of waiting out its 10 s time-out.
-    ASSERT_EQ(0, ::kill(server->pid(), SIGSTOP));
-    std::thread killer([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        server->kill_now();
-    });
-    EXPECT_EQ(test_support::error_of([&] { app.client->CLEAR_SCENE(); }),
-              "qor.error.connection_lost");
-    killer.join();
-    EXPECT_FALSE(app.peer.server_connected);
-}
-
-TEST(FaultScenario, StoppedServerIsFoundByTheKeepalive) {
-    TempFolder data;
-    auto server = start_server(data);
-    QorClient peer;
-    transport::ConnectOptions options;
-    options.keepalive_interval = std::chrono::milliseconds(200);
-    options.keepalive_timeout = std::chrono::milliseconds(500);
-    auto& link = transport::connect(peer, server->rawsocket_url(), options);
-    ASSERT_EQ(0, ::kill(server->pid(), SIGSTOP));
-    const bool lost = pump_peer_until(peer, [&] { return !peer.server_connected; });
-    ::kill(server->pid(), SIGCONT);
-    ASSERT_TRUE(lost);
-    EXPECT_THAT(link.last_error(), HasSubstr("keepalive"));
-}
-
 TEST(FaultScenario, RestartWithAutomaticReconnectBringsSubscriptionsAndDevicesBack) {
     TempFolder data;
     auto server = start_server(data, {"--devices", "50"});

@@ -132,26 +132,6 @@ TEST_P(Transport, OpensCallsSubscribesAndReceivesEvents) {
               error_of([&] { call_and_wait<std::string>(peer, "echo", "x"); }));
 }
 
-TEST_P(Transport, PipelinedCallsAllComeBackInAnyNumber) {
-    Router router(server_options());
-    qor::QorClient peer;
-    qor::transport::connect(peer, url(router), client_options());
-    int answered = 0;
-    std::vector<std::string> values;
-    std::function<void(qor::wamp::RpcResult<std::string>)> done =
-        [&](qor::wamp::RpcResult<std::string> r) {
-            ++answered;
-            values.push_back(r.value);
-        };
-    for (int i = 0; i < 500; ++i) peer.call<std::string>(done, "echo", std::to_string(i));
-    ASSERT_TRUE(pump_until(peer, [&] { return answered == 500; }));
-    std::sort(values.begin(), values.end());
-    std::vector<std::string> expected;
-    for (int i = 0; i < 500; ++i) expected.push_back(std::to_string(i));
-    std::sort(expected.begin(), expected.end());
-    EXPECT_EQ(expected, values);
-}
-
 // Messages queued in one pass leave together in one socket write. The router answers in
 // the order it receives, so answers coming back out of order, or a large message that does
 // not fit one write coming back damaged, means the batching reordered or cut frames.
@@ -266,40 +246,6 @@ TEST_P(Transport, ServerStoppedDuringABlockingCallFailsItAtOnce) {
     EXPECT_FALSE(events.back().will_retry);
     EXPECT_FALSE(endpoint.last_error().empty());
     EXPECT_TRUE(peer.server_endpoint->caller.pending.empty());
-}
-
-TEST_P(Transport, ReconnectRestoresSubscriptions) {
-    auto router = std::make_unique<Router>(server_options());
-    ServerOptions again = server_options();
-    again.rawsocket_port = router->server.rawsocket_port();
-    again.websocket_port = router->server.websocket_port();
-    qor::QorClient peer;
-    auto& endpoint = qor::transport::connect(peer, url(*router), client_options());
-    std::vector<std::string> events;
-    int confirmations = 0;
-    peer.server_endpoint->subscriber.subscribe(
-        "device.frames",
-        [&](const qor::wamp::Message& m) {
-            std::string value;
-            qor::wamp::IncomingMessage(m).fillArgsNS(value);
-            events.push_back(value);
-        },
-        [&](bool ok, std::string) { confirmations += ok ? 1 : 0; });
-    ASSERT_TRUE(pump_until(peer, [&] { return confirmations == 1; }));
-
-    router.reset();  // stops the server
-    ASSERT_TRUE(pump_until(peer, [&] { return !peer.server_connected; }));
-    EXPECT_THROW(endpoint.reconnect(), std::runtime_error);  // nobody listening
-
-    router = std::make_unique<Router>(again);
-    endpoint.reconnect();
-    EXPECT_TRUE(peer.server_connected);
-    ASSERT_TRUE(router->wait([&] { return router->subscriptions.size() == 1; }));
-    EXPECT_EQ("device.frames", router->subscriptions[0].topic);
-    ASSERT_TRUE(pump_until(peer, [&] { return confirmations == 2; }));
-    router->publish("device.frames", "after restart");
-    ASSERT_TRUE(pump_until(peer, [&] { return events.size() == 1; }));
-    EXPECT_EQ("after restart", events[0]);
 }
 
 TEST_P(Transport, AutomaticReconnectAfterServerRestart) {
@@ -705,25 +651,6 @@ TEST(Server, OversizedHelloIsRefusedBeforeItIsRead) {
     EXPECT_EQ(qor::wamp::ABORT, abort.type);
     EXPECT_EQ("wamp.error.protocol_violation", abort.reason);
     EXPECT_TRUE(router.joins.empty());
-}
-
-TEST(Server, RefusesWhatIsNotWamp) {
-    Router router;
-    qor::QorClient peer;
-    ConnectOptions options;
-    options.connect_timeout = 1000ms;
-    // A RawSocket client talking to the WebSocket port gets no HTTP answer it understands.
-    const std::string wrong = "rs://127.0.0.1:" + std::to_string(router.server.websocket_port());
-    EXPECT_EQ(0u, error_of([&] {
-                      qor::transport::connect(peer, wrong, options);
-                  }).find("cannot connect to '" + wrong + "': "));
-    // And a WebSocket client on the RawSocket port.
-    const std::string wrong2 = "ws://127.0.0.1:" + std::to_string(router.server.rawsocket_port());
-    EXPECT_EQ(0u, error_of([&] {
-                      qor::transport::connect(peer, wrong2, options);
-                  }).find("cannot connect to '" + wrong2 + "': "));
-    EXPECT_TRUE(router.joins.empty());
-    EXPECT_FALSE(peer.server_connected);
 }
 
 }  // namespace

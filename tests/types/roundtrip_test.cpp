@@ -1,5 +1,5 @@
 // Every record: random instances written and read back, checked against the field-by-field
-// reference; every truncation and random damage of valid encodings read without harm.
+// reference; every truncation of valid encodings refused.
 
 #include <gtest/gtest.h>
 
@@ -36,11 +36,6 @@ TYPED_TEST(EveryRecord, RandomInstancesRoundTrip) {
         const TypeParam back = decode<TypeParam>(bytes, &consumed);
         EXPECT_EQ(consumed, bytes.size()) << "seed " << seed;
         EXPECT_TRUE(same(back, original)) << "seed " << seed << ": " << to_hex(bytes);
-
-        // Copies and moves keep every field.
-        TypeParam copy = back;
-        TypeParam moved = std::move(copy);
-        EXPECT_TRUE(same(moved, original)) << "seed " << seed;
     }
 }
 
@@ -53,48 +48,6 @@ TYPED_TEST(EveryRecord, EveryTruncationIsRefused) {
             ASSERT_EQ(read_error<TypeParam>(prefix), "unexpected end of data")
                 << "seed " << seed << ", " << n << " of " << bytes.size() << " bytes";
         }
-    }
-}
-
-TYPED_TEST(EveryRecord, DamagedAndRandomBytesNeverCrash) {
-    std::mt19937_64 rng(99);
-    // Bytes that make headers and lengths large or change the form of a value.
-    const uint8_t nasty[] = {0x00, 0x7F, 0x80, 0x8F, 0x90, 0x9F, 0xC0, 0xC2, 0xC3,
-                             0xC4, 0xC5, 0xC6, 0xCA, 0xCB, 0xCC, 0xCE, 0xCF, 0xD3,
-                             0xD9, 0xDA, 0xDB, 0xDC, 0xDD, 0xDE, 0xDF, 0xE0, 0xFF};
-    auto attempt = [](const std::vector<uint8_t>& bytes) {
-        mp::ReadBuffer in(bytes.data(), bytes.size());
-        TypeParam target;
-        try {
-            using mp::read;
-            read(in, target);
-            EXPECT_LE(in.position, bytes.size()) << to_hex(bytes);
-        } catch (const std::runtime_error&) {
-            // refused: fine
-        } catch (const std::exception& e) {
-            ADD_FAILURE() << "unexpected " << typeid(e).name() << " (" << e.what() << ") for "
-                          << to_hex(bytes);
-        }
-    };
-    for (uint64_t seed = 1; seed <= 8; ++seed) {
-        const std::vector<uint8_t> valid = encode(random_record<TypeParam>(seed));
-        for (int round = 0; round < 60; ++round) {
-            std::vector<uint8_t> damaged = valid;
-            const int hits = 1 + static_cast<int>(rng() % 3);
-            for (int h = 0; h < hits; ++h) {
-                uint8_t& b = damaged[rng() % damaged.size()];
-                b = (rng() & 1) ? nasty[rng() % sizeof(nasty)] : static_cast<uint8_t>(rng());
-            }
-            attempt(damaged);
-        }
-    }
-    for (int round = 0; round < 300; ++round) {
-        std::vector<uint8_t> bytes(rng() % 48);
-        for (uint8_t& b : bytes) b = static_cast<uint8_t>(rng());
-        // Often start with the right header so the damage reaches the fields.
-        if (!bytes.empty() && (rng() & 1))
-            bytes[0] = static_cast<uint8_t>(0x90 | field_count_v<TypeParam>);
-        attempt(bytes);
     }
 }
 

@@ -162,16 +162,6 @@ TEST(WampLoopback, GarbageFromThePeerRaisesInThePumpAndLeavesTheEndpointUsable) 
     EXPECT_EQ(results[0].value, 5);
 }
 
-TEST(WampLoopback, DetachesOnDestruction) {
-    Client client("c", nullptr);
-    {
-        LoopbackConnection link(client);
-        EXPECT_EQ(client.connection, &link);
-    }
-    EXPECT_EQ(client.connection, nullptr);
-    EXPECT_THROW(client.session.send(Message(CALL, Id(1), "p")), std::bad_function_call);
-}
-
 TEST(WampSessionLog, TraceLineComesBeforeTheBytesAndOnlyAtTraceLevel) {
     CapturedLog log(spdlog::level::trace);
     Client client("server", log.logger.get());
