@@ -1,6 +1,8 @@
 #include <qor/qor_client.hpp>
 
+#include <algorithm>
 #include <chrono>
+#include <vector>
 
 #include <spdlog/logger.h>
 
@@ -41,6 +43,33 @@ bool QorClient::update_first() {
 
 bool QorClient::update_second() {
     return run_pass(*this, &wamp::Connection::update_second);
+}
+
+bool QorClient::wait(std::chrono::nanoseconds timeout) {
+    using Clock = std::chrono::steady_clock;
+    Clock::time_point until = Clock::now() + std::chrono::duration_cast<Clock::duration>(timeout);
+    const Clock::time_point limit = until;
+    std::vector<wamp::Connection*> links;
+    auto watch = [&](wamp::Client* endpoint) {
+        if (endpoint == nullptr) return;
+        for (const auto& [request, deadline] : endpoint->caller.deadlines)
+            until = std::min(until, deadline);
+        if (endpoint->connection != nullptr) links.push_back(endpoint->connection);
+    };
+    watch(first_endpoint);
+    if (has_server) watch(server_endpoint);
+    for (wamp::Client* endpoint : extra_endpoints) watch(endpoint);
+    if (links.empty()) return false;
+    if (links.size() == 1) return links.front()->wait(until - Clock::now()) || until < limit;
+    // Each link sleeps on its own event loop, so one thread can only take them in turn.
+    const auto slice = std::chrono::milliseconds(1);
+    for (;;) {
+        for (wamp::Connection* link : links) {
+            const auto now = Clock::now();
+            if (now >= until) return until < limit;
+            if (link->wait(std::min<Clock::duration>(until - now, slice))) return true;
+        }
+    }
 }
 
 void QorClient::check_connected() const {

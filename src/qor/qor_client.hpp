@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -49,6 +50,11 @@ class QorClient {
     bool update_first();
     /// Second pass, same order and rules.
     bool update_second();
+    /// Sleeps in the OS until an endpoint has something for the next passes (see
+    /// `wamp::Connection::wait`), a call passes its limit, or `timeout` passes; true when woken
+    /// by work. Opt-in: the passes themselves never sleep. Several endpoints are watched in
+    /// turn, a millisecond each. Pumping thread only.
+    bool wait(std::chrono::nanoseconds timeout);
 
     /// Calls `procedure` on the server with positional arguments; `cb` gets the result.
     /// Throws "qor client cannot call operations before server is connected".

@@ -416,6 +416,106 @@ TEST_P(Transport, OutgoingMessageOverThePeersLimit) {
 
 const Scheme schemes[] = {
     {"rs", false, false}, {"ws", true, false}, {"rss", false, true}, {"wss", true, true}};
+// The opt-in wait sleeps in the OS; bounds below are generous on purpose: they tell a wait
+// that woke from one that ran out its whole time-out, not how fast it woke.
+TEST_P(Transport, WaitWakesOnAnEventAndOnTheEndOfTheLinkOtherwiseAtItsTimeOut) {
+    auto router = std::make_unique<Router>(server_options());
+    qor::QorClient peer;
+    qor::transport::connect(peer, url(*router), client_options());
+    std::vector<std::string> events;
+    std::optional<bool> subscribed;
+    peer.server_endpoint->subscriber.subscribe(
+        "qor.server.update",
+        [&](const qor::wamp::Message& m) {
+            std::string value;
+            qor::wamp::IncomingMessage(m).fillArgsNS(value);
+            events.push_back(value);
+        },
+        [&](bool ok, std::string) { subscribed = ok; });
+    ASSERT_TRUE(pump_until(peer, [&] { return subscribed.has_value(); }));
+    for (int i = 0; i < 100 && (peer.update_first() | peer.update_second()); ++i) {
+    }
+    using Clock = std::chrono::steady_clock;
+
+    auto started = Clock::now();
+    EXPECT_FALSE(peer.wait(100ms));
+    EXPECT_GE(Clock::now() - started, 100ms);
+
+    std::thread publisher([&] {
+        std::this_thread::sleep_for(50ms);
+        router->publish("qor.server.update", "late");
+    });
+    started = Clock::now();
+    EXPECT_TRUE(peer.wait(60s));
+    EXPECT_LT(Clock::now() - started, 30s);
+    publisher.join();
+    EXPECT_TRUE(events.empty()) << "the wait itself dispatches nothing";
+    peer.update_first();
+    EXPECT_EQ(std::vector<std::string>{"late"}, events);
+
+    std::thread stopper([&] {
+        std::this_thread::sleep_for(50ms);
+        router->server.stop();
+    });
+    started = Clock::now();
+    EXPECT_TRUE(peer.wait(60s));
+    EXPECT_LT(Clock::now() - started, 30s);
+    stopper.join();
+    peer.update_first();
+    EXPECT_FALSE(peer.server_connected);
+
+    // No link left to sleep on and no reconnection due: the time-out ends the wait.
+    started = Clock::now();
+    EXPECT_FALSE(peer.wait(100ms));
+    EXPECT_GE(Clock::now() - started, 100ms);
+}
+
+// The blocking operations with the sleeping wait: the same values, errors and time-outs as
+// the busy loop, against a server whose answers take a while.
+TEST_P(Transport, BlockingOperationsThatSleepGetTheSameOutcomes) {
+    qor::router::Server server(server_options());
+    qor::router::BrokerOptions worker;
+    worker.call_worker = true;
+    qor::router::Broker broker(
+        server,
+        [](uint64_t, const qor::wamp::Message& m) -> std::optional<qor::router::Answer> {
+            std::this_thread::sleep_for(100ms);
+            if (m.procedure == "qor.server.operation.CLEAR_SCENE") {
+                std::vector<uint8_t> seven;
+                msgpack::pack(seven, 7);
+                return qor::router::Answer::result(msgpack::buffer(seven));
+            }
+            if (m.procedure == "qor.server.operation.DUMP")
+                return qor::router::Answer::failure("app.error.refused");
+            return std::nullopt;
+        },
+        worker);
+    server.on_message([&](uint64_t session, const qor::wamp::Message& m) {
+        broker.on_message(session, m);
+    });
+    server.start();
+    qor::QorClient peer;
+    qor::transport::connect(peer, url_for(GetParam(), server), client_options());
+    dax::client::DaxClient client(&peer);
+    client.setWaitStrategy(dax::client::WaitStrategy::sleep);
+    client.setTimeoutMs(10000);
+
+    auto started = std::chrono::steady_clock::now();
+    EXPECT_EQ(7, client.CLEAR_SCENE());
+    // Woken by the answer, not by its 10 s time-out.
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 5s);
+    EXPECT_EQ("app.error.refused", error_of([&] { client.DUMP(); }));
+    client.setTimeoutMs(300);
+    started = std::chrono::steady_clock::now();
+    EXPECT_EQ("DaxClient: timeout during 'PAUSE_SIMULATION' call",
+              error_of([&] { client.PAUSE_SIMULATION(); }));
+    EXPECT_GE(std::chrono::steady_clock::now() - started, 300ms);
+    // Answers still flow afterwards: the late calls left nothing behind in the link.
+    client.setTimeoutMs(10000);
+    EXPECT_EQ(7, client.CLEAR_SCENE());
+    server.stop();
+}
+
 INSTANTIATE_TEST_SUITE_P(Schemes, Transport, ::testing::ValuesIn(schemes),
                          [](const auto& info) { return std::string(info.param.name); });
 

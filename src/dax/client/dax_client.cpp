@@ -113,6 +113,20 @@ int DaxClient::getAsyncTimeoutMs() const {
     return async_timeout_ms;
 }
 
+void DaxClient::setWaitStrategy(WaitStrategy strategy) {
+    wait_strategy = strategy;
+}
+
+WaitStrategy DaxClient::getWaitStrategy() const {
+    return wait_strategy;
+}
+
+void DaxClient::pause_until(std::chrono::steady_clock::time_point until) {
+    if (wait_strategy != WaitStrategy::sleep) return;
+    const auto left = until - std::chrono::steady_clock::now();
+    if (left > left.zero()) peer->wait(left);
+}
+
 int DaxClient::getSceneStateVersion() const {
     return scene_state_version;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -35,6 +36,12 @@ template <class Frame>
 struct DeviceStores {
     std::vector<bool> device_available;  ///< bit `id` is set once stream `id` delivered a frame
     std::vector<Frame> device_frames;    ///< the latest frame of stream `id`
+};
+
+/// How the blocking operations and sync_step wait between pump passes.
+enum class WaitStrategy {
+    spin,   ///< pass after pass without pause: lowest latency, one core busy (the default)
+    sleep,  ///< sleeps in the OS until the link has something to do (QorClient::wait)
 };
 
 /// The application's handle on the simulation server: its operations (each blocking and
@@ -77,6 +84,11 @@ class DaxClient {
     void setAsyncTimeoutMs(int ms);
     /// The limit set by setAsyncTimeoutMs (0: none).
     int getAsyncTimeoutMs() const;
+    /// Opt-in: how blocking operations and sync_step wait between passes (spin by default).
+    /// Time-outs and results are the same either way; only the CPU spent waiting differs.
+    void setWaitStrategy(WaitStrategy strategy);
+    /// The strategy set by setWaitStrategy.
+    WaitStrategy getWaitStrategy() const;
     /// Number of the last state update applied (-1 before the first).
     int getSceneStateVersion() const;
     /// Runs both pump passes of the peer; true when either processed anything.
@@ -205,6 +217,7 @@ class DaxClient {
     /// leaving through the unrelated operation. full_update() still lets them through.
     uint64_t handler_errors = 0;
     int async_timeout_ms = 0;  ///< see setAsyncTimeoutMs
+    WaitStrategy wait_strategy = WaitStrategy::spin;  ///< see setWaitStrategy
 
   private:
     // Construction after the fields: prints, loads plug-ins, subscribes the device topics.
@@ -223,6 +236,9 @@ class DaxClient {
     void call(const char* name, const Callback<T>& callback, const Args&... args);
     template <class T, class Send>
     T wait_for(const char* name, const Send& send);
+    // With the sleep strategy, sleeps until the link has work or `until` (at most); with spin,
+    // returns at once.
+    void pause_until(std::chrono::steady_clock::time_point until);
     // Logs and counts an error of another handler met during the blocking call `name`.
     void note_handler_error(const char* name, const std::exception& error);
 

@@ -81,6 +81,8 @@ T DaxClient::wait_for(const char* name, const Send& send) {
         if (elapsed_ms > timeout_ms) {
             throw std::runtime_error(std::string("DaxClient: timeout during '") + name + "' call");
         }
+        // The time-out fails the first pass that ends a whole millisecond past it.
+        if (!slot->done) pause_until(start + std::chrono::milliseconds(int64_t(timeout_ms) + 1));
     }
     return std::move(slot->value);
 }

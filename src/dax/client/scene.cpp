@@ -110,6 +110,8 @@ void DaxClient::sync_step() {
         if (!*done && !peer->server_connected) {
             throw std::runtime_error(qor::wamp::CONNECTION_LOST);
         }
+        // No time-out of its own: a long sleep is fine, the link wakes it when the step lands.
+        if (!*done) pause_until(std::chrono::steady_clock::now() + std::chrono::seconds(1));
     }
 }
 

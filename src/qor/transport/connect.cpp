@@ -5,6 +5,7 @@
 #include <optional>
 #include <random>
 #include <stdexcept>
+#include <thread>
 
 #include <spdlog/spdlog.h>
 #include <boost/asio/ssl/context.hpp>
@@ -372,6 +373,39 @@ struct Endpoint::Impl {
         return work;
     }
 
+    // What the next pass will act on without anything new arriving.
+    bool pass_due() const { return !inbox.empty() || lost || opening_failed; }
+
+    // The earliest moment the pump's own timers (keepalive, opening time-out, next automatic
+    // attempt) need a pass.
+    Clock::time_point next_timer(Clock::time_point limit) const {
+        if (stage == Stage::established && channel && options.keepalive_interval.count() > 0)
+            limit = std::min(limit, awaiting_pong ? ping_sent + options.keepalive_timeout
+                                                  : last_heard + options.keepalive_interval);
+        if (stage == Stage::transport || stage == Stage::hello)
+            limit = std::min(limit, opening_deadline);
+        if (stage == Stage::down && next_attempt) limit = std::min(limit, *next_attempt);
+        return limit;
+    }
+
+    bool wait(Clock::duration timeout) {
+        if (pass_due()) return true;
+        const Clock::time_point until = Clock::now() + timeout;
+        const Clock::time_point wake = next_timer(until);
+        const Stage before = stage;
+        // Handlers that only move a frame along (a partial read, a finished write) do not
+        // need a pass; the sleep goes on until one leaves something for it.
+        while ((opening || channel) && !pass_due() && stage == before) {
+            if (io.stopped()) io.restart();
+            if (io.run_one_until(wake) == 0) break;
+        }
+        if (pass_due() || stage != before) return true;
+        // Nothing to sleep on inside the io_context (no link, or its work ran out): the
+        // thread sleeps until the time-out or the timer that needs a pass.
+        std::this_thread::sleep_until(wake);
+        return wake < until;
+    }
+
     void keepalive() {
         if (options.keepalive_interval.count() <= 0 || !channel) return;
         const auto now = Clock::now();
@@ -428,6 +462,10 @@ bool Endpoint::update_first() {
 }
 bool Endpoint::update_second() {
     return impl_->pass();
+}
+
+bool Endpoint::wait(std::chrono::nanoseconds timeout) {
+    return impl_->wait(std::chrono::duration_cast<Clock::duration>(timeout));
 }
 
 wamp::Client& Endpoint::client() {

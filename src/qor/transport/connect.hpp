@@ -67,6 +67,11 @@ class Endpoint : public wamp::Connection {
     bool update_first() override;
     /// Same work again, so that writes queued in between go out within the same pump.
     bool update_second() override;
+    /// Sleeps in the OS until this link has something for the next pass (a message, the end
+    /// of the link or of an opening, a due keepalive ping or reconnection attempt) or `timeout`
+    /// passes; true when woken by work. Dispatches nothing: the next pass does. Same thread
+    /// as the passes; nothing wakes it from another thread.
+    bool wait(std::chrono::nanoseconds timeout) override;
 
     /// The WAMP endpoint (caller, subscriber) this link carries.
     wamp::Client& client();
