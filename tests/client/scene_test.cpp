@@ -260,6 +260,31 @@ TEST_F(SceneTest, SyncStepKeepsWaitingThroughAnErrorUntilTheLinkIsLost) {
     EXPECT_EQ(client->getSceneStateVersion(), -1);
 }
 
+TEST_F(SceneTest, SyncStepKeepsOtherHandlersErrorsAndLetsItsOwnThrough) {
+    client->init("", nullptr);
+    net.link.confirm_subscription("qor.server.update", qor::wamp::Id(900));
+    client->full_update();
+    client->Create("Counter", 4, 0);
+    // A published update naming a component this client lacks arrives before the step.
+    net.on_pass(2, [&] {
+        net.link.publish_event(qor::wamp::Id(900), step_result("81 63 07"));
+        net.link.reply_last_result(step_result("81 04 2a"));
+    });
+    client->sync_step();
+    EXPECT_EQ(counter(4)->value, 42);
+    EXPECT_EQ(client->handler_errors, 1u);
+
+    // The step's own state failing to apply, or its answer failing to decode, still leaves
+    // through sync_step, and is not counted as someone else's.
+    const std::string missing = "update_scene_state: component not found id=99";
+    net.on_pass(net.link.first_passes + 1,
+                [&] { net.link.reply_last_result(step_result("81 63 07")); });
+    EXPECT_EQ(error_of([&] { client->sync_step(); }), missing);
+    net.on_pass(net.link.first_passes + 1, [&] { net.link.reply_last_result(7); });
+    EXPECT_EQ(error_of([&] { client->sync_step(); }), "inconsistent data while parsing array");
+    EXPECT_EQ(client->handler_errors, 1u);
+}
+
 // ---- the whole path, beside a real plug-in ------------------------------------------------
 
 TEST_F(SceneTest, PluginComponentsGoToTheServerStepAndFollowPublishedState) {

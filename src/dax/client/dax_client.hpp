@@ -125,7 +125,9 @@ class DaxClient {
     void deserialize_components(const qor::serialization::msgpack::buffer& data, bool create);
     /// Applies one per-step state to the components named in it.
     void update_scene_state(const dax::types::integration_result_t& result);
-    /// Runs one step on the server and applies its state before returning; no time-out.
+    /// Runs one step on the server and applies its state before returning; no time-out. Like
+    /// a blocking operation, only this step's own failure leaves through it (see
+    /// `handler_errors`).
     void sync_step();
 
     // ---- device streams --------------------------------------------------------------------
@@ -213,8 +215,8 @@ class DaxClient {
     DeviceStore<dax::types::moticon_frame_t> moticon;      ///< kMoticonTopics
 
     /// Errors raised by other handlers (events, other calls' callbacks) while a blocking
-    /// operation pumped: each is logged at error level on "logger" and counted here instead of
-    /// leaving through the unrelated operation. full_update() still lets them through.
+    /// operation or sync_step pumped: each is logged at error level on "logger" and counted here
+    /// instead of leaving through the unrelated operation. full_update() still lets them through.
     uint64_t handler_errors = 0;
     int async_timeout_ms = 0;  ///< see setAsyncTimeoutMs
     WaitStrategy wait_strategy = WaitStrategy::spin;  ///< see setWaitStrategy

@@ -2,6 +2,7 @@
 // per-step state updates applied to the components.
 #include <dax/client/dax_client.hpp>
 
+#include <exception>
 #include <map>
 #include <memory>
 #include <stdexcept>
@@ -96,22 +97,41 @@ void DaxClient::update_scene_state(const dax::types::integration_result_t& resul
 
 void DaxClient::sync_step() {
     // Shared with the pending call: if the wait is left by an exception, a late result must
-    // not write into a flag that no longer exists.
-    auto done = std::make_shared<bool>(false);
-    STEP_SIMULATION([this, done](qor::wamp::RpcResult<dax::types::integration_result_t> result) {
+    // not write into state that no longer exists.
+    struct Step {
+        bool done = false;
+        std::exception_ptr failed;  // applying this step's own state failed
+    };
+    auto step = std::make_shared<Step>();
+    STEP_SIMULATION([step, this](qor::wamp::RpcResult<dax::types::integration_result_t> result) {
         if (result.isError) return;  // an error does not end the wait; the next step may
-        update_scene_state(result.value);
-        *done = true;
+        step->done = true;
+        try {
+            update_scene_state(result.value);
+        } catch (...) {
+            step->failed = std::current_exception();
+        }
     });
-    while (!*done) {
-        peer->update_first();
-        peer->update_second();
+    // As in a blocking operation, only this step's own failure leaves through here; the
+    // errors of other handlers pumped meanwhile are logged and counted.
+    const qor::wamp::Caller& caller = peer->server_endpoint->caller;
+    const uint64_t request = caller.last_request;
+    while (!step->done) {
+        try {
+            peer->update_first();
+            peer->update_second();
+        } catch (const std::exception& e) {
+            // Our answer is no longer pending and was never applied: it failed to decode.
+            if (!step->done && caller.pending.count(request) == 0) throw;
+            note_handler_error("sync_step", e);
+        }
+        if (step->failed) std::rethrow_exception(step->failed);
         // Nothing can answer once the transport lost the server: leave instead of spinning.
-        if (!*done && !peer->server_connected) {
+        if (!step->done && !peer->server_connected) {
             throw std::runtime_error(qor::wamp::CONNECTION_LOST);
         }
         // No time-out of its own: a long sleep is fine, the link wakes it when the step lands.
-        if (!*done) pause_until(std::chrono::steady_clock::now() + std::chrono::seconds(1));
+        if (!step->done) pause_until(std::chrono::steady_clock::now() + std::chrono::seconds(1));
     }
 }
 
