@@ -17,11 +17,13 @@ namespace {
 bool counting = false;
 size_t allocations = 0;
 size_t last_size = 0;
+size_t largest = 0;
 
 struct Counting {
     Counting() {
         allocations = 0;
         last_size = 0;
+        largest = 0;
         counting = true;
     }
     ~Counting() { counting = false; }
@@ -33,6 +35,7 @@ void* operator new(std::size_t size) {
     if (counting) {
         ++allocations;
         last_size = size;
+        if (size > largest) largest = size;
     }
     if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
     throw std::bad_alloc();
@@ -89,4 +92,42 @@ TEST(WampAllocation, SendWithoutTraceDoesNotPrint) {
     }
     EXPECT_EQ(written, 38u);
     EXPECT_EQ(count, 1u);
+}
+
+// A RESULT whose one argument is an array of one nil per byte left: the count passes every
+// bytes-left check, yet the first element already fails to read as T.
+template <class T>
+size_t largest_block_reading_hostile_array(size_t message_size, std::string& error) {
+    const size_t count = message_size - 10;
+    std::vector<uint8_t> bytes =
+        hex("94 32 01 80 91 dd") + std::vector<uint8_t>{0, 0, uint8_t(count >> 8), uint8_t(count)};
+    bytes.resize(message_size, 0xC0);
+    const Message result = parse_message(mp::buffer(bytes));
+    T value;
+    Counting scope;
+    error = error_of([&] { IncomingMessage(result).fillArgsNS(value); });
+    return largest;
+}
+
+TEST(WampAllocation, HostileCountsReserveInProportionToTheBytesReceived) {
+    const size_t size = 4000;
+    struct Row {
+        const char* type;
+        size_t (*read)(size_t, std::string&);
+    };
+    const Row rows[] = {
+        {"strings", &largest_block_reading_hostile_array<std::vector<std::string>>},
+        {"arrays", &largest_block_reading_hostile_array<std::vector<std::vector<double>>>},
+        {"binaries", &largest_block_reading_hostile_array<std::vector<mp::buffer>>},
+        {"maps", &largest_block_reading_hostile_array<std::vector<std::map<int, int>>>},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.type);
+        std::string error;
+        const size_t block = row.read(size, error);
+        // Reading fails at the first element; on the way no single block took more than a
+        // fixed multiple of the message's bytes.
+        EXPECT_FALSE(error.empty());
+        EXPECT_LE(block, mp::kReservePerByte * size);
+    }
 }

@@ -225,10 +225,12 @@ template <class E>
 void read_field(msgpack::ReadBuffer& in, std::vector<E>& values) {
     const uint64_t count = msgpack::read_array_header(in);
     constexpr uint64_t least = min_encoded_size<E>();
-    if (least > 1 && count > in.remaining() / least) {
-        // The elements cannot all be there, so reading will fail somewhere; grow with the
-        // elements actually read so that memory follows the bytes received, and the error is
-        // still the one met at the failing element.
+    if ((least > 1 && count > in.remaining() / least) ||
+        !msgpack::affordable(in, count, sizeof(E))) {
+        // The elements cannot all be there, so reading will fail somewhere, or they would
+        // take far more memory than the bytes left: grow with the elements actually read so
+        // that memory follows the bytes received, and the error is still the one met at the
+        // failing element.
         values.clear();
         for (uint64_t i = 0; i < count; ++i) read_field(in, values.emplace_back());
         return;

@@ -186,7 +186,8 @@ std::vector<mp::buffer> received_args(const Message& message) {
     if (message.args_count == 0) return args;
     mp::ReadBuffer in(message.raw);
     in.position = message.args_offset <= message.raw.size ? message.args_offset : message.raw.size;
-    args.reserve(message.args_count < in.remaining() ? message.args_count : in.remaining());
+    if (mp::affordable(in, message.args_count, sizeof(mp::buffer)))
+        args.reserve(message.args_count);
     for (uint64_t i = 0; i < message.args_count; ++i) {
         const uint64_t start = in.position;
         mp::skip(in);

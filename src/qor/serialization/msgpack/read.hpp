@@ -31,6 +31,18 @@ struct ReadBuffer {
     const uint8_t* current() const { return data + position; }
 };
 
+/// What a container may set aside before its elements are read, per byte left: a count is
+/// only checked against the bytes left (one per element), so elements larger in memory than on
+/// the wire could make a small hostile message reserve many times its size. 8 covers a vector
+/// of 64-bit numbers written as one-byte integers; larger elements grow as they are read.
+inline constexpr uint64_t kReservePerByte = 8;
+
+/// Whether `count` elements of `element_size` bytes each may be allocated at once, before they
+/// are read from what is left of `in` (see `kReservePerByte`).
+inline bool affordable(const ReadBuffer& in, uint64_t count, uint64_t element_size) {
+    return count <= kReservePerByte * in.remaining() / element_size;
+}
+
 /// Array header count: fixarray, array 16, array 32. Refuses a count larger than the bytes left
 /// ("unexpected end of data", header not consumed).
 uint64_t read_array_header(ReadBuffer& in);
@@ -114,9 +126,16 @@ template <class A, class B>
 void read(ReadBuffer& in, std::pair<A, B>& value);
 
 /// Array header, resize to exactly its count, then each element in place (numbers in one run).
+/// Elements too large to set aside for that count (see `affordable`) grow as they are read.
 template <class T>
 void read(ReadBuffer& in, std::vector<T>& values) {
     const uint64_t count = read_array_header(in);
+    if (!affordable(in, count, sizeof(T))) {
+        values.clear();
+        values.reserve(kReservePerByte * in.remaining() / sizeof(T));
+        for (uint64_t i = 0; i < count; ++i) read(in, values.emplace_back());
+        return;
+    }
     values.resize(count);
     if constexpr (std::is_same_v<T, int> || std::is_same_v<T, long> ||
                   std::is_same_v<T, long long> || std::is_same_v<T, unsigned long> ||
