@@ -1,7 +1,8 @@
 // The RawSocket handshake decoder and frame splitter on arbitrary bytes. The stream is fed in
 // pieces whose sizes come from the input (alternating feed and prepare/commit); every frame
 // handed out must be exactly the bytes at its place in the stream, and every byte fed must be
-// either in a frame or still pending.
+// either in a frame or still pending; the length announced before a frame is complete is its
+// header's.
 
 #include <cstddef>
 #include <cstdint>
@@ -41,10 +42,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             }
             fed += piece;
             rs::Frame frame;
-            while (splitter.next(frame)) {
+            for (;;) {
                 const uint8_t* header = stream + consumed;
                 const uint32_t announced =
-                    (uint32_t(header[1]) << 16) | (uint32_t(header[2]) << 8) | header[3];
+                    fed - consumed < 4
+                        ? 0
+                        : (uint32_t(header[1]) << 16) | (uint32_t(header[2]) << 8) | header[3];
+                // What a receiver refuses a frame by must be the header's own length.
+                if (splitter.announced() != announced) __builtin_trap();
+                if (!splitter.next(frame)) break;
                 if (frame.size != announced || frame.size > splitter.max_length() ||
                     static_cast<uint8_t>(frame.type) != (header[0] & 0x07) ||
                     consumed + 4 + frame.size > fed ||

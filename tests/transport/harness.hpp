@@ -57,6 +57,17 @@ bool pump_until(qor::QorClient& peer, Done done, std::chrono::milliseconds limit
     return true;
 }
 
+/// Polls `done()` (state another thread changes, without a signal) until it holds or `limit`.
+template <class Done>
+bool poll_until(Done done, std::chrono::milliseconds limit = 5000ms) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(1ms);
+    }
+    return true;
+}
+
 /// The router the client tests talk to: the library's broker with a dealer that answers
 /// CALL "echo" with its arguments, "fail" with ERROR "app.error.failed", "big" with a binary
 /// of the requested size, and leaves anything else unanswered. Records what it saw.

@@ -519,6 +519,42 @@ TEST_P(Transport, BlockingOperationsThatSleepGetTheSameOutcomes) {
 INSTANTIATE_TEST_SUITE_P(Schemes, Transport, ::testing::ValuesIn(schemes),
                          [](const auto& info) { return std::string(info.param.name); });
 
+TEST_P(Transport, ConnectionsOverTheLimitAreRefusedAndClosedOnesLeaveNothingBehind) {
+    ServerOptions options = server_options();
+    options.max_connections = 2;
+    Router router(options);
+    const int rounds = 4;
+    for (int round = 0; round < rounds; ++round) {
+        std::vector<std::unique_ptr<qor::QorClient>> peers;
+        int subscribed = 0;
+        for (int i = 0; i < 2; ++i) {
+            peers.push_back(std::make_unique<qor::QorClient>());
+            auto& link = qor::transport::connect(*peers.back(), url(router), client_options());
+            // Each session subscribes to a topic of its own, which must go when it goes.
+            link.client().subscriber.subscribe(
+                "t." + std::to_string(round) + "." + std::to_string(i),
+                [](const qor::wamp::Message&) {}, [&](bool, std::string) { ++subscribed; });
+            ASSERT_TRUE(pump_until(*peers.back(), [&] { return subscribed == i + 1; }));
+        }
+        EXPECT_EQ(router.broker.topics(), 2u);
+        qor::QorClient extra;
+        const std::string refused =
+            error_of([&] { qor::transport::connect(extra, url(router), client_options()); });
+        EXPECT_NE(refused.find(GetParam().websocket
+                                   ? "bad handshake: HTTP 503 instead of a WebSocket upgrade"
+                                   : "handshake refused: maximum connection count reached"),
+                  std::string::npos)
+            << refused;
+        peers.clear();
+        ASSERT_TRUE(poll_until([&] { return router.server.connections() == 0; }))
+            << router.server.connections() << " connections left after round " << round;
+    }
+    EXPECT_TRUE(router.server.sessions().empty());
+    EXPECT_EQ(router.broker.topics(), 0u);
+    ASSERT_TRUE(router.wait([&] { return router.leaves.size() == size_t(2 * rounds); }));
+    EXPECT_EQ(router.joins.size(), size_t(2 * rounds));
+}
+
 TEST(ConnectFailures, RefusedPortNamesUrlAndCause) {
     // A port that was just free: bind, read the number, close.
     uint16_t port = 0;
@@ -718,39 +754,91 @@ TEST(Server, SubscriberThatStopsReadingIsDroppedWithTheReason) {
     EXPECT_LT(events, 64);
 }
 
-TEST(Server, OversizedHelloIsRefusedBeforeItIsRead) {
-    Router router;
+// A plain socket connected to the router's RawSocket port, with a receive time-out so that a
+// router that never answers fails the test instead of hanging it.
+int raw_connection(const qor::router::Server& server) {
     const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    ASSERT_GE(fd, 0);
+    if (fd < 0) return fd;
+    timeval limit{20, 0};
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     sockaddr_in to{};
     to.sin_family = AF_INET;
-    to.sin_port = htons(router.server.rawsocket_port());
+    to.sin_port = htons(server.rawsocket_port());
     to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ASSERT_EQ(0, ::connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to));
-    // HELLO ["realm1", {"pad": <100 000 bytes>}] after the handshake.
-    std::vector<uint8_t> hello = {0x93, 0x01, 0xA6, 'r', 'e',  'a', 'l', 'm',  '1', 0x81,
-                                  0xA3, 'p',  'a',  'd', 0xC6, 0,   1,   0x86, 0xA0};
-    hello.resize(hello.size() + 100000, 0);
-    std::vector<uint8_t> out = {0x7F, 0xF2, 0, 0};
-    qor::transport::rawsocket::append_frame(out, qor::transport::rawsocket::FrameType::message,
-                                            hello.data(), uint32_t(hello.size()));
-    ASSERT_EQ(ssize_t(out.size()), ::send(fd, out.data(), out.size(), MSG_NOSIGNAL));
-    // The handshake answer, then one frame: the ABORT, then the end of the stream.
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof to) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// Everything the router sends until it closes (or the receive time-out).
+std::vector<uint8_t> read_to_end(int fd) {
     std::vector<uint8_t> in;
     uint8_t chunk[4096];
     for (ssize_t n; (n = ::recv(fd, chunk, sizeof chunk, 0)) > 0;)
         in.insert(in.end(), chunk, chunk + n);
-    ::close(fd);
-    ASSERT_GT(in.size(), 8u);
-    qor::transport::rawsocket::Splitter frames(1u << 20);
-    frames.feed(in.data() + 4, in.size() - 4);
-    qor::transport::rawsocket::Frame frame;
-    ASSERT_TRUE(frames.next(frame));
-    const qor::wamp::Message abort =
-        qor::wamp::parse_message(msgpack::buffer(frame.data, frame.size));
-    EXPECT_EQ(qor::wamp::ABORT, abort.type);
-    EXPECT_EQ("wamp.error.protocol_violation", abort.reason);
+    return in;
+}
+
+TEST(Server, OversizedHelloIsRefusedByItsHeader) {
+    // HELLO ["realm1", {"pad": <100 000 bytes>}] after the handshake, whole or only its start:
+    // the header alone is enough to refuse it, before the router buffers what it announces.
+    std::vector<uint8_t> hello = {0x93, 0x01, 0xA6, 'r', 'e',  'a', 'l', 'm',  '1', 0x81,
+                                  0xA3, 'p',  'a',  'd', 0xC6, 0,   1,   0x86, 0xA0};
+    const size_t start = hello.size();
+    hello.resize(start + 100000, 0);
+    struct Case {
+        uint32_t announced;
+        size_t sent;
+    };
+    const Case cases[] = {{uint32_t(hello.size()), hello.size()}, {0xFFFFFF, start}};
+    Router router;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.announced);
+        const int fd = raw_connection(router.server);
+        ASSERT_GE(fd, 0);
+        std::vector<uint8_t> out = {0x7F, 0xF2, 0, 0};
+        qor::transport::rawsocket::append_header(out, qor::transport::rawsocket::FrameType::message,
+                                                 c.announced);
+        out.insert(out.end(), hello.begin(), hello.begin() + long(c.sent));
+        ASSERT_EQ(ssize_t(out.size()), ::send(fd, out.data(), out.size(), MSG_NOSIGNAL));
+        // The handshake answer, then one frame: the ABORT, then the end of the stream.
+        const std::vector<uint8_t> in = read_to_end(fd);
+        ::close(fd);
+        ASSERT_GT(in.size(), 8u);
+        qor::transport::rawsocket::Splitter frames(1u << 20);
+        frames.feed(in.data() + 4, in.size() - 4);
+        qor::transport::rawsocket::Frame frame;
+        ASSERT_TRUE(frames.next(frame));
+        const qor::wamp::Message abort =
+            qor::wamp::parse_message(msgpack::buffer(frame.data, frame.size));
+        EXPECT_EQ(qor::wamp::ABORT, abort.type);
+        EXPECT_EQ("wamp.error.protocol_violation", abort.reason);
+        EXPECT_EQ("a message of " + std::to_string(c.announced) +
+                      " bytes before WELCOME; at most 65536 are accepted",
+                  text_of(abort.details.at("message")));
+    }
     EXPECT_TRUE(router.joins.empty());
+}
+
+TEST(Server, UnfinishedFrameThatStallsEndsTheConnection) {
+    ServerOptions options;
+    options.opening_timeout = 60s;       // far beyond the receive time-out: only the frame's own
+    options.frame_idle_timeout = 100ms;  // limit can end this connection in time
+    Router router(options);
+    const int fd = raw_connection(router.server);
+    ASSERT_GE(fd, 0);
+    // A frame of 1000 bytes announced, 10 of them sent, then nothing.
+    std::vector<uint8_t> out = {0x7F, 0xF2, 0, 0, 0x00, 0x00, 0x03, 0xE8};
+    out.resize(out.size() + 10, 0x93);
+    ASSERT_EQ(ssize_t(out.size()), ::send(fd, out.data(), out.size(), MSG_NOSIGNAL));
+    uint8_t accepted[4];
+    ASSERT_EQ(4, ::recv(fd, accepted, 4, MSG_WAITALL));
+    uint8_t more;
+    EXPECT_EQ(0, ::recv(fd, &more, 1, 0)) << "the connection was not closed";
+    ::close(fd);
+    EXPECT_TRUE(poll_until([&] { return router.server.connections() == 0; }));
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include <qor/router/broker.hpp>
 
 #include <exception>
+#include <iterator>
 #include <string>
 #include <utility>
 
@@ -90,7 +91,23 @@ void Broker::drain() {
 
 void Broker::on_leave(uint64_t session) {
     std::lock_guard<std::mutex> lock(topics_mutex_);
-    for (auto& [id, sub] : subscriptions_) sub.sessions.erase(session);
+    for (auto s = subscriptions_.begin(); s != subscriptions_.end();) {
+        s->second.sessions.erase(session);
+        s = s->second.sessions.empty() ? forget_subscription(s) : std::next(s);
+    }
+}
+
+// A topic nobody listens to any more is forgotten, so that sessions subscribing to ever new
+// topics leave nothing behind when they go. Called with `topics_mutex_` held.
+std::map<uint64_t, Broker::Subscription>::iterator Broker::forget_subscription(
+    std::map<uint64_t, Subscription>::iterator s) {
+    topic_ids_.erase(s->second.topic);
+    return subscriptions_.erase(s);
+}
+
+size_t Broker::topics() const {
+    std::lock_guard<std::mutex> lock(topics_mutex_);
+    return topic_ids_.size();
 }
 
 std::vector<uint64_t> Broker::subscribers(const std::string& topic) const {
@@ -209,6 +226,7 @@ void Broker::unsubscribe(uint64_t session, const wamp::Message& m) {
         std::lock_guard<std::mutex> lock(topics_mutex_);
         auto s = subscriptions_.find(m.subscription.value());
         known = s != subscriptions_.end() && s->second.sessions.erase(session) > 0;
+        if (known && s->second.sessions.empty()) forget_subscription(s);
     }
     if (!known)
         return send_error(session, wamp::UNSUBSCRIBE, m.request, "wamp.error.no_such_subscription",

@@ -88,6 +88,8 @@ class Broker {
     void drain();
     /// The sessions subscribed to `topic` now.
     std::vector<uint64_t> subscribers(const std::string& topic) const;
+    /// The topics with at least one subscriber now (a topic is forgotten with its last one).
+    size_t topics() const;
 
   private:
     struct Subscription {
@@ -104,6 +106,8 @@ class Broker {
     void answer(uint64_t session, const wamp::Message& message);
     void send_error(uint64_t session, uint32_t request_type, wamp::Id request,
                     const std::string& uri, const std::string& text);
+    std::map<uint64_t, Subscription>::iterator forget_subscription(
+        std::map<uint64_t, Subscription>::iterator subscription);
     void subscribe(uint64_t session, const wamp::Message& message);
     void unsubscribe(uint64_t session, const wamp::Message& message);
     void publish_from(uint64_t session, const wamp::Message& message);

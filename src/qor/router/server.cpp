@@ -1,5 +1,6 @@
 #include <qor/router/server.hpp>
 
+#include <algorithm>
 #include <atomic>
 #include <map>
 #include <mutex>
@@ -8,6 +9,10 @@
 #include <stdexcept>
 #include <thread>
 #include <unordered_map>
+
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
 
 #include <spdlog/spdlog.h>
 #include <boost/asio/executor_work_guard.hpp>
@@ -29,6 +34,12 @@ using transport::detail::tcp;
 using error_code = boost::system::error_code;
 
 namespace {
+
+void release_free_memory() {
+#if defined(__GLIBC__)
+    malloc_trim(0);
+#endif
+}
 
 // CANCEL [49, request, options]: a caller giving up on an answer. It is outside the message
 // model (a client's subset), so it is recognised from its first two elements.
@@ -53,6 +64,7 @@ struct Peer {
     std::shared_ptr<transport::detail::Channel> channel;
     asio::steady_timer timer;
     Stage stage = Stage::transport;
+    bool refused_full = false;  // over the connection limit: only told so, then closed
     SessionInfo info;
     std::optional<wamp::RouterOpening> wamp_opening;  // while stage is opening
     std::string leave_reason;
@@ -78,7 +90,11 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
     bool silent = false;  // I/O thread only
 
     std::set<std::shared_ptr<Peer>> peers;  // I/O thread only: every open connection
-    mutable std::mutex mutex;               // guards `joined`
+    size_t refusing = 0;          // I/O thread only: peers being refused as over the limit
+    size_t refused_in_burst = 0;  // I/O thread only: refusals since the limit was reached
+    size_t trim_mark = 0;         // I/O thread only: see `forget`
+    std::atomic<size_t> connection_count{0};
+    mutable std::mutex mutex;  // guards `joined`
     std::unordered_map<uint64_t, std::shared_ptr<Peer>> joined;
 
     explicit Impl(ServerOptions o) : options(std::move(o)) {}
@@ -122,9 +138,32 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
             });
     }
 
+    // Connections being refused are few and short-lived; beyond this many more are closed
+    // without a word.
+    static constexpr size_t kMaxRefusing = 64;
+
+    bool full() const {
+        return options.max_connections != 0 && peers.size() - refusing >= options.max_connections;
+    }
+
     void opened(tcp::socket socket, transport::detail::Framing framing) {
+        const bool refuse = full();
+        if (refuse) {
+            if (refused_in_burst++ == 0)
+                log_warn("[transport server] {} connections open, the limit: refusing new ones",
+                         peers.size() - refusing);
+            if (refusing >= kMaxRefusing) {
+                error_code ignored;
+                socket.close(ignored);
+                return;
+            }
+        }
         auto peer = std::make_shared<Peer>(io);
+        peer->refused_full = refuse;
+        if (refuse) ++refusing;
         peers.insert(peer);
+        connection_count = peers.size();
+        trim_mark = std::max(trim_mark, peers.size());
         peer->info.transport =
             framing == transport::detail::Framing::rawsocket ? "rawsocket" : "websocket";
         peer->timer.expires_after(options.opening_timeout);
@@ -142,6 +181,7 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
         settings.tls_context = tls ? &*tls : nullptr;
         settings.max_message_size = options.max_message_size;
         if (framing == transport::detail::Framing::websocket) settings.http = options.http;
+        settings.refuse = refuse;
         peer->opening = detail::accept_server(
             std::move(socket), settings,
             [self = shared_from_this(), weak](std::shared_ptr<transport::detail::Channel> channel,
@@ -150,7 +190,7 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
                 if (!peer) return;
                 peer->opening.reset();
                 if (!channel) {
-                    if (cause != detail::kServedHttp)
+                    if (cause != detail::kServedHttp && !peer->refused_full)
                         self->log_info("[transport server] handshake failed: {}", cause);
                     self->forget(peer);
                     return;
@@ -173,6 +213,12 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
         handlers.closed = [this, weak](const std::string& cause) {
             if (auto p = weak.lock()) closed(p, cause);
         };
+        handlers.too_large = [this, weak](uint32_t size) {
+            if (auto p = weak.lock()) oversized_opening(p, size);
+        };
+        peer->channel->limit_incoming(
+            std::min(options.max_opening_message_size, options.max_message_size));
+        peer->channel->limit_frame_idle(options.frame_idle_timeout);
         if (silent) peer->channel->set_paused(true);
         peer->channel->start(std::move(handlers));
     }
@@ -223,14 +269,15 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
         peer->channel->close(o.refusal_reason());
     }
 
+    // Only the opening's limit is lower than the channel's own, so only it is reported here.
+    void oversized_opening(const std::shared_ptr<Peer>& peer, uint32_t size) {
+        abort_session(peer, "wamp.error.protocol_violation",
+                      "a message of " + std::to_string(size) + " bytes before WELCOME; at most " +
+                          std::to_string(options.max_opening_message_size) + " are accepted");
+    }
+
     void received(const std::shared_ptr<Peer>& peer, const uint8_t* data, size_t size) {
         if (options.tap) options.tap(data, size);
-        if (peer->stage == Stage::opening && size > options.max_opening_message_size) {
-            return abort_session(
-                peer, "wamp.error.protocol_violation",
-                "a message of " + std::to_string(size) + " bytes before WELCOME; at most " +
-                    std::to_string(options.max_opening_message_size) + " are accepted");
-        }
         // Calls run to completion here; the caller has stopped waiting and drops the answer.
         if (peer->stage == Stage::joined && is_cancel(data, size)) return;
         std::optional<wamp::Message> parsed;
@@ -279,6 +326,7 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
         peer->wamp_opening.reset();
         peer->stage = Stage::joined;
         peer->timer.cancel();
+        peer->channel->limit_incoming(options.max_message_size);
         {
             std::lock_guard<std::mutex> lock(mutex);
             joined[peer->info.id] = peer;
@@ -362,7 +410,20 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
 
     void forget(const std::shared_ptr<Peer>& peer) {
         peer->timer.cancel();
-        peers.erase(peer);
+        if (peers.erase(peer) == 0) return;
+        if (peer->refused_full) --refusing;
+        connection_count = peers.size();
+        if (refused_in_burst != 0 && !full()) {
+            log_info("[transport server] below the connection limit again; {} refused meanwhile",
+                     refused_in_burst);
+            refused_in_burst = 0;
+        }
+        // The heap keeps what a crowd of connections freed; hand it back once half of the
+        // peak since the last time has gone, so one burst does not raise the footprint for good.
+        if (trim_mark >= 16 && peers.size() <= trim_mark / 2) {
+            trim_mark = peers.size();
+            release_free_memory();
+        }
     }
 
     std::shared_ptr<Peer> find(uint64_t id) const {
@@ -403,6 +464,8 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
         const auto all = peers;
         for (const auto& peer : all) end(peer, "server stopped");
         peers.clear();
+        refusing = 0;
+        connection_count = 0;
     }
 };
 
@@ -535,6 +598,10 @@ std::vector<uint64_t> Server::sessions() const {
     std::vector<uint64_t> ids;
     for (const auto& [id, peer] : impl_->joined) ids.push_back(id);
     return ids;
+}
+
+size_t Server::connections() const {
+    return impl_->connection_count;
 }
 
 void Server::set_silent(bool silent) {

@@ -33,12 +33,21 @@ struct ServerOptions {
     std::string tls_certificate_file;  ///< PEM chain; with the key, both listeners speak TLS
     std::string tls_private_key_file;  ///< PEM private key
     uint32_t max_message_size = 16u * 1024u * 1024u;  ///< larger incoming messages end the session
+    /// Connections held at once, opening or joined. Beyond it a new peer's handshake is
+    /// refused (RawSocket: "maximum connection count reached"; WebSocket: HTTP 503 before the
+    /// upgrade), logged once per burst of refusals. 0: no limit.
+    size_t max_connections = 1024;
     /// Before WELCOME a peer is unknown: a message larger than this (a HELLO stuffed with
-    /// details) is refused with ABORT "wamp.error.protocol_violation" before it is parsed.
+    /// details) is refused by its frame header, before its bytes are buffered: with ABORT
+    /// "wamp.error.protocol_violation" over RawSocket, with close code 1009 over WebSocket.
     uint32_t max_opening_message_size = 64u * 1024u;
     /// A peer that has not finished the opening (transport handshake to WELCOME) by then is
     /// dropped.
     std::chrono::milliseconds opening_timeout{10000};
+    /// RawSocket: a connection whose unfinished frame gets no byte for this long is dropped,
+    /// so a peer that announces a large frame and trickles it cannot hold the buffer. 0: no
+    /// limit.
+    std::chrono::milliseconds frame_idle_timeout{3000};
     /// A session with more than this many bytes waiting to be sent (a peer that stopped
     /// reading) is dropped, with the reason logged, rather than growing without bound.
     /// 0: no limit.
@@ -122,6 +131,8 @@ class Server {
     void post(std::function<void()> task);
     /// The ids of the sessions joined now.
     std::vector<uint64_t> sessions() const;
+    /// Connections held now: joined, still opening, or being refused.
+    size_t connections() const;
     /// While true the server reads nothing and answers nothing, pings included, like a hung
     /// process; connections stay open. Lets clients' keepalive be exercised. A WebSocket
     /// session silenced while it was reading does not come back: it ends when resumed.

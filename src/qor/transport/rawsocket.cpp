@@ -93,6 +93,12 @@ void Splitter::feed(const uint8_t* data, size_t size) {
     commit(size);
 }
 
+uint32_t Splitter::announced() const {
+    if (end_ - begin_ < 4) return 0;
+    const uint8_t* h = bytes_.data() + begin_;
+    return (uint32_t(h[1]) << 16) | (uint32_t(h[2]) << 8) | uint32_t(h[3]);
+}
+
 bool Splitter::next(Frame& frame) {
     if (end_ - begin_ < 4) return false;
     const uint8_t* h = bytes_.data() + begin_;

@@ -77,6 +77,9 @@ class Splitter {
     bool next(Frame& frame);
     /// Bytes held that do not yet form a complete frame.
     size_t pending() const { return end_ - begin_; }
+    /// The payload length the next frame's header announces; 0 until its header is complete.
+    /// Lets a receiver refuse a frame by its header, before its bytes arrive.
+    uint32_t announced() const;
     /// The frame length limit.
     uint32_t max_length() const { return max_length_; }
 

@@ -41,7 +41,8 @@ class ServerHandshake final : public Handshake<T>,
   public:
     ServerHandshake(std::unique_ptr<T> stream, const AcceptSettings& settings, Done done)
         : Handshake<T>(std::move(stream), settings.max_message_size, std::move(done)),
-          http_(settings.http) {}
+          http_(settings.http),
+          refuse_(settings.refuse) {}
 
     void run() { this->start(ssl::stream_base::server, this->shared_from_this()); }
 
@@ -70,6 +71,12 @@ class ServerHandshake final : public Handshake<T>,
             return this->fail(std::string("bad handshake: ") + e.what());
         }
         auto self = this->shared_from_this();
+        if (refuse_) {
+            this->hs_out_ = rawsocket::server_refuse(rawsocket::ERROR_CONNECTION_COUNT);
+            asio::async_write(*this->stream_, asio::buffer(this->hs_out_),
+                              [self](error_code, size_t) { self->fail(kRefusedFull); });
+            return;
+        }
         if (h.serializer != rawsocket::SERIALIZER_MSGPACK) {
             this->hs_out_ = rawsocket::server_refuse(rawsocket::ERROR_SERIALIZER_UNSUPPORTED);
             asio::async_write(*this->stream_, asio::buffer(this->hs_out_),
@@ -102,6 +109,7 @@ class ServerHandshake final : public Handshake<T>,
     // else gets a plain-text 400.
     void answer_upgrade() {
         if constexpr (is_ws<T>::value) {
+            if (refuse_) return answer_full();
             if (!websocket::is_upgrade(request_) && http_) return answer_http();
             T& ws = *this->stream_;
             std::string refusal;
@@ -130,6 +138,28 @@ class ServerHandshake final : public Handshake<T>,
                 if (ec) return self->fail("bad handshake: " + cause_of(ec));
                 self->complete_ws();
             });
+        }
+    }
+
+    // Before any upgrade, so a browser or WAMP client sees an ordinary HTTP refusal.
+    void answer_full() {
+        if constexpr (is_ws<T>::value) {
+            auto res = std::make_shared<http::response<http::string_body>>(
+                http::status::service_unavailable, request_.version());
+            res->set(http::field::content_type, "text/plain");
+            res->set(http::field::retry_after, "1");
+            res->keep_alive(false);
+            res->body() = "maximum connection count reached";
+            res->prepare_payload();
+            auto self = this->shared_from_this();
+            http::async_write(this->stream_->next_layer(), *res,
+                              [self, res](error_code ec, size_t) {
+                                  if (ec) return self->fail(kRefusedFull);
+                                  self->stream_->next_layer().when_drained([self](error_code) {
+                                      close_socket(beast::get_lowest_layer(*self->stream_), true);
+                                      self->fail(kRefusedFull);
+                                  });
+                              });
         }
     }
 
@@ -167,6 +197,7 @@ class ServerHandshake final : public Handshake<T>,
     }
 
     transport::HttpHandler http_;
+    bool refuse_;
     http::request<http::string_body> request_;
     beast::flat_buffer http_in_;
 };

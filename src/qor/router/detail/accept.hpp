@@ -24,7 +24,13 @@ struct AcceptSettings {
     uint32_t max_message_size = 1u << 24;
     /// WebSocket only: answers requests that do not ask for an upgrade; unset, they get 400.
     transport::HttpHandler http;
+    /// The server is full: the peer's handshake is answered with a refusal (RawSocket error
+    /// "maximum connection count reached", HTTP 503 before any upgrade) and the link closed.
+    bool refuse = false;
 };
+
+/// The cause an accepted opening reports when it refused the peer for `refuse`.
+inline constexpr const char* kRefusedFull = "handshake refused: maximum connection count reached";
 
 /// The cause an accepted opening reports when it answered a plain HTTP request instead.
 inline constexpr const char* kServedHttp = "served a plain HTTP request";

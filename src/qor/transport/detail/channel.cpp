@@ -1,5 +1,7 @@
 #include <qor/transport/detail/streams.hpp>
 
+#include <algorithm>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -47,7 +49,7 @@ class RawSocketChannel final : public ChannelBase,
                                public std::enable_shared_from_this<RawSocketChannel<Stream>> {
   public:
     RawSocketChannel(std::unique_ptr<Stream> stream, uint32_t max_in, uint32_t max_out)
-        : stream_(std::move(stream)), splitter_(max_in), max_out_(max_out) {
+        : stream_(std::move(stream)), splitter_(max_in), limit_(max_in), max_out_(max_out) {
         peer_ = peer_of(beast::get_lowest_layer(*stream_));
     }
 
@@ -81,8 +83,13 @@ class RawSocketChannel final : public ChannelBase,
 
     void abort(const std::string& cause) override { finish(cause, false); }
 
+    void limit_incoming(uint32_t max) override { limit_ = std::min(max, splitter_.max_length()); }
+
+    void limit_frame_idle(std::chrono::milliseconds idle) override { frame_idle_ = idle; }
+
     void set_paused(bool paused) override {
         paused_ = paused;
+        watch_partial();
         if (!paused_ && started_ && !reading_) read();
     }
 
@@ -92,7 +99,7 @@ class RawSocketChannel final : public ChannelBase,
 
   private:
     void read() {
-        if (paused_ || closed_ || reading_) return;
+        if (paused_ || closed_ || reading_ || refused_) return;
         reading_ = true;
         uint8_t* room = splitter_.prepare(READ_CHUNK);
         stream_->async_read_some(
@@ -107,7 +114,7 @@ class RawSocketChannel final : public ChannelBase,
         splitter_.commit(n);
         rawsocket::Frame frame;
         try {
-            while (!closed_ && !paused_ && splitter_.next(frame)) {
+            while (!closed_ && !paused_ && !refused_ && admissible() && splitter_.next(frame)) {
                 if (frame.type == rawsocket::FrameType::message) {
                     if (handlers_.message) handlers_.message(frame.data, frame.size);
                 } else if (frame.type == rawsocket::FrameType::ping) {
@@ -121,7 +128,38 @@ class RawSocketChannel final : public ChannelBase,
             return finish(e.what(), false);
         }
         flush();
+        watch_partial();
         read();
+    }
+
+    // The next frame fits the current limit; otherwise its header is reported and reading
+    // stops, so none of its bytes are kept.
+    bool admissible() {
+        const uint32_t announced = splitter_.announced();
+        if (announced <= limit_) return true;
+        if (!handlers_.too_large) throw std::runtime_error("rawsocket: frame too large");
+        refused_ = true;
+        handlers_.too_large(announced);
+        return false;
+    }
+
+    // A frame left unfinished by this read must make progress within `frame_idle_`.
+    void watch_partial() {
+        if (frame_idle_.count() == 0 || closed_ || refused_) return;
+        // Paused, the bytes wait for us, not for the peer.
+        if (splitter_.pending() == 0 || paused_) {
+            if (idle_timer_) idle_timer_->cancel();
+            return;
+        }
+        if (!idle_timer_)
+            idle_timer_ = std::make_unique<asio::steady_timer>(stream_->get_executor());
+        idle_timer_->expires_after(frame_idle_);
+        idle_timer_->async_wait([weak = this->weak_from_this(), idle = frame_idle_](error_code ec) {
+            auto self = weak.lock();
+            if (ec || !self) return;
+            self->finish("unfinished frame idle for " + std::to_string(idle.count()) + " ms",
+                         false);
+        });
     }
 
     void flush() {
@@ -146,12 +184,17 @@ class RawSocketChannel final : public ChannelBase,
     void finish(const std::string& cause, bool graceful) {
         if (closed_) return;
         closed_ = true;
+        if (idle_timer_) idle_timer_->cancel();
         close_socket(beast::get_lowest_layer(*stream_), graceful);
         report_closed(cause);
     }
 
     std::unique_ptr<Stream> stream_;
     rawsocket::Splitter splitter_;
+    uint32_t limit_;        // incoming frames above this are refused by their header
+    bool refused_ = false;  // a frame was refused: nothing more is read
+    std::chrono::milliseconds frame_idle_{0};
+    std::unique_ptr<asio::steady_timer> idle_timer_;
     uint32_t max_out_;
     std::vector<uint8_t> out_;
     std::vector<uint8_t> sending_;
@@ -163,7 +206,8 @@ template <class Stream>
 class WebSocketChannel final : public ChannelBase,
                                public std::enable_shared_from_this<WebSocketChannel<Stream>> {
   public:
-    explicit WebSocketChannel(std::unique_ptr<websocket::stream<Stream>> ws) : ws_(std::move(ws)) {
+    explicit WebSocketChannel(std::unique_ptr<websocket::stream<Stream>> ws)
+        : ws_(std::move(ws)), max_in_(ws_->read_message_max()) {
         peer_ = peer_of(beast::get_lowest_layer(*ws_));
         ws_->binary(true);
         // One WAMP message is one WebSocket message, so each goes out as a single frame.
@@ -209,6 +253,13 @@ class WebSocketChannel final : public ChannelBase,
 
     void abort(const std::string& cause) override { finish(cause); }
 
+    void limit_incoming(uint32_t max) override {
+        ws_->read_message_max(std::min<uint64_t>(max, max_in_));
+    }
+
+    // Beast keeps no per-frame clock; the opening time-out and the size limit bound a peer.
+    void limit_frame_idle(std::chrono::milliseconds) override {}
+
     void set_paused(bool paused) override {
         paused_ = paused;
         // A pending WebSocket read answers pings by itself, so pausing has to cancel it. The
@@ -221,7 +272,7 @@ class WebSocketChannel final : public ChannelBase,
     }
 
     size_t queued() const override { return ws_->next_layer().pending(); }
-    size_t max_send() const override { return ws_->read_message_max(); }
+    size_t max_send() const override { return max_in_; }
     const char* kind() const override { return "websocket"; }
 
   private:
@@ -297,6 +348,7 @@ class WebSocketChannel final : public ChannelBase,
     }
 
     std::unique_ptr<websocket::stream<Stream>> ws_;
+    uint64_t max_in_;  // the limit the link was opened with
     beast::flat_buffer in_;
     std::unique_ptr<asio::steady_timer> close_timer_;
 };

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -27,6 +28,9 @@ class Channel {
             message;                 ///< one whole message, bytes valid during the call
         std::function<void()> pong;  ///< a keepalive ping was answered
         std::function<void(const std::string&)> closed;  ///< the link ended (cause); at most once
+        /// RawSocket: a frame announced `size` bytes, more than `limit_incoming` allows; it is
+        /// not read, nor anything after it. Unset: the link ends ("rawsocket: frame too large").
+        std::function<void(uint32_t size)> too_large;
     };
     virtual ~Channel() = default;
     /// Starts reading; handlers run inside the io_context.
@@ -39,6 +43,13 @@ class Channel {
     virtual void close(const std::string& cause) = 0;
     /// Closes at once; `closed` is reported with `cause` unless it already was.
     virtual void abort(const std::string& cause) = 0;
+    /// Lowers (or restores) the largest incoming message, up to the limit the link was opened
+    /// with. Checked against a frame's header, before its bytes are buffered: RawSocket
+    /// reports it to `too_large`; WebSocket closes with 1009 (message too big).
+    virtual void limit_incoming(uint32_t max) = 0;
+    /// RawSocket: a link whose unfinished frame receives no byte for `idle` ends ("unfinished
+    /// frame idle for N ms"), so a trickling peer cannot hold its buffer for long. 0: no limit.
+    virtual void limit_frame_idle(std::chrono::milliseconds idle) = 0;
     /// While paused nothing is read, so nothing is answered either.
     virtual void set_paused(bool paused) = 0;
     /// Bytes queued and not yet handed to the socket.
