@@ -56,14 +56,18 @@ long mixed_integer(std::mt19937_64& random) {
 
 // ---- our side -----------------------------------------------------------------------------------
 
+// One growth for the widest entries, one cut back at the end.
 void pack_states(std::vector<uint8_t>& out, const std::vector<state_entry>& states) {
     qm::pack_map_header(out, states.size());
+    constexpr uint64_t widest = qm::integer_room + qm::float64_record_size(7);
+    const uint64_t at = qm::grow_tail(out, states.size() * widest);
+    uint8_t* p = out.data() + at;
     for (const auto& s : states) {
-        qm::pack(out, s.id);
-        const uint64_t at = qm::grow_tail(out, qm::float64_record_size(7));
         const auto& v = s.values;
-        qm::put_float64_record(out.data() + at, v[0], v[1], v[2], v[3], v[4], v[5], v[6]);
+        p = qm::put_float64_record(qm::put_integer(p, s.id), v[0], v[1], v[2], v[3], v[4], v[5],
+                                   v[6]);
     }
+    out.resize(uint64_t(p - out.data()));
 }
 
 void read_states(qm::ReadBuffer& in, std::vector<state_entry>& states) {

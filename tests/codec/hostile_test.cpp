@@ -81,6 +81,13 @@ std::vector<ValidRow> valid_rows() {
          reader_of<std::tuple<int, std::string, double>>()},
         {"pair", "92 ce 00 00 00 07 d1 ff 38", reader_of<std::pair<uint32_t, int>>()},
         {"nested", "92 92 01 02 91 03", reader_of<std::vector<std::vector<int>>>()},
+        // Runs of same-form records, which skip passes over a record at a time, ending in a
+        // record of another form.
+        {"records", "93 92 01 02 92 03 04 92 05 cc ff", reader_of<std::vector<std::vector<int>>>()},
+        {"float records",
+         "93 92 cb 3ff0000000000000 cb 4000000000000000 92 cb 4008000000000000 cb "
+         "4010000000000000 92 ca 3f800000 cb 4000000000000000",
+         reader_of<std::vector<std::vector<double>>>()},
     };
 }
 
@@ -232,6 +239,9 @@ TEST(Skip, WalksEveryFormIncludingExtAndNil) {
         {"dc 00 01 c3 ff", 4},
         {"de 00 01 01 02 ff", 5},
         {"93 81 01 92 02 03 c4 01 00 d4 00 00 ff", 12},
+        {"92 92 01 02 91 92 03 04 ff", 8},
+        {"82 91 01 91 02 91 03 91 04 ff", 9},
+        {"93 92 01 02 92 03 04 93 05 06 07 ff", 11},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.bytes);

@@ -20,6 +20,15 @@
 //     for (auto& v : vertices)
 //         if (!read_float64_record(in, v.x, v.y, v.z)) read_fields(in, v);  // general path
 //
+// A map of ids to fixed records (a per-step state map) grows once by the widest size of an
+// entry and is cut back once at the end:
+//
+//     pack_map_header(out, states.size());
+//     const uint64_t at = grow_tail(out, states.size() * (integer_room + float64_record_size(7)));
+//     uint8_t* p = out.data() + at;
+//     for (const auto& s : states) p = put_float64_record(put_integer(p, s.id), s.x, ...);
+//     out.resize(uint64_t(p - out.data()));
+//
 // The put_* functions write at a raw pointer that the caller has made room for and return the
 // pointer one past what they wrote. The get_* functions read at a raw pointer that the caller
 // has checked. Only the read_*_record functions check bounds themselves.
@@ -117,6 +126,42 @@ inline uint8_t* put_float64(uint8_t* p, double v) {
 /// Writes `v` as uint 32 (five bytes whatever the value).
 inline uint8_t* put_uint32(uint8_t* p, uint32_t v) {
     return put_be32(put_u8(p, 0xCE), v);
+}
+
+/// Room an integer writer needs at `p`: it stores nine bytes whatever the form it writes, and
+/// only the bytes up to the pointer it returns count.
+inline constexpr uint64_t integer_room = 9;
+
+namespace fixed_detail {
+// Writes one integer form at `p`: `form` 0 is the one-byte fixint (the low byte of `bits`),
+// 1 to 4 the forms with 1, 2, 4 and 8 value bytes, whose type bytes are `base` + `form`.
+// The width is chosen by arithmetic rather than branches: in a run of mixed magnitudes branch
+// mispredictions would otherwise cost more than the writing.
+inline uint8_t* put_form(uint8_t* p, uint64_t bits, unsigned form, unsigned base) {
+    static constexpr uint8_t value_bytes[5] = {0, 1, 2, 4, 8};
+    const unsigned width = value_bytes[form];
+    p[0] = form == 0 ? uint8_t(bits) : uint8_t(base + form);
+    uint64_t be = to_be(uint64_t(bits << ((64 - 8 * width) & 63)));  // value bytes first
+    std::memcpy(p + 1, &be, 8);                                       // the rest is slack
+    return p + 1 + width;
+}
+}  // namespace fixed_detail
+
+/// Writes `v` by the integer rule of signed values, as `pack` does; needs `integer_room`.
+/// Non-negative values take the unsigned forms. The negative side is deliberately one step
+/// narrower than the format permits (-128 takes int 16, -32768 int 32): the server and every
+/// existing peer expect exactly these forms.
+inline uint8_t* put_integer(uint8_t* p, int64_t v) {
+    const unsigned up = (v > 0x7F) + (v > 0xFF) + (v > 0xFFFF) + (v > 0xFFFFFFFFll);
+    const unsigned down = (v < -32) + (v < -127) + (v < -32767) + (v < -2147483648ll);
+    return v < 0 ? fixed_detail::put_form(p, uint64_t(v), down, 0xCF)
+                 : fixed_detail::put_form(p, uint64_t(v), up, 0xCB);
+}
+
+/// Writes `v` in its smallest unsigned form, as `pack` does; needs `integer_room`.
+inline uint8_t* put_unsigned_integer(uint8_t* p, uint64_t v) {
+    const unsigned up = (v > 0x7F) + (v > 0xFF) + (v > 0xFFFF) + (v > 0xFFFFFFFFull);
+    return fixed_detail::put_form(p, v, up, 0xCB);
 }
 
 /// Writes a fixarray of the given values, each as float 64 (fewer than 16 values).

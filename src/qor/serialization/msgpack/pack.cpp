@@ -19,34 +19,7 @@ uint8_t* grow(std::vector<uint8_t>& out, uint64_t n) {
     return out.data() + at;
 }
 
-// Writes one integer form at `p`: `form` 0 is the one-byte fixint (the low byte of `bits`),
-// 1 to 4 the forms with 1, 2, 4 and 8 value bytes, whose type bytes are `base` + `form`.
-// Always stores nine bytes, so `p` needs that much room; returns the bytes that count. The
-// width is chosen by arithmetic rather than branches: in a run of mixed magnitudes branch
-// mispredictions would otherwise cost more than the writing.
-inline uint64_t put_form(uint8_t* p, uint64_t bits, unsigned form, unsigned base) {
-    static constexpr uint8_t value_bytes[5] = {0, 1, 2, 4, 8};
-    const unsigned width = value_bytes[form];
-    p[0] = form == 0 ? uint8_t(bits) : uint8_t(base + form);
-    put_be64(p + 1, bits << ((64 - 8 * width) & 63));  // value bytes first, the rest is slack
-    return 1 + width;
-}
-
-// The integer rule for signed values. Non-negative values take the unsigned forms. The
-// negative side is deliberately one step narrower than the format permits (-128 takes
-// int 16, -32768 int 32): the server and every existing peer expect exactly these forms.
-inline uint64_t put_signed(uint8_t* p, int64_t v) {
-    const unsigned up = (v > 0x7F) + (v > 0xFF) + (v > 0xFFFF) + (v > 0xFFFFFFFFll);
-    const unsigned down = (v < -32) + (v < -127) + (v < -32767) + (v < -2147483648ll);
-    return v < 0 ? put_form(p, uint64_t(v), down, 0xCF) : put_form(p, uint64_t(v), up, 0xCB);
-}
-
-inline uint64_t put_unsigned(uint8_t* p, uint64_t v) {
-    const unsigned up = (v > 0x7F) + (v > 0xFF) + (v > 0xFFFF) + (v > 0xFFFFFFFFull);
-    return put_form(p, v, up, 0xCB);
-}
-
-constexpr uint64_t max_integer_size = 9;
+constexpr uint64_t max_integer_size = integer_room;
 
 // One integer: room for the widest form, then the vector is cut back to the bytes written.
 template <class Put, class T>
@@ -67,8 +40,10 @@ void pack_integers(std::vector<uint8_t>& out, Put put, const T* values, uint64_t
     out.resize(at + uint64_t(p - start));
 }
 
-const auto put_signed_fn = [](uint8_t* p, int64_t v) { return put_signed(p, v); };
-const auto put_unsigned_fn = [](uint8_t* p, uint64_t v) { return put_unsigned(p, v); };
+const auto put_signed_fn = [](uint8_t* p, int64_t v) { return uint64_t(put_integer(p, v) - p); };
+const auto put_unsigned_fn = [](uint8_t* p, uint64_t v) {
+    return uint64_t(put_unsigned_integer(p, v) - p);
+};
 
 // Length-prefixed forms (str, bin): `form8` is the 8-bit-length type byte, followed in the
 // format by the 16 and 32-bit ones; `fix_base` is the one-byte form for lengths below

@@ -224,6 +224,45 @@ void read_values(ReadBuffer& in, double* values, uint64_t count) {
     read_floats(in, values, count, "expected double value");
 }
 
+namespace {
+
+// Bytes of a value that is one fixed-size scalar (a fixint, nil, a boolean, a float, a sized
+// integer), by its type byte; 0 for every other form.
+constexpr uint8_t scalar_size(uint8_t b) {
+    if (b <= 0x7F || b >= 0xE0) return 1;
+    if (b == 0xC0 || b == 0xC2 || b == 0xC3) return 1;
+    if (b == 0xCA) return 5;
+    if (b == 0xCB) return 9;
+    if (b >= 0xCC && b <= 0xD3) return uint8_t(1 + (1 << ((b - 0xCC) & 3)));
+    return 0;
+}
+
+// The number of consecutive fixarray records at `p` of the same form as the first: a header
+// of n fields, each a scalar of one type byte and size. Arrays of such records (vertices,
+// index triples, poses) are the bulk of large messages; checking a whole record with
+// independent loads instead of walking it value by value keeps skipping near memory speed.
+// Reads only within `avail` bytes and at most `most` records.
+uint64_t same_records(const uint8_t* p, uint64_t avail, uint64_t most, uint64_t& record_bytes) {
+    const uint8_t header = p[0];
+    const unsigned fields = header & 0x0F;
+    if ((header & 0xF0) != 0x90 || fields == 0 || avail < 2) return 0;
+    const uint8_t type = p[1];
+    const uint64_t each = scalar_size(type);
+    if (each == 0) return 0;
+    const uint64_t size = 1 + fields * each;
+    uint64_t count = 0;
+    for (const uint8_t* r = p; count < most && avail - uint64_t(r - p) >= size; r += size) {
+        bool same = r[0] == header;
+        for (unsigned f = 0; f < fields; ++f) same &= r[1 + f * each] == type;
+        if (!same) break;
+        ++count;
+    }
+    record_bytes = count * size;
+    return count;
+}
+
+}  // namespace
+
 uint64_t skip(ReadBuffer& in) {
     const uint64_t avail = available(in);
     const uint8_t* p = next(in);
@@ -235,6 +274,15 @@ uint64_t skip(ReadBuffer& in) {
     while (pending != 0) {
         if (at >= avail) fail(end_of_data);
         const uint8_t b = p[at];
+        uint64_t run_bytes = 0;
+        if (const uint64_t run = same_records(p + at, avail - at, pending, run_bytes)) {
+            // Each record is one pending value with no children left behind it; the count
+            // check below is the strictest of those the value-by-value walk would make.
+            at += run_bytes;
+            pending -= run;
+            if (pending > avail - at) fail(end_of_data);
+            continue;
+        }
         const uint64_t left = avail - at;
         uint64_t header = 1;
         uint64_t payload = 0;
