@@ -235,6 +235,58 @@ TEST_F(SceneTest, StateNamingAnAbsentIdAppliesWhatCameBefore) {
               "unexpected end of data");
 }
 
+TEST_F(SceneTest, StatesInAnyOrderReachTheirComponents) {
+    for (int64_t id : {2, 5, 9}) client->Create("Counter", id, 0);
+    const struct {
+        const char* states;
+        long long c2, c5, c9;
+    } rows[] = {
+        {"83 02 01 05 02 09 03", 1, 2, 3},  // ascending, as servers send them
+        {"83 09 04 05 05 02 06", 6, 5, 4},  // descending
+        {"83 05 07 09 08 05 09", 6, 9, 8},  // an id twice: the later state wins
+        {"82 09 0a 02 0b", 11, 9, 10},      // skipping one
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.states);
+        client->update_scene_state(step_result(row.states));
+        EXPECT_EQ(counter(2)->value, row.c2);
+        EXPECT_EQ(counter(5)->value, row.c5);
+        EXPECT_EQ(counter(9)->value, row.c9);
+    }
+}
+
+// Removes the component whose id its state names from the registry, as an application's
+// handler might while an update is applied.
+class Remover : public dax::client::IClientComponent {
+  public:
+    Remover(int64_t id, DaxClient* owner) : IClientComponent(id, owner) {}
+    std::string getType() override { return "Remover"; }
+    void update_state(mp::ReadBuffer& in) override {
+        long long victim = 0;
+        mp::read(in, victim);
+        const auto found = client->components.find(victim);
+        delete found->second;
+        client->components.erase(found);
+    }
+    void extension1() override {}
+    void extension2() override {}
+    void serialize(std::vector<uint8_t>&) override {}
+    void deserialize(mp::ReadBuffer&) override {}
+    void onSceneLoaded() override {}
+};
+
+TEST_F(SceneTest, StateOfAComponentRemovedByAnEarlierStateIsRefused) {
+    client->components[1] = new Remover(1, client.get());
+    client->Create("Counter", 2, 0);
+    client->Create("Counter", 3, 0);
+    // The removed component came right after the remover, where the next state is looked for
+    // first.
+    EXPECT_EQ(error_of([&] { client->update_scene_state(step_result("82 01 02 02 08")); }),
+              "update_scene_state: component not found id=2");
+    client->update_scene_state(step_result("81 03 07"));
+    EXPECT_EQ(counter(3)->value, 7);
+}
+
 TEST_F(SceneTest, SyncStepWaitsForTheStepAndAppliesIt) {
     client->Create("Counter", 4, 0);
     net.on_pass(3, [&] { net.link.reply_last_result(step_result("81 04 2a")); });
