@@ -24,11 +24,17 @@ using error_code = boost::system::error_code;
 // idle that writes at once, and while a write is in flight everything collected meanwhile
 // leaves together in the next one. Each WAMP message stays its own frame, but a burst of
 // them costs one syscall, not one each. Frames Beast writes on its own (pong, close) get a
-// posted flush, so they go out even when nobody calls it. Reads pass straight through. The
-// socket lives in shared state so that a write still in flight keeps it, and the bytes it
-// sends, alive after the channel is gone.
+// posted flush, so they go out even when nobody calls it. Beast reads small frames through
+// a buffer of about one TCP segment; here each socket read takes whatever has arrived (up to
+// READ_AHEAD) and hands it on in the pieces Beast asks for, so a burst of small messages costs
+// one read, and the answers to all of it leave in one write, when the socket is really next
+// waited on. Larger reads go straight to the caller's buffers. The socket lives in shared
+// state so that a write still in flight keeps it, and the bytes it sends, alive after the
+// channel is gone.
 template <class Next>
 class Coalescing {
+    static constexpr size_t READ_AHEAD = 64 * 1024;
+
     struct Core : std::enable_shared_from_this<Core> {
         template <class... Args>
         explicit Core(Args&&... args) : next(std::forward<Args>(args)...) {}
@@ -91,7 +97,19 @@ class Coalescing {
             for (auto& w : waiting) w(ec);
         }
 
+        // Hands the caller what is left of the last socket read; how much it took.
+        template <class Buffers>
+        size_t take_ahead(const Buffers& buffers) {
+            const size_t n = asio::buffer_copy(
+                buffers, asio::buffer(ahead.data() + ahead_used, ahead_size - ahead_used));
+            ahead_used += n;
+            return n;
+        }
+
         Next next;
+        std::vector<uint8_t> ahead;  // bytes read from the socket that the caller has not taken
+        size_t ahead_size = 0;
+        size_t ahead_used = 0;
         std::vector<uint8_t> out;      // collecting for the next write
         std::vector<uint8_t> sending;  // in the write in flight
         bool writing = false;
@@ -173,18 +191,43 @@ class Coalescing {
     }
     template <class Buffers>
     size_t read_some(const Buffers& buffers, error_code& ec) {
+        ec = {};
+        if (core_->ahead_used < core_->ahead_size) return core_->take_ahead(buffers);
         return core_->next.read_some(buffers, ec);
     }
     template <class Buffers>
     size_t read_some(const Buffers& buffers) {
+        if (core_->ahead_used < core_->ahead_size) return core_->take_ahead(buffers);
         return core_->next.read_some(buffers);
     }
 
     template <class Buffers, class Handler>
     auto async_read_some(const Buffers& buffers, Handler&& handler) {
-        // About to wait for the peer: what was answered so far must not wait with us.
-        core_->flush();
-        return core_->next.async_read_some(buffers, std::forward<Handler>(handler));
+        return asio::async_initiate<Handler, void(error_code, size_t)>(
+            [](auto h, std::shared_ptr<Core> core, const Buffers& buffers) {
+                if (core->ahead_used < core->ahead_size) {
+                    const size_t n = core->take_ahead(buffers);
+                    auto ex = core->next.get_executor();
+                    asio::post(ex, beast::bind_front_handler(std::move(h), error_code{}, n));
+                    return;
+                }
+                // About to wait for the peer: what was answered so far must not wait with us.
+                core->flush();
+                if (asio::buffer_size(buffers) >= READ_AHEAD) {
+                    core->next.async_read_some(buffers, std::move(h));
+                    return;
+                }
+                core->ahead.resize(READ_AHEAD);
+                core->next.async_read_some(
+                    asio::buffer(core->ahead),
+                    [core, buffers, h = std::move(h)](error_code ec, size_t n) mutable {
+                        core->ahead_size = ec ? 0 : n;
+                        core->ahead_used = 0;
+                        const size_t taken = ec ? 0 : core->take_ahead(buffers);
+                        std::move(h)(ec, taken);
+                    });
+            },
+            handler, core_, buffers);
     }
 
     template <class Buffers, class Handler>
