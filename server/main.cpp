@@ -149,6 +149,11 @@ Options parse(int argc, char** argv) {
     return o;
 }
 
+qor::router::Answer answer_of(const qor::sim::CallResult& r) {
+    if (r.ok) return qor::router::Answer::result(mp::buffer(r.value));
+    return qor::router::Answer::failure(r.error, r.message);
+}
+
 // The dealer: every call goes to the simulation core, but the viewer's scene description.
 qor::router::Broker::Dealer serve_operation(SimulationCore& core) {
     return [&core](uint64_t, const wamp::Message& m) -> std::optional<qor::router::Answer> {
@@ -157,9 +162,20 @@ qor::router::Broker::Dealer serve_operation(SimulationCore& core) {
             m.procedure == qor::viewer::kSceneProcedure
                 ? qor::viewer::describe_scene(core)
                 : core.call(m.procedure, args, m.args_end - m.args_offset, m.args_count);
-        if (r.ok) return qor::router::Answer::result(mp::buffer(r.value));
-        return qor::router::Answer::failure(r.error, r.message);
+        return answer_of(r);
     };
+}
+
+// The quick operations, answered on the network thread when the core is free at once; the
+// others, and those when the core is busy, go to the broker's worker.
+bool serve_quick(SimulationCore& core, const wamp::Message& m,
+                 std::optional<qor::router::Answer>& answer) {
+    qor::sim::CallResult r;
+    if (!core.try_call(m.procedure, m.raw.data + m.args_offset, m.args_end - m.args_offset,
+                       m.args_count, r))
+        return false;
+    answer = answer_of(r);
+    return true;
 }
 
 // The topics this server publishes: the state updates and every device stream a client binds.
@@ -214,10 +230,14 @@ int main(int argc, char** argv) {
         broker_options.logger = log;
         broker_options.server_owned = server_owned;
         // Calls run on the broker's worker: a slow operation, such as saving a large scene,
-        // never stalls the network thread.
+        // never stalls the network thread. Quick ones are answered on it when the core is free.
+        broker_options.quick = [&core](uint64_t, const wamp::Message& m,
+                                       std::optional<qor::router::Answer>& answer) {
+            return serve_quick(core, m, answer);
+        };
         qor::router::Broker router(server, serve_operation(core), broker_options);
         server.on_message(
-            [&router](uint64_t s, const wamp::Message& m) { router.on_message(s, m); });
+            [&router](uint64_t s, wamp::Message& m) { router.on_message(s, std::move(m)); });
         server.on_join([&log](const qor::router::SessionInfo& info) {
             log->info("session {} joined over {} from {}", info.id, info.transport, info.peer);
         });

@@ -291,6 +291,44 @@ TEST(CoreMisc, AuthenticateVerboseBuildAndLabels) {
     EXPECT_EQ(SimulationCore::procedures().size(), 43u);
 }
 
+// try_call answers the quick operations as call does and declines the rest, running nothing;
+// a failure is left to call, which keeps it for GET_LAST_ERRORS once.
+TEST(CoreMisc, TryCallRunsOnlyQuickOperationsAndLeavesFailuresToCall) {
+    TempFolder folder;
+    auto core = core_in(folder);
+    const auto try_run = [&](const std::string& name, const std::vector<uint8_t>& args,
+                             uint64_t count, CallResult& r) {
+        return core->try_call("qor.server.operation." + name, args.data(), args.size(), count, r);
+    };
+    std::vector<uint8_t> period;
+    mp::pack(period, 20.0);
+    CallResult r;
+    ASSERT_TRUE(try_run("SET_SERVER_PERIOD_MS", period, 1, r));
+    EXPECT_EQ(value_of<int>(r), 17) << "the period it replaced";
+    EXPECT_EQ(call_ok<int>(*core, "SET_SERVER_PERIOD_MS", 5.0), 20) << "the one it set";
+
+    const struct {
+        const char* name;
+        std::vector<uint8_t> args;
+        uint64_t count;
+    } declined[] = {
+        {"SEND_SCENE", {0xc4, 0x01, 0x90}, 1},  // builds a world
+        {"SET_PROPERTY", {0xa1, 'a', 0xa1, 'b'}, 2},  // writes a file
+        {"GET_PROPERTY", {0xa7, 'm', 'i', 's', 's', 'i', 'n', 'g'}, 1},  // fails
+        {"GET_PERSISTENCE_MODE", {0x01}, 1},  // wrong argument count
+        {"NO_SUCH_OPERATION", {}, 0},
+    };
+    for (const auto& d : declined) {
+        CallResult out;
+        EXPECT_FALSE(try_run(d.name, d.args, d.count, out)) << d.name;
+        EXPECT_FALSE(out.ok) << d.name;
+        EXPECT_TRUE(out.value.empty() && out.error.empty()) << d.name;
+    }
+    EXPECT_FALSE(call_ok<bool>(*core, "HAS_PROPERTY", std::string("a")));
+    EXPECT_TRUE(call_ok<dt::vector_string_t>(*core, "GET_LAST_ERRORS", false).values.empty());
+    EXPECT_EQ(call_ok<int>(*core, "GET_PERSISTENCE_MODE"), 0);
+}
+
 template <class T>
 T decode_frame(const DeviceFrame& f) {
     T out;

@@ -118,6 +118,38 @@ TEST_F(CoreTest, RefusedSceneLeavesTheRunningOneIntact) {
     EXPECT_EQ(call_ok<mp::buffer>(*core, "GET_SERVER_SCENE"), good);
 }
 
+// The world is rebuilt in place when a scene comes: whatever ran before, the same scene must
+// step to the same bytes as in a core that never held another.
+TEST_F(CoreTest, SceneSentAgainStepsExactlyAsInANewCore) {
+    std::vector<Component> pile{ground(1)};
+    for (int i = 0; i < 12; ++i)
+        pile.push_back(body(10 + i, i % 2 ? Shape::box : Shape::sphere, {0.4, 0.4, 0.4}, 1,
+                            {0.3 * (i % 3), 0.2 * (i % 4), 1.0 + 0.9 * i}));
+    const auto states_after = [&](SimulationCore& c) {
+        dt::integration_result_t r;
+        for (int i = 0; i < 90; ++i) r = call_ok<dt::integration_result_t>(c, "STEP_SIMULATION");
+        return r.states;
+    };
+    call_ok<int>(*core, "SEND_SCENE", scene_of(pile));
+    const mp::buffer fresh = states_after(*core);
+
+    const std::vector<std::pair<const char*, std::vector<std::string>>> histories{
+        {"a scene stepped", {}},
+        {"a scene stepped while unregistered", {"UNREGISTER_COMPONENTS"}},
+    };
+    for (const auto& [what, operations] : histories) {
+        auto other = make_core();
+        std::vector<Component> before{ground(1)};
+        for (int i = 0; i < 30; ++i) before.push_back(ball(100 + i, 1.0 + i));
+        call_ok<int>(*other, "SEND_SCENE", scene_of(before));
+        for (const std::string& op : operations) call_ok<int>(*other, op);
+        states_after(*other);
+        call_ok<int>(*other, "REGISTER_COMPONENTS");
+        call_ok<int>(*other, "SEND_SCENE", scene_of(pile));
+        EXPECT_EQ(states_after(*other), fresh) << "after " << what;
+    }
+}
+
 TEST_F(CoreTest, MeshesAreBuiltInBatchesAndCarryBodies) {
     const long long id = call_ok<long long>(*core, "CREATE_TRIMESH", std::string("floor"), 4, 2, 0);
     EXPECT_EQ(id, 1);

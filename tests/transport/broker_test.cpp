@@ -10,7 +10,11 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
+#include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "harness.hpp"
@@ -141,4 +145,44 @@ TEST(Broker, EventsReachEverySubscriberButThePublisher) {
     EXPECT_EQ(to_hex(std::vector<uint8_t>(event.end() - 4, event.end())),
               to_hex(hex("80 91 A1 78")));
     EXPECT_EQ(router.publish("t", "y"), 2);  // the library's own publish reaches both
+}
+
+// With a worker, quick calls are answered on the I/O thread, but never ahead of a call
+// already waiting: answers keep the order of the calls.
+TEST(Broker, QuickCallsNeverOvertakeWaitingOnes) {
+    qor::router::Server server;
+    std::atomic<int> quick_answers{0};
+    qor::router::BrokerOptions options;
+    // "q" is quick; "slow" is declined and takes a while on the worker.
+    options.quick = [&](uint64_t, const qor::wamp::Message& m,
+                        std::optional<qor::router::Answer>& answer) {
+        if (m.procedure != "q") return false;
+        ++quick_answers;
+        answer = qor::router::Answer{};
+        return true;
+    };
+    const auto dealer = [](uint64_t, const qor::wamp::Message& m) {
+        if (m.procedure == "slow") std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        return std::optional<qor::router::Answer>(qor::router::Answer{});
+    };
+    qor::router::Broker broker(server, dealer, options);
+    // The server stops before the broker goes, whichever way the test ends.
+    struct StopFirst {
+        qor::router::Server& server;
+        ~StopFirst() { server.stop(); }
+    } stop_first{server};
+    server.on_message(
+        [&](uint64_t session, const qor::wamp::Message& m) { broker.on_message(session, m); });
+    server.start();
+    RawSession session(server.rawsocket_port());
+    ASSERT_TRUE(session.open());
+    // CALL [48, id, {}, procedure]; RESULT [50, id, {}].
+    ASSERT_TRUE(session.send(hex("94 30 01 80 A1 71")));  // "q" alone
+    EXPECT_EQ(to_hex(session.receive()), to_hex(hex("93 32 01 80")));
+    EXPECT_EQ(quick_answers, 1);
+    ASSERT_TRUE(session.send(hex("94 30 02 80 A4 73 6C 6F 77")));  // "slow"
+    ASSERT_TRUE(session.send(hex("94 30 03 80 A1 71")));           // "q" behind it
+    EXPECT_EQ(to_hex(session.receive()), to_hex(hex("93 32 02 80")));
+    EXPECT_EQ(to_hex(session.receive()), to_hex(hex("93 32 03 80")));
+    EXPECT_EQ(quick_answers, 1) << "the call behind a waiting one went to the worker";
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <tuple>
@@ -34,6 +35,23 @@ void read_one(const char* name, size_t index, mp::ReadBuffer& in, T& value) {
                              fmt::format("argument {} of {} must be {}: {}", index + 1, name,
                                          type_name<T>(), e.what()));
     }
+}
+
+// Operations that touch no file, build no world and do bounded work on small values: they
+// may run on the network thread when the core is free, sparing a call two thread hand-offs.
+bool is_quick(const char* name) {
+    static const std::set<std::string> quick = {
+        "AUTHENTICATE",         "COMPONENTS_REGISTERED",
+        "ENABLE_SCHEDULING",    "GET_LAST_ERRORS",
+        "GET_LOGS_LABELS",      "GET_PERSISTENCE_MODE",
+        "GET_PROPERTY",         "GET_SERVER_BUILD_NUMBER",
+        "GET_TRIMESH_INFO",     "HAS_PROPERTY",
+        "LOCK_PHYSIC",          "UNLOCK_PHYSIC",
+        "PAUSE_SIMULATION",     "RESUME_SIMULATION",
+        "START_SIMULATION",     "SET_PUBLISH_COMPRESSION_LEVEL",
+        "SET_PUBLISH_PERIOD_MS", "SET_SERVER_PERIOD_MS",
+        "SET_VERBOSE"};
+    return quick.count(name) != 0;
 }
 
 template <class Tuple, size_t... I>
@@ -81,8 +99,10 @@ SimulationCore::Impl::~Impl() {
 // the client's declaration of the same operation does not compile.
 template <class R, class... A>
 void SimulationCore::Impl::add(const char* name, R (Impl::*fn)(const A&...)) {
-    table[std::string(kOperationPrefix) + name] = [this, fn, name](mp::ReadBuffer& in,
-                                                                   uint64_t count) {
+    Operation& op = table[std::string(kOperationPrefix) + name];
+    op.quick = is_quick(name);
+    op.run = [this, fn, name](mp::ReadBuffer& in, uint64_t count, bool wait,
+                              std::vector<uint8_t>& out) {
         if (count != sizeof...(A))
             throw OperationError(kInvalidArgument,
                                  fmt::format("{} takes {} argument{}, got {}", name, sizeof...(A),
@@ -92,11 +112,14 @@ void SimulationCore::Impl::add(const char* name, R (Impl::*fn)(const A&...)) {
         if (in.remaining() != 0)
             throw OperationError(kInvalidArgument,
                                  fmt::format("{}: trailing bytes after the arguments", name));
-        std::vector<uint8_t> out;
-        std::lock_guard<std::mutex> lock(mutex);
+        std::unique_lock<std::mutex> lock(mutex, std::defer_lock);
+        if (wait)
+            lock.lock();
+        else if (!lock.try_lock())
+            return false;
         pack_result(out,
                     std::apply([this, fn](const auto&... a) { return (this->*fn)(a...); }, args));
-        return out;
+        return true;
     };
 }
 
@@ -114,44 +137,56 @@ void SimulationCore::Impl::register_operations() {
 #undef DAX_OPERATION_4
 }
 
-CallResult SimulationCore::Impl::call(const std::string& procedure, const uint8_t* args,
-                                      uint64_t size, uint64_t count) {
-    CallResult r;
-    const std::string short_name =
-        procedure.rfind(kOperationPrefix, 0) == 0
-            ? procedure.substr(std::char_traits<char>::length(kOperationPrefix))
-            : procedure;
+bool SimulationCore::Impl::call(const std::string& procedure, const uint8_t* args, uint64_t size,
+                                uint64_t count, bool wait, CallResult& r) {
+    // The short name only serves texts; it is spelled when one is written.
+    const auto short_name = [&procedure] {
+        return procedure.rfind(kOperationPrefix, 0) == 0
+                   ? procedure.substr(std::char_traits<char>::length(kOperationPrefix))
+                   : procedure;
+    };
     try {
         auto it = table.find(procedure);
-        if (it == table.end())
+        if (it == table.end()) {
+            if (!wait) return false;
             throw OperationError(kNoSuchProcedure, fmt::format("no procedure '{}'", procedure));
+        }
+        if (!wait && !it->second.quick) return false;
         static const uint8_t kNothing = 0;
         mp::ReadBuffer in(args ? args : &kNothing, args ? size : 0);
-        r.value = it->second(in, count);
+        if (!it->second.run(in, count, wait, r.value)) return false;
         r.ok = true;
-        log->debug("{} done", short_name);
-        return r;
+        if (log->should_log(spdlog::level::debug)) log->debug("{} done", short_name());
+        return true;
     } catch (const OperationError& e) {
         r.error = e.uri;
         r.message = e.what();
     } catch (const Refusal& e) {
         r.error = e.uri;
-        r.message = fmt::format("{}: {}", short_name, e.what());
+        r.message = fmt::format("{}: {}", short_name(), e.what());
     } catch (const std::invalid_argument& e) {
         r.error = kInvalidArgument;
-        r.message = fmt::format("{}: {}", short_name, e.what());
+        r.message = fmt::format("{}: {}", short_name(), e.what());
     } catch (const std::out_of_range& e) {
         r.error = kNotFound;
-        r.message = fmt::format("{}: {}", short_name, e.what());
+        r.message = fmt::format("{}: {}", short_name(), e.what());
     } catch (const std::exception& e) {
         r.error = kFailed;
-        r.message = fmt::format("{}: {}", short_name, e.what());
+        r.message = fmt::format("{}: {}", short_name(), e.what());
     }
     r.ok = false;
     r.value.clear();
+    // A failure is kept for GET_LAST_ERRORS under the lock, which only a waiting call may
+    // wait for; the others leave it to be run again by one that may. The quick operations
+    // refuse before they change anything, so running one twice does what running it once does.
+    if (!wait) {
+        r.error.clear();
+        r.message.clear();
+        return false;
+    }
     std::lock_guard<std::mutex> lock(mutex);
     remember(fmt::format("{} ({})", r.message, r.error));
-    return r;
+    return true;
 }
 
 void SimulationCore::Impl::remember(const std::string& text) {
@@ -162,42 +197,67 @@ void SimulationCore::Impl::remember(const std::string& text) {
 
 // ---- the scene and the world ------------------------------------------------------------
 
-// Builds a complete new world first, so a scene that cannot be built leaves the running one
-// untouched.
-std::unique_ptr<PhysicsWorld> SimulationCore::Impl::build_world(
-    const std::vector<Component>& components, const MeshStore& mesh_store) const {
-    auto fresh = std::make_unique<PhysicsWorld>();
-    fresh->set_gravity(world->gravity());
+// What the world is built from, read from each component first, so a scene that cannot be
+// built is refused before the running world is touched.
+struct SimulationCore::Impl::Part {
+    int64_t id = 0;
+    bool ground = false;
+    GroundData ground_data;
+    BodyData body;
+    const dax::types::mesh_batch_t* mesh = nullptr;
+};
+
+std::vector<SimulationCore::Impl::Part> SimulationCore::Impl::plan_world(
+    const std::vector<Component>& components, const MeshStore& mesh_store) {
+    std::vector<Part> parts;
     for (const Component& c : components) {
         try {
+            Part p;
+            p.id = c.id;
             if (c.type == kGroundType) {
-                fresh->add_ground(c.id, decode_ground(c.data));
+                p.ground = true;
+                p.ground_data = decode_ground(c.data);
             } else if (c.type == kBodyType) {
-                const BodyData body = decode_body(c.data);
-                const Mesh* mesh = nullptr;
-                if (body.shape == Shape::mesh) {
-                    mesh = mesh_store.find(body.mesh_id);
+                p.body = decode_body(c.data);
+                if (p.body.shape == Shape::mesh) {
+                    const Mesh* mesh = mesh_store.find(p.body.mesh_id);
                     if (!mesh)
                         throw std::invalid_argument(
-                            fmt::format("no triangle mesh with id {}", body.mesh_id));
+                            fmt::format("no triangle mesh with id {}", p.body.mesh_id));
+                    p.mesh = &mesh->batch;
                 }
-                fresh->add_body(c.id, body, mesh ? &mesh->batch : nullptr);
+                PhysicsWorld::check_body(p.body, p.mesh);
+            } else {
+                // Other types are kept as they came and sent back unchanged: this server does
+                // not simulate them, but it must not lose them either.
+                continue;
             }
-            // Other types are kept as they came and sent back unchanged: this server does
-            // not simulate them, but it must not lose them either.
+            parts.push_back(std::move(p));
         } catch (const std::exception& e) {
             throw std::invalid_argument(
                 fmt::format("component {} ({}): {}", c.id, c.type, e.what()));
         }
     }
-    fresh->set_registered(world->registered());
-    return fresh;
+    return parts;
+}
+
+// The world is emptied and rebuilt in place: a new one costs more than a small scene does.
+void SimulationCore::Impl::build_world(const std::vector<Part>& parts) {
+    const bool registered = world->registered();
+    world->reset();
+    for (const Part& p : parts) {
+        if (p.ground)
+            world->add_ground(p.id, p.ground_data);
+        else
+            world->add_body(p.id, p.body, p.mesh);
+    }
+    world->set_registered(registered);
 }
 
 void SimulationCore::Impl::install(std::vector<Component> components) {
     std::sort(components.begin(), components.end(),
               [](const Component& a, const Component& b) { return a.id < b.id; });
-    world = build_world(components, meshes);
+    build_world(plan_world(components, meshes));
     scene = std::move(components);
     steps = 0;
     sim_time = 0;
@@ -210,7 +270,7 @@ void SimulationCore::Impl::install_saved(SavedScene saved) {
     for (auto& [id, mesh] : saved.meshes) candidate.put(id, std::move(mesh));
     std::sort(saved.components.begin(), saved.components.end(),
               [](const Component& a, const Component& b) { return a.id < b.id; });
-    world = build_world(saved.components, candidate);
+    build_world(plan_world(saved.components, candidate));
     meshes = std::move(candidate);
     scene = std::move(saved.components);
     steps = 0;
@@ -218,20 +278,36 @@ void SimulationCore::Impl::install_saved(SavedScene saved) {
     last_published.clear();
 }
 
+// The data of a component as it stands now: a body's carries its current pose and velocities.
+void SimulationCore::Impl::write_current(std::vector<uint8_t>& out, const Component& c) const {
+    BodyState s;
+    if (c.type != kBodyType || !world->state(c.id, s)) {
+        out.insert(out.end(), c.data.begin(), c.data.end());
+        return;
+    }
+    BodyData body = decode_body(c.data);
+    body.pose = s.pose;
+    body.linear = s.linear;
+    body.angular = s.angular;
+    encode(out, body);
+}
+
 // The scene as it stands now: bodies carry their current pose and velocities.
 std::vector<Component> SimulationCore::Impl::current_scene() const {
     std::vector<Component> out = scene;
     for (Component& c : out) {
         if (c.type != kBodyType) continue;
-        BodyState s;
-        if (!world->state(c.id, s)) continue;
-        BodyData body = decode_body(c.data);
-        body.pose = s.pose;
-        body.linear = s.linear;
-        body.angular = s.angular;
-        c.data.clear();
-        encode(c.data, body);
+        std::vector<uint8_t> data;
+        write_current(data, c);
+        c.data = std::move(data);
     }
+    return out;
+}
+
+std::vector<uint8_t> SimulationCore::Impl::encode_current_scene() const {
+    std::vector<uint8_t> out;
+    encode_scene(out, scene,
+                 [this](std::vector<uint8_t>& to, const Component& c) { write_current(to, c); });
     return out;
 }
 
@@ -281,24 +357,35 @@ dt::integration_result_t SimulationCore::Impl::advance(bool every) {
 }
 
 dt::integration_result_t SimulationCore::Impl::result(bool every) {
-    std::vector<uint8_t> map;
-    std::vector<std::pair<int64_t, std::vector<uint8_t>>> entries;
-    for (const auto& [id, s] : world->states()) {
-        std::vector<uint8_t> bytes;
-        encode(bytes, s);
-        if (!every && compression > 0) {
-            // Leaving out what did not change since the last publication is lossless: the
-            // client keeps the last state it was given.
-            auto it = last_published.find(id);
-            if (it != last_published.end() && it->second == bytes) continue;
+    const auto states = world->states();
+    // The state map is written once, straight into a buffer kept from step to step; no body
+    // costs an allocation.
+    std::vector<uint8_t>& map = state_map;
+    map.clear();
+    if (every || compression == 0) {
+        mp::pack_map_header(map, states.size());
+        for (const auto& [id, s] : states) {
+            mp::pack(map, static_cast<long long>(id));
+            encode(map, s);
         }
-        entries.emplace_back(id, std::move(bytes));
-    }
-    mp::pack_map_header(map, entries.size());
-    for (auto& [id, bytes] : entries) {
-        mp::pack(map, static_cast<long long>(id));
-        map.insert(map.end(), bytes.begin(), bytes.end());
-        if (!every) last_published[id] = std::move(bytes);
+    } else {
+        // Leaving out what did not change since the last publication is lossless: the client
+        // keeps the last state it was given.
+        std::vector<uint8_t>& changed = state_entries;
+        changed.clear();
+        size_t count = 0;
+        for (const auto& [id, s] : states) {
+            std::vector<uint8_t>& last = last_published[id];
+            state_bytes.clear();
+            encode(state_bytes, s);
+            if (last == state_bytes) continue;
+            last.assign(state_bytes.begin(), state_bytes.end());
+            mp::pack(changed, static_cast<long long>(id));
+            changed.insert(changed.end(), state_bytes.begin(), state_bytes.end());
+            ++count;
+        }
+        mp::pack_map_header(map, count);
+        map.insert(map.end(), changed.begin(), changed.end());
     }
     const WorldStats stats = world->stats();
     const Vec3 g = world->gravity();
@@ -349,7 +436,8 @@ void SimulationCore::Impl::run_clock() {
             next_publish += publish_period;
             if (now - next_publish > 5 * publish_period) next_publish = now + publish_period;
             if (!publisher) continue;
-            std::vector<uint8_t> value;
+            std::vector<uint8_t>& value = publish_value;
+            value.clear();
             dt::pack(value, result(false));
             Publisher out = publisher;
             publishing = true;
@@ -390,7 +478,14 @@ void SimulationCore::set_publisher(Publisher publisher) {
 
 CallResult SimulationCore::call(const std::string& procedure, const uint8_t* args, uint64_t size,
                                 uint64_t count) {
-    return impl_->call(procedure, args, size, count);
+    CallResult r;
+    impl_->call(procedure, args, size, count, true, r);
+    return r;
+}
+
+bool SimulationCore::try_call(const std::string& procedure, const uint8_t* args, uint64_t size,
+                              uint64_t count, CallResult& result) {
+    return impl_->call(procedure, args, size, count, false, result);
 }
 
 bool SimulationCore::quit_requested() const {

@@ -28,14 +28,21 @@ enum SimState { kStopped = 0, kRunning = 1, kPaused = 2 };
 /// What a SimulationCore holds, and the members that read or change it. Every member below
 /// `mutex` is guarded by it; the handlers (op_NAME) run with it held.
 struct SimulationCore::Impl {
-    using Handler =
-        std::function<std::vector<uint8_t>(serialization::msgpack::ReadBuffer&, uint64_t)>;
+    /// Decodes the arguments, takes the lock (waits for it, or only takes it when it is free
+    /// if `wait` is false), runs the operation and writes its value to `out`. Returns false,
+    /// having run nothing, when it did not get the lock.
+    using Handler = std::function<bool(serialization::msgpack::ReadBuffer&, uint64_t, bool wait,
+                                       std::vector<uint8_t>& out)>;
+    struct Operation {
+        Handler run;
+        bool quick = false;  // no file, no world to build, bounded work: fine on any thread
+    };
     using Clock = std::chrono::steady_clock;
 
     CoreOptions options;
     std::shared_ptr<spdlog::logger> log;
     Store store;
-    std::map<std::string, Handler> table;  // by full procedure URI, filled once at start
+    std::map<std::string, Operation> table;  // by full procedure URI, filled once at start
 
     mutable std::mutex mutex;  // guards everything below
     std::condition_variable wake;
@@ -54,7 +61,11 @@ struct SimulationCore::Impl {
     int64_t steps = 0;
     double sim_time = 0;
     double last_step_ms = 0;
+    // What each body's state was when last published, kept while the compression level is
+    // above 0 (it leaves out the unchanged ones).
     std::map<int64_t, std::vector<uint8_t>> last_published;
+    // Scratch of `result` and the clock, reused from step to step.
+    std::vector<uint8_t> state_map, state_entries, state_bytes, publish_value;
     Publisher publisher;
     bool publishing = false;  // the clock thread is inside the publisher, lock released
     std::condition_variable published;
@@ -71,18 +82,24 @@ struct SimulationCore::Impl {
     void register_operations();
     template <class R, class... A>
     void add(const char* name, R (Impl::*fn)(const A&...));
-    CallResult call(const std::string& procedure, const uint8_t* args, uint64_t size,
-                    uint64_t count);
+    // With `wait` false, runs only a quick operation and only if the lock is free; returns
+    // false, having run nothing, otherwise.
+    bool call(const std::string& procedure, const uint8_t* args, uint64_t size, uint64_t count,
+              bool wait, CallResult& r);
     // Logs a failure and keeps it for GET_LAST_ERRORS.
     void remember(const std::string& text);
 
     // ---- the scene and the world (core.cpp) -----------------------------------------------
 
-    std::unique_ptr<PhysicsWorld> build_world(const std::vector<Component>& components,
-                                              const MeshStore& mesh_store) const;
+    struct Part;
+    static std::vector<Part> plan_world(const std::vector<Component>& components,
+                                        const MeshStore& mesh_store);
+    void build_world(const std::vector<Part>& parts);
     void install(std::vector<Component> components);
     void install_saved(SavedScene saved);
+    void write_current(std::vector<uint8_t>& out, const Component& c) const;
     std::vector<Component> current_scene() const;
+    std::vector<uint8_t> encode_current_scene() const;
     std::vector<Component> current_scene_without(const std::vector<int64_t>& ids) const;
     std::map<int64_t, Mesh> meshes_used_by(const std::vector<Component>& components) const;
     void apply_gravity_property();

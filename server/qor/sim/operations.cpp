@@ -185,7 +185,7 @@ std::string SimulationCore::Impl::op_GET_SERVER_BUILD_NUMBER() {
 }
 
 mp::buffer SimulationCore::Impl::op_GET_SERVER_SCENE() {
-    return mp::buffer(encode_scene(current_scene()));
+    return mp::buffer(encode_current_scene());
 }
 
 dt::mesh_batch_t SimulationCore::Impl::op_GET_TRIMESH(const long long& id) {

@@ -80,15 +80,25 @@ std::vector<Component> decode_scene(const uint8_t* bytes, uint64_t size) {
 
 std::vector<uint8_t> encode_scene(const std::vector<Component>& components) {
     std::vector<uint8_t> out;
+    encode_scene(out, components, [](std::vector<uint8_t>& to, const Component& c) {
+        to.insert(to.end(), c.data.begin(), c.data.end());
+    });
+    return out;
+}
+
+void encode_scene(std::vector<uint8_t>& out, const std::vector<Component>& components,
+                  const std::function<void(std::vector<uint8_t>&, const Component&)>& write_data) {
+    size_t estimate = 5;
+    for (const Component& c : components) estimate += 32 + c.type.size() + c.data.size();
+    out.reserve(out.size() + estimate);
     mp::pack_array_header(out, components.size());
     for (const Component& c : components) {
         mp::pack_array_header(out, 4);
         mp::pack(out, c.type);
         mp::pack(out, static_cast<long long>(c.id));
         mp::pack(out, c.client_id);
-        out.insert(out.end(), c.data.begin(), c.data.end());
+        write_data(out, c);
     }
-    return out;
 }
 
 void encode(std::vector<uint8_t>& out, const GroundData& value) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -53,6 +54,10 @@ struct Component {
 std::vector<Component> decode_scene(const uint8_t* bytes, uint64_t size);
 /// Encodes components (already in the order wanted) as a scene record.
 std::vector<uint8_t> encode_scene(const std::vector<Component>& components);
+/// Same into `out`, each component's data written by `write_data` (which must write exactly
+/// one value): a record of changed data without a changed copy of every component.
+void encode_scene(std::vector<uint8_t>& out, const std::vector<Component>& components,
+                  const std::function<void(std::vector<uint8_t>&, const Component&)>& write_data);
 
 void encode(std::vector<uint8_t>& out, const GroundData& value);
 void encode(std::vector<uint8_t>& out, const BodyData& value);

@@ -35,6 +35,12 @@ struct Object {
     std::unique_ptr<btRigidBody> body;
 };
 
+// Bullet's world with its clock within reach: the remainder of a step it keeps for the next.
+struct DynamicsWorld : btDiscreteDynamicsWorld {
+    using btDiscreteDynamicsWorld::btDiscreteDynamicsWorld;
+    void restart_clock() { m_localTime = 0; }
+};
+
 }  // namespace
 
 struct PhysicsWorld::Impl {
@@ -42,7 +48,7 @@ struct PhysicsWorld::Impl {
     btCollisionDispatcher dispatcher{&configuration};
     btDbvtBroadphase broadphase;
     btSequentialImpulseConstraintSolver solver;
-    btDiscreteDynamicsWorld world{&dispatcher, &broadphase, &solver, &configuration};
+    DynamicsWorld world{&dispatcher, &broadphase, &solver, &configuration};
     std::map<int64_t, Object> objects;
     bool registered = true;
 
@@ -73,6 +79,28 @@ void PhysicsWorld::clear() {
     impl_->clear();
 }
 
+void PhysicsWorld::reset() {
+    impl_->clear();
+    // With no object left these restart the broadphase's tree, its proxy numbering (the order
+    // of contact pairs follows it) and the solver's seed, as in a new world.
+    impl_->broadphase.resetPool(&impl_->dispatcher);
+    impl_->solver.reset();
+    impl_->world.restart_clock();
+    impl_->registered = true;
+}
+
+void PhysicsWorld::check_body(const BodyData& b, const dax::types::mesh_batch_t* mesh) {
+    if (b.shape != Shape::mesh) return;
+    if (!mesh) throw std::invalid_argument("a mesh body needs its triangle mesh");
+    if (mesh->triangles.empty() || mesh->vertices.size() < 3)
+        throw std::invalid_argument(fmt::format("triangle mesh {} is empty", b.mesh_id));
+    const int64_t bad = first_bad_index(*mesh);
+    if (bad >= 0)
+        throw std::invalid_argument(fmt::format(
+            "triangle {} of mesh {} names a vertex beyond its {} vertices", bad, b.mesh_id,
+            mesh->vertices.size()));
+}
+
 void PhysicsWorld::add_ground(int64_t id, const GroundData& ground) {
     Object o;
     o.is_static = true;
@@ -100,14 +128,7 @@ void PhysicsWorld::add_body(int64_t id, const BodyData& b, const dax::types::mes
             o.shape = std::make_unique<btCapsuleShapeZ>(btScalar(b.size.x), btScalar(b.size.y));
             break;
         case Shape::mesh: {
-            if (!mesh) throw std::invalid_argument("a mesh body needs its triangle mesh");
-            if (mesh->triangles.empty() || mesh->vertices.size() < 3)
-                throw std::invalid_argument(fmt::format("triangle mesh {} is empty", b.mesh_id));
-            const int64_t bad = first_bad_index(*mesh);
-            if (bad >= 0)
-                throw std::invalid_argument(
-                    fmt::format("triangle {} of mesh {} names a vertex beyond its {} vertices", bad,
-                                b.mesh_id, mesh->vertices.size()));
+            check_body(b, mesh);
             if (o.is_static) {
                 // Exact triangles collide only as static geometry in Bullet.
                 o.triangles = std::make_unique<btTriangleMesh>();

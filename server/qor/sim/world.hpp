@@ -34,10 +34,17 @@ class PhysicsWorld {
 
     /// Removes every ground and body.
     void clear();
+    /// Removes every ground and body and restarts the world's clock and Bullet's own
+    /// counters, so that what is built next steps exactly as it would in a new world. Gravity
+    /// stays; registration is on again, as in a new world. Far cheaper than a new world.
+    void reset();
+    /// Throws std::invalid_argument, as `add_body` would, when `body` cannot be built with
+    /// `mesh`; lets a scene be checked whole before a world is changed.
+    static void check_body(const BodyData& body, const dax::types::mesh_batch_t* mesh);
     /// Adds a static plane under `id`.
     void add_ground(int64_t id, const GroundData& ground);
     /// Adds a body under `id`; a mesh body needs its mesh (static: exact triangles; dynamic:
-    /// their convex hull). Throws std::invalid_argument for an unusable mesh.
+    /// their convex hull). Throws std::invalid_argument for an unusable mesh (`check_body`).
     void add_body(int64_t id, const BodyData& body, const dax::types::mesh_batch_t* mesh);
 
     /// Gravity, m/s² (default 0, 0, -9.81).

@@ -43,6 +43,51 @@ Broker::~Broker() {
     if (worker_.joinable()) worker_.join();
 }
 
+template <class Message>
+void Broker::call(uint64_t session, Message&& m) {
+    {
+        std::lock_guard<std::mutex> lock(work_mutex_);
+        if (closing_)
+            return send_error(session, wamp::CALL, m.request, "wamp.error.canceled",
+                              "the server is shutting down");
+        if (options_.call_worker && (!options_.quick || busy_ || !calls_.empty())) {
+            // A client that floods calls faster than they run must not grow the queue
+            // without bound.
+            if (calls_.size() >= options_.max_queued_calls)
+                return send_error(session, wamp::CALL, m.request, "wamp.error.canceled",
+                                  "too many calls waiting");
+            calls_.push_back({session, std::forward<Message>(m)});
+            work_cv_.notify_one();
+            return;
+        }
+        // Only this thread queues calls, so none can overtake this one while it runs here;
+        // `busy_` keeps `drain` waiting until its answer is queued.
+        busy_ = options_.call_worker;
+    }
+    if (!options_.call_worker) return answer(session, m);
+    bool answered = true;
+    std::optional<Answer> a;
+    try {
+        answered = options_.quick(session, m, a);
+    } catch (const std::exception& e) {
+        a = Answer::failure("wamp.error.runtime_error", e.what());
+    }
+    if (answered) reply(session, m, std::move(a));
+    std::lock_guard<std::mutex> lock(work_mutex_);
+    busy_ = false;
+    if (!answered) {
+        calls_.push_back({session, std::forward<Message>(m)});
+        work_cv_.notify_one();
+    } else if (calls_.empty()) {
+        idle_cv_.notify_all();
+    }
+}
+
+void Broker::on_message(uint64_t session, wamp::Message&& m) {
+    if (m.type == wamp::CALL) return call(session, std::move(m));
+    on_message(session, static_cast<const wamp::Message&>(m));
+}
+
 void Broker::on_message(uint64_t session, const wamp::Message& m) {
     switch (m.type) {
         case wamp::CALL:
@@ -61,26 +106,6 @@ void Broker::on_message(uint64_t session, const wamp::Message& m) {
             if (options_.logger)
                 options_.logger->debug("session {}: ignored {}", session, wamp::type_name(m.type));
     }
-}
-
-void Broker::call(uint64_t session, const wamp::Message& m) {
-    {
-        std::lock_guard<std::mutex> lock(work_mutex_);
-        if (closing_)
-            return send_error(session, wamp::CALL, m.request, "wamp.error.canceled",
-                              "the server is shutting down");
-        if (options_.call_worker) {
-            // A client that floods calls faster than they run must not grow the queue
-            // without bound.
-            if (calls_.size() >= options_.max_queued_calls)
-                return send_error(session, wamp::CALL, m.request, "wamp.error.canceled",
-                                  "too many calls waiting");
-            calls_.push_back({session, m});
-            work_cv_.notify_one();
-            return;
-        }
-    }
-    answer(session, m);
 }
 
 void Broker::drain() {
@@ -134,10 +159,12 @@ size_t Broker::publish(const std::string& topic, const std::vector<uint8_t>& val
             wamp::Id(std::uniform_int_distribution<uint64_t>(1, wamp::max_id)(random_));
     }
     event.args.emplace_back(value);
-    const mp::buffer encoded = wamp::serialize(event);
+    mp::buffer encoded = wamp::serialize(event);
     size_t sent = 0;
-    for (uint64_t s : targets)
-        if (server_.send_encoded(s, encoded)) ++sent;
+    // The last subscriber takes the encoded bytes themselves: one subscriber, no copy.
+    for (size_t i = 0; i + 1 < targets.size(); ++i)
+        if (server_.send_encoded(targets[i], encoded)) ++sent;
+    if (server_.send_encoded(targets.back(), std::move(encoded))) ++sent;
     return sent;
 }
 
@@ -165,6 +192,10 @@ void Broker::answer(uint64_t session, const wamp::Message& m) {
         // A procedure that throws answers like one that fails; the session goes on.
         a = Answer::failure("wamp.error.runtime_error", e.what());
     }
+    reply(session, m, std::move(a));
+}
+
+void Broker::reply(uint64_t session, const wamp::Message& m, std::optional<Answer> a) {
     if (!a) return;
     wamp::Message reply(a->error.empty() ? wamp::RESULT : wamp::ERROR);
     reply.request = m.request;
@@ -173,7 +204,7 @@ void Broker::answer(uint64_t session, const wamp::Message& m) {
         reply.error = std::move(a->error);
     }
     reply.args = std::move(a->args);
-    const mp::buffer encoded = wamp::serialize(reply);
+    mp::buffer encoded = wamp::serialize(reply);
     const size_t limit = server_.max_send(session);
     if (limit != 0 && encoded.size > limit) {
         // Sent, it would be dropped (the caller then waits out its time-out) or end the link.
@@ -183,7 +214,7 @@ void Broker::answer(uint64_t session, const wamp::Message& m) {
                               " bytes the client accepts");
     }
     // A client that left while its call ran is simply gone; nothing else is affected.
-    if (!server_.send_encoded(session, encoded) && options_.logger)
+    if (!server_.send_encoded(session, std::move(encoded)) && options_.logger)
         options_.logger->debug("session {} left before its result", session);
 }
 

@@ -42,6 +42,12 @@ struct BrokerOptions {
     /// True: calls run one at a time on the broker's own worker thread, so a slow procedure
     /// never stalls the network. False: they run at once on the server's I/O thread.
     bool call_worker = true;
+    /// Optional, with `call_worker`: tried first on the I/O thread for a call that finds no
+    /// other call waiting or running. It answers as the dealer would and returns true, or
+    /// returns false having done nothing, and the call goes to the worker. Spares quick
+    /// procedures two thread hand-offs; it must never block.
+    std::function<bool(uint64_t session, const wamp::Message& call, std::optional<Answer>& answer)>
+        quick;
     /// Calls waiting beyond this many are refused with "wamp.error.canceled".
     size_t max_queued_calls = 100000;
     std::shared_ptr<spdlog::logger> logger;  ///< may be null: nothing is logged
@@ -76,6 +82,8 @@ class Broker {
 
     /// Routes one message of a joined session.
     void on_message(uint64_t session, const wamp::Message& message);
+    /// Same, taking the message: a CALL queued for the worker is moved there, not copied.
+    void on_message(uint64_t session, wamp::Message&& message);
     /// Forgets the subscriptions of a session that left.
     void on_leave(uint64_t session);
     /// One EVENT with the single encoded argument `value`, encoded once, to every subscriber
@@ -101,9 +109,12 @@ class Broker {
         wamp::Message message;
     };
 
-    void call(uint64_t session, const wamp::Message& message);
+    // `Message` is const wamp::Message& or wamp::Message (taken).
+    template <class Message>
+    void call(uint64_t session, Message&& message);
     void work();
     void answer(uint64_t session, const wamp::Message& message);
+    void reply(uint64_t session, const wamp::Message& message, std::optional<Answer> answer);
     void send_error(uint64_t session, uint32_t request_type, wamp::Id request,
                     const std::string& uri, const std::string& text);
     std::map<uint64_t, Subscription>::iterator forget_subscription(

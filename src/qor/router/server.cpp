@@ -289,7 +289,7 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
             abort_session(peer, "wamp.error.protocol_violation", e.what());
             return;
         }
-        const wamp::Message& message = *parsed;
+        wamp::Message& message = *parsed;
         switch (peer->stage) {
             case Stage::opening:
                 return opening_message(peer, message);
@@ -338,7 +338,7 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
         });
     }
 
-    void joined_message(const std::shared_ptr<Peer>& peer, const wamp::Message& m) {
+    void joined_message(const std::shared_ptr<Peer>& peer, wamp::Message& m) {
         if (m.type == wamp::GOODBYE) {
             peer->leave_reason = m.reason;
             wamp::Message reply(wamp::GOODBYE);
@@ -566,6 +566,16 @@ bool Server::send_encoded(uint64_t session, const serialization::msgpack::buffer
         return true;
     }
     asio::post(impl_->io, [impl = impl_, peer, bytes = encoded] {
+        if (peer->stage == Stage::joined) impl->deliver(peer, bytes.data, bytes.size);
+    });
+    return true;
+}
+
+bool Server::send_encoded(uint64_t session, serialization::msgpack::buffer&& encoded) {
+    if (impl_->on_io_thread()) return send_encoded(session, encoded);
+    auto peer = impl_->find(session);
+    if (!peer) return false;
+    asio::post(impl_->io, [impl = impl_, peer, bytes = std::move(encoded)] {
         if (peer->stage == Stage::joined) impl->deliver(peer, bytes.data, bytes.size);
     });
     return true;

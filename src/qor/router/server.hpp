@@ -83,7 +83,9 @@ struct SessionInfo {
 class Server {
   public:
     using JoinHandler = std::function<void(const SessionInfo&)>;
-    using MessageHandler = std::function<void(uint64_t session, const wamp::Message&)>;
+    /// The message is the handler's to keep: it may move from it (a large CALL queued for a
+    /// worker is not copied).
+    using MessageHandler = std::function<void(uint64_t session, wamp::Message&)>;
     using LeaveHandler = std::function<void(uint64_t session, const std::string& reason)>;
 
     /// A stopped server with these settings.
@@ -119,6 +121,8 @@ class Server {
     bool send(uint64_t session, const wamp::Message& message);
     /// Queues one already serialized message (lets one EVENT be encoded once for many sessions).
     bool send_encoded(uint64_t session, const serialization::msgpack::buffer& encoded);
+    /// Same, taking the bytes: from another thread they travel to the I/O thread uncopied.
+    bool send_encoded(uint64_t session, serialization::msgpack::buffer&& encoded);
     /// The largest message the session's peer accepts (0 when no such session exists): a
     /// larger one would be refused on the way out (RawSocket) or end the link (WebSocket).
     size_t max_send(uint64_t session) const;
