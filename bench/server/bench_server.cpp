@@ -120,17 +120,24 @@ double process_cpu_ms(pid_t pid) {
     return (user + system) * 1000.0 / double(::sysconf(_SC_CLK_TCK));
 }
 
-// Pumps `peer` until `done` is set: what a blocking operation does.
-void pump_until(qor::QorClient& peer, const bool& done) {
-    while (!done) {
+// How a caller waits for its answer: pumping without pause (what blocking operations do by
+// default) or sleeping in the OS until the link has something (their opt-in strategy).
+enum class Wait { spin, sleep };
+
+// Pumps `peer` until `done` is set.
+void pump_until(qor::QorClient& peer, const bool& done, Wait how = Wait::spin) {
+    for (;;) {
         peer.update_first();
         peer.update_second();
+        if (done) return;
+        if (how == Wait::sleep) peer.wait(std::chrono::milliseconds(100));
     }
 }
 
-// Round trip of one call whose answer is an int (or nothing), pumping without pause.
+// Round trip of one call whose answer is an int (or nothing).
 template <class... Args>
-double blocking_call_us(qor::QorClient& peer, const std::string& procedure, const Args&... args) {
+double blocking_call_us(Wait how, qor::QorClient& peer, const std::string& procedure,
+                        const Args&... args) {
     bool done = false;
     std::function<void(qor::wamp::RpcResult<int>)> finish = [&](qor::wamp::RpcResult<int> r) {
         if (r.isError) throw std::runtime_error(procedure + ": " + r.error);
@@ -138,8 +145,12 @@ double blocking_call_us(qor::QorClient& peer, const std::string& procedure, cons
     };
     const auto start = Clock::now();
     peer.call<int>(finish, procedure, args...);
-    pump_until(peer, done);
+    pump_until(peer, done, how);
     return micros_since(start);
+}
+template <class... Args>
+double blocking_call_us(qor::QorClient& peer, const std::string& procedure, const Args&... args) {
+    return blocking_call_us(Wait::spin, peer, procedure, args...);
 }
 
 // The router of the transport benchmark: it answers every CALL at once with an empty RESULT,
@@ -318,7 +329,8 @@ std::string size_name(size_t size) {
 }
 
 // SEND_SCENE of a record of range(0) bytes, interleaved with a TCP request/ack of the frames
-// the call puts on the wire.
+// the call puts on the wire. The caller sleeps while it waits, as the floor's does in recv;
+// the counter server_spinning_us is the same call with the default busy wait.
 void BM_SendScene(benchmark::State& state) {
     const size_t size = size_t(state.range(0));
     ServerFixture f;
@@ -329,13 +341,27 @@ void BM_SendScene(benchmark::State& state) {
     result.request = qor::wamp::Id(1ULL << 52);
     result.args.emplace_back(std::vector<uint8_t>{1});
     TcpRequestAck tcp(frame_size(call), frame_size(result));
-    std::vector<double> ours, floor;
+    // What the scene itself costs: the same operation on a core in this process.
+    const auto folder = temp_folder("scene");
+    sim::CoreOptions options;
+    options.data_dir = folder.string();
+    sim::SimulationCore core(options);
+    std::vector<uint8_t> args;
+    mp::pack(args, record);
+    std::vector<double> ours, floor, spinning, in_process;
     for (auto _ : state) {
         floor.push_back(tcp.round_trip_us());
-        ours.push_back(blocking_call_us(f.peer, kOp + "SEND_SCENE", record));
+        ours.push_back(blocking_call_us(Wait::sleep, f.peer, kOp + "SEND_SCENE", record));
+        spinning.push_back(blocking_call_us(Wait::spin, f.peer, kOp + "SEND_SCENE", record));
+        const auto start = Clock::now();
+        core.call(kOp + "SEND_SCENE", args.data(), args.size(), 1);
+        in_process.push_back(micros_since(start));
     }
+    std::filesystem::remove_all(folder);
     const double o = median(ours), r = median(floor);
+    state.counters["core_us"] = median(in_process);
     state.counters["server_us"] = o;
+    state.counters["server_spinning_us"] = median(spinning);
     state.counters["tcp_us"] = r;
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(size));
     add_row("scene.send." + std::to_string(size),
@@ -351,7 +377,8 @@ BENCHMARK(BM_SendScene)
     ->Unit(benchmark::kMicrosecond)
     ->MinTime(1.0);
 
-// GET_SERVER_SCENE of a 1 MiB record against a TCP request answered with the same bytes.
+// GET_SERVER_SCENE of a 1 MiB record against a TCP request answered with the same bytes; the
+// caller sleeps while it waits.
 void BM_GetServerScene(benchmark::State& state) {
     const size_t size = size_t(state.range(0));
     ServerFixture f;
@@ -374,7 +401,7 @@ void BM_GetServerScene(benchmark::State& state) {
             };
         const auto start = Clock::now();
         f.peer.call<mp::buffer>(finish, kOp + "GET_SERVER_SCENE");
-        pump_until(f.peer, done);
+        pump_until(f.peer, done, Wait::sleep);
         ours.push_back(micros_since(start));
     }
     const double o = median(ours), r = median(floor);
@@ -480,7 +507,7 @@ void BM_StepRoundTrip(benchmark::State& state) {
 BENCHMARK(BM_StepRoundTrip)->Arg(10)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // The server runs its own clock, one step per ms of wall time at most, publishing every step
-// to this subscriber, which sleeps in the OS between short pumps. The share is the Bullet time
+// to this subscriber, which sleeps in the OS between its passes. The share is the Bullet time
 // of the steps against the CPU time the server process used meanwhile (its clock and I/O
 // threads), so the clock's idle time between steps does not count as publishing.
 void BM_Publishing(benchmark::State& state) {
@@ -502,10 +529,11 @@ void BM_Publishing(benchmark::State& state) {
     blocking_call_us(f.peer, kOp + "SET_SERVER_PERIOD_MS", 1.0);
     blocking_call_us(f.peer, kOp + "SET_PUBLISH_PERIOD_MS", 1.0);
     blocking_call_us(f.peer, kOp + "START_SIMULATION");
+    // The subscriber sleeps in the OS until the link has something for it.
     const auto sleepy_pump = [&] {
         f.peer.update_first();
         f.peer.update_second();
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
+        f.peer.wait(std::chrono::milliseconds(100));
     };
     while (received == 0) sleepy_pump();
     received = 0;
@@ -544,13 +572,15 @@ BENCHMARK(BM_Publishing)
     ->UseRealTime()
     ->MinTime(2.0);
 
-// sync_step round trips with 1,000 bodies mirrored by the rigid-body plug-in, against the
-// core's own steps of the same bodies in this process.
+// sync_step round trips with 1,000 bodies mirrored by the rigid-body plug-in, the client
+// sleeping while it waits, against the core's own steps of the same bodies in this process.
 void BM_SyncStep(benchmark::State& state) {
     const int bodies = int(state.range(0));
     ServerFixture f;
     dax::client::DaxClient client(&f.peer);
     client.init("bench", [](int64_t, std::string) {});
+    // A client spinning while it waits takes a core from the server it waits for.
+    client.setWaitStrategy(dax::client::WaitStrategy::sleep);
     for (int i = 0; i < bodies; ++i) {
         auto* b = static_cast<rigid_body::Body*>(client.Create("Body"));
         b->shape = "sphere";

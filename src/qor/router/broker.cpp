@@ -159,13 +159,7 @@ size_t Broker::publish(const std::string& topic, const std::vector<uint8_t>& val
             wamp::Id(std::uniform_int_distribution<uint64_t>(1, wamp::max_id)(random_));
     }
     event.args.emplace_back(value);
-    mp::buffer encoded = wamp::serialize(event);
-    size_t sent = 0;
-    // The last subscriber takes the encoded bytes themselves: one subscriber, no copy.
-    for (size_t i = 0; i + 1 < targets.size(); ++i)
-        if (server_.send_encoded(targets[i], encoded)) ++sent;
-    if (server_.send_encoded(targets.back(), std::move(encoded))) ++sent;
-    return sent;
+    return server_.send_encoded(targets, wamp::serialize(event));
 }
 
 void Broker::work() {

@@ -581,6 +581,24 @@ bool Server::send_encoded(uint64_t session, serialization::msgpack::buffer&& enc
     return true;
 }
 
+size_t Server::send_encoded(const std::vector<uint64_t>& sessions,
+                            serialization::msgpack::buffer&& encoded) {
+    std::vector<std::shared_ptr<Peer>> peers;
+    for (uint64_t id : sessions)
+        if (auto peer = impl_->find(id)) peers.push_back(std::move(peer));
+    if (peers.empty()) return 0;
+    const size_t count = peers.size();
+    if (impl_->on_io_thread()) {
+        for (const auto& peer : peers) impl_->deliver(peer, encoded.data, encoded.size);
+        return count;
+    }
+    asio::post(impl_->io, [impl = impl_, peers = std::move(peers), bytes = std::move(encoded)] {
+        for (const auto& peer : peers)
+            if (peer->stage == Stage::joined) impl->deliver(peer, bytes.data, bytes.size);
+    });
+    return count;
+}
+
 size_t Server::max_send(uint64_t session) const {
     auto peer = impl_->find(session);
     // The channel's limit is settled by the opening and never changes afterwards.

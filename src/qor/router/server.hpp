@@ -123,6 +123,10 @@ class Server {
     bool send_encoded(uint64_t session, const serialization::msgpack::buffer& encoded);
     /// Same, taking the bytes: from another thread they travel to the I/O thread uncopied.
     bool send_encoded(uint64_t session, serialization::msgpack::buffer&& encoded);
+    /// Queues one serialized message to each of `sessions`, the bytes shared by all of them
+    /// on their way to the I/O thread; returns how many of them are joined.
+    size_t send_encoded(const std::vector<uint64_t>& sessions,
+                        serialization::msgpack::buffer&& encoded);
     /// The largest message the session's peer accepts (0 when no such session exists): a
     /// larger one would be refused on the way out (RawSocket) or end the link (WebSocket).
     size_t max_send(uint64_t session) const;
