@@ -430,13 +430,13 @@ void waiting_rows() {
     const double slow_sleep = slow_call_cpu(WaitStrategy::sleep, 5);
     // The busy loop is the contract's default and has no target; the sleeping wait has one.
     row("link.cpu.idle.spin", "CPU s per wall s, idle client, busy loop (default)",
-        text("%.3f", idle_spin), "autobahn-cpp 0.000", idle_spin, "-");
+        text("%.3f", idle_spin), "-", idle_spin, "-");
     row("link.cpu.idle.sleep", "CPU s per wall s, idle client, sleeping wait",
-        text("%.3f", idle_sleep), "autobahn-cpp 0.000", idle_sleep, "<=0.01");
+        text("%.3f", idle_sleep), "-", idle_sleep, "<=0.01");
     row("link.cpu.slow.spin", "CPU s per wall s, blocking 200 ms call, busy loop (default)",
-        text("%.3f", slow_spin), "autobahn-cpp 0.001", slow_spin, "-");
+        text("%.3f", slow_spin), "-", slow_spin, "-");
     row("link.cpu.slow.sleep", "CPU s per wall s, blocking 200 ms call, sleeping wait",
-        text("%.3f", slow_sleep), "autobahn-cpp 0.001", slow_sleep, "<=0.01");
+        text("%.3f", slow_sleep), "-", slow_sleep, "<=0.01");
 }
 
 }  // namespace
