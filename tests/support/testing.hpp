@@ -1,21 +1,30 @@
 #pragma once
 
-// What every test area shares: hex byte vectors in and out, the text of a thrown error, and
-// the rule for tests that need a tool from outside the build (a Python peer, openssl).
+// What every test area shares: hex byte vectors in and out, the text of a thrown error, the
+// rule for tests that need a tool from outside the build (a Python peer, openssl), a captured
+// log and a peer whose server endpoint is an in-memory loopback.
 
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
+#include <memory>
 #include <random>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <spdlog/logger.h>
+#include <spdlog/sinks/ostream_sink.h>
 
+#include <qor/qor_client.hpp>
 #include <qor/serialization/msgpack/buffer.hpp>
+#include <qor/wamp.hpp>
+#include <qor/wamp/testing/loopback.hpp>
 
 namespace test_support {
 
@@ -62,6 +71,35 @@ inline std::string to_hex(const qor::serialization::msgpack::buffer& bytes) {
     return to_hex(bytes.data, static_cast<std::size_t>(bytes.size));
 }
 
+/// `a` followed by `b`.
+inline std::vector<uint8_t> operator+(std::vector<uint8_t> a, const std::vector<uint8_t>& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+/// The bytes of `text` appended to `prefix`.
+inline std::vector<uint8_t> with(std::vector<uint8_t> prefix, const std::string& text) {
+    prefix.insert(prefix.end(), text.begin(), text.end());
+    return prefix;
+}
+
+inline std::vector<uint8_t> bytes_of(const qor::serialization::msgpack::buffer& b) {
+    return std::vector<uint8_t>(b.data, b.data + b.size);
+}
+
+/// One value encoded as a WAMP argument.
+template <class T>
+qor::serialization::msgpack::buffer encoded(const T& value) {
+    std::vector<uint8_t> scratch;
+    return qor::wamp::encode_argument(scratch, value);
+}
+
+/// The encoded positional arguments of a received or parsed message, as hex.
+inline std::string args_hex(const qor::wamp::Message& message) {
+    if (message.args_count == 0) return "";
+    return to_hex(message.raw.data + message.args_offset, message.args_end - message.args_offset);
+}
+
 /// The what() text of the std::runtime_error that `f` throws, or "" when it throws none.
 /// Other exceptions pass through, so a wrong exception type fails the test loudly.
 template <class F>
@@ -97,6 +135,47 @@ class TempFolder {
 
   private:
     std::filesystem::path path_;
+};
+
+/// A logger writing "%l %v" lines into a string.
+struct CapturedLog {
+    std::ostringstream lines;
+    std::shared_ptr<spdlog::logger> logger;
+
+    explicit CapturedLog(spdlog::level::level_enum level) {
+        auto sink = std::make_shared<spdlog::sinks::ostream_sink_mt>(lines);
+        sink->set_pattern("%l %v");
+        logger = std::make_shared<spdlog::logger>("test", sink);
+        logger->set_level(level);
+    }
+    std::string text() const { return lines.str(); }
+};
+
+/// A connected peer whose server endpoint talks to a loopback: what the peer sends is recorded
+/// by `link`, and the test answers, confirms and publishes through it.
+struct LoopbackPeer {
+    qor::wamp::Client endpoint;
+    qor::wamp::testing::LoopbackConnection link{endpoint};
+    qor::QorClient peer;
+
+    explicit LoopbackPeer(spdlog::logger* logger = nullptr)
+        : endpoint("server", logger), peer(logger) {
+        peer.server_endpoint = &endpoint;
+        peer.has_server = true;
+        peer.server_connected = true;
+    }
+    /// One full pump: both passes.
+    bool pump() {
+        const bool first = peer.update_first();
+        const bool second = peer.update_second();
+        return first || second;
+    }
+    /// In the first pass numbered `pass` (from 1), run `action` before delivery.
+    void on_pass(uint64_t pass, std::function<void()> action) {
+        link.before_first = [this, pass, action] {
+            if (link.first_passes == pass) action();
+        };
+    }
 };
 
 /// True when the tests run under CI (env `CI` set and not empty), where every tool a test

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "wamp_test_util.hpp"
+#include "support/testing.hpp"
 
 // The replacement pair below allocates with malloc and releases with free; GCC cannot see
 // that the two are paired once they are inlined into standard containers.
@@ -59,7 +59,8 @@ void operator delete[](void* p, std::size_t) noexcept {
 }
 
 using namespace qor::wamp;
-using namespace wamp_test;
+using namespace test_support;
+namespace mp = qor::serialization::msgpack;
 
 TEST(WampAllocation, SerializeAllocatesOneBlockOfExactlyTheMessageSize) {
     Message call(CALL, Id(123456789), "qor.server.operation.SEND_SCENE");

@@ -8,10 +8,11 @@
 #include <dax/types.hpp>
 #include <qor/serialization/msgpack/pack.hpp>
 
-#include "wamp_test_util.hpp"
+#include "support/testing.hpp"
 
 using namespace qor::wamp;
-using namespace wamp_test;
+using namespace test_support;
+namespace mp = qor::serialization::msgpack;
 namespace types = dax::types;
 
 namespace {
@@ -55,7 +56,7 @@ TEST(WampCall, ResultReachesTheCallbackThroughThePump) {
     EXPECT_EQ(call.args_count, 0u);
     // Without arguments the argument list is left out: four elements.
     EXPECT_EQ(p.link.written_bytes.back().data[0], 0x94);
-    EXPECT_EQ(p.server.caller.pending.count(call.request.value()), 1u);
+    EXPECT_EQ(p.endpoint.caller.pending.count(call.request.value()), 1u);
 
     p.link.reply_last_result(42);
     EXPECT_TRUE(results.empty()) << "answers are delivered inside the pump, not at inject time";
@@ -64,7 +65,7 @@ TEST(WampCall, ResultReachesTheCallbackThroughThePump) {
     EXPECT_EQ(results[0].value, 42);
     EXPECT_FALSE(results[0].isError);
     EXPECT_EQ(results[0].getError(), "");
-    EXPECT_TRUE(p.server.caller.pending.empty());
+    EXPECT_TRUE(p.endpoint.caller.pending.empty());
     EXPECT_FALSE(p.pump());
 }
 
@@ -112,7 +113,7 @@ TEST(WampCall, RefusedBeforeTheServerIsConnected) {
     EXPECT_EQ(error_of([&] { p.peer.call<int>(keep(results), clear_scene); }),
               "qor client cannot call operations before server is connected");
     EXPECT_TRUE(p.link.written.empty());
-    EXPECT_TRUE(p.server.caller.pending.empty());
+    EXPECT_TRUE(p.endpoint.caller.pending.empty());
 }
 
 TEST(WampCall, ResultWithoutArgumentsDeliversAValueInitialisedValue) {
@@ -153,7 +154,7 @@ TEST(WampCall, AnswerGoesToTheHandlerThatReplacedAnEntryWithTheSameId) {
     p.peer.call<int>(keep(first), clear_scene);
     const uint64_t request = p.link.last_call().request.value();
     // Registration is insert-or-assign: a handler registered under a pending id replaces it.
-    p.server.caller.pending.insert_or_assign(
+    p.endpoint.caller.pending.insert_or_assign(
         request, [&second](const Message& answer) { second.push_back(answer.request); });
     p.link.reply_result(Id(request), 5);
     p.pump();
@@ -177,13 +178,13 @@ TEST(WampCall, HandlerThatThrowsLeavesThroughThePumpAndIsGone) {
 
     EXPECT_EQ(error_of([&] { p.pump(); }), "handler failed");
     EXPECT_EQ(ran, 1);
-    EXPECT_EQ(p.server.caller.pending.size(), 1u);
+    EXPECT_EQ(p.endpoint.caller.pending.size(), 1u);
     // The second answer is still queued and is delivered by the next pump.
     p.pump();
     ASSERT_EQ(other.size(), 1u);
     EXPECT_EQ(other[0].value, 2);
     EXPECT_EQ(ran, 1);
-    EXPECT_TRUE(p.server.caller.pending.empty());
+    EXPECT_TRUE(p.endpoint.caller.pending.empty());
 }
 
 TEST(WampCall, HandlerMayStartTheNextCall) {
@@ -200,7 +201,7 @@ TEST(WampCall, HandlerMayStartTheNextCall) {
     }
     EXPECT_EQ(values, (std::vector<int>{10, 20, 30}));
     EXPECT_EQ(p.link.calls().size(), 3u);
-    EXPECT_TRUE(p.server.caller.pending.empty());
+    EXPECT_TRUE(p.endpoint.caller.pending.empty());
 }
 
 TEST(WampCall, ResultThatDoesNotDecodeLeavesThroughThePump) {
@@ -210,24 +211,24 @@ TEST(WampCall, ResultThatDoesNotDecodeLeavesThroughThePump) {
     p.link.reply_last_result(std::string("not a number"));
     EXPECT_EQ(error_of([&] { p.pump(); }), "expecting integer value");
     EXPECT_TRUE(results.empty());
-    EXPECT_TRUE(p.server.caller.pending.empty());
+    EXPECT_TRUE(p.endpoint.caller.pending.empty());
 }
 
 TEST(WampCall, DefaultHandlerComplainsWhenTheAnswerArrives) {
     LoopbackPeer p;
-    p.server.caller.call(RPC<int>(clear_scene));
+    p.endpoint.caller.call(RPC<int>(clear_scene));
     p.link.reply_last_result(1);
     EXPECT_EQ(error_of([&] { p.pump(); }), "RPC onResult callback has not been set");
 }
 
 TEST(WampCall, FailedSendLeavesNothingPending) {
     LoopbackPeer p;
-    p.server.session.write = [](const uint8_t*, uint64_t) {
+    p.endpoint.session.write = [](const uint8_t*, uint64_t) {
         throw std::runtime_error("link down");
     };
     std::vector<RpcResult<int>> results;
     EXPECT_EQ(error_of([&] { p.peer.call<int>(keep(results), clear_scene); }), "link down");
-    EXPECT_TRUE(p.server.caller.pending.empty());
+    EXPECT_TRUE(p.endpoint.caller.pending.empty());
 }
 
 TEST(WampCall, EveryResultTypeRoundTrips) {
@@ -311,13 +312,13 @@ TEST(WampFailAll, CompletesEveryPendingCallOnceEvenWhenAHandlerThrows) {
     for (int i = 0; i < 3; ++i) p.peer.call<int>(record, clear_scene);
     p.peer.call<int>(thrower, clear_scene);
     for (int i = 0; i < 3; ++i) p.peer.call<int>(record, clear_scene);
-    ASSERT_EQ(p.server.caller.pending.size(), 7u);
+    ASSERT_EQ(p.endpoint.caller.pending.size(), 7u);
 
     // The ids are random, so the thrower may come anywhere: keep failing until all are done.
     int rounds = 0;
-    while (!p.server.caller.pending.empty() && rounds++ < 10) {
+    while (!p.endpoint.caller.pending.empty() && rounds++ < 10) {
         try {
-            p.server.caller.fail_all("qor.error.connection_lost");
+            p.endpoint.caller.fail_all("qor.error.connection_lost");
         } catch (const std::runtime_error& e) {
             EXPECT_EQ(std::string(e.what()), "handler failed");
         }
@@ -338,9 +339,9 @@ TEST(WampFailAll, CallsStartedByHandlersStayPending) {
     };
     p.peer.call<int>(retry, clear_scene);
     p.peer.call<int>(retry, clear_scene);
-    p.server.caller.fail_all("qor.error.connection_lost");
+    p.endpoint.caller.fail_all("qor.error.connection_lost");
     EXPECT_EQ(failed, 2);
-    EXPECT_EQ(p.server.caller.pending.size(), 2u);
+    EXPECT_EQ(p.endpoint.caller.pending.size(), 2u);
     EXPECT_TRUE(retried.empty());
     p.link.reply_last_result(8);
     p.pump();

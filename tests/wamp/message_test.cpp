@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "sample_messages.hpp"
-#include "wamp_test_util.hpp"
 
 using namespace qor::wamp;
 using namespace wamp_test;

@@ -5,10 +5,11 @@
 #include <string>
 #include <vector>
 
-#include "wamp_test_util.hpp"
+#include "support/testing.hpp"
 
 using namespace qor::wamp;
-using namespace wamp_test;
+using namespace test_support;
+namespace mp = qor::serialization::msgpack;
 
 namespace {
 

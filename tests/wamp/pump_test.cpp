@@ -5,11 +5,12 @@
 #include <string>
 #include <vector>
 
-#include "wamp_test_util.hpp"
+#include "support/testing.hpp"
 
 using namespace qor::wamp;
 using qor::wamp::testing::LoopbackConnection;
-using namespace wamp_test;
+using namespace test_support;
+namespace mp = qor::serialization::msgpack;
 
 namespace {
 
@@ -205,7 +206,7 @@ TEST(WampSessionLog, CallAndSubscribeLinesUseTheEndpointName) {
     CapturedLog log(spdlog::level::trace);
     LoopbackPeer p(log.logger.get());
     p.peer.call<int>([](RpcResult<int>) {}, clear_scene);
-    p.server.subscriber.subscribe("qor.server.update", [](const Message&) {}, {});
+    p.endpoint.subscriber.subscribe("qor.server.update", [](const Message&) {}, {});
     const std::string text = log.text();
     EXPECT_NE(text.find("trace [server] CALL procedure 'qor.server.operation.CLEAR_SCENE'\n"),
               std::string::npos)

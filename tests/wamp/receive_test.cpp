@@ -7,7 +7,6 @@
 #include <qor/serialization/msgpack/pack.hpp>
 
 #include "sample_messages.hpp"
-#include "wamp_test_util.hpp"
 
 using namespace qor::wamp;
 using namespace wamp_test;

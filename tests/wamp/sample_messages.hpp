@@ -7,11 +7,13 @@
 #include <string>
 #include <vector>
 
-#include "wamp_test_util.hpp"
+#include "support/testing.hpp"
 
 namespace wamp_test {
 
+namespace mp = qor::serialization::msgpack;
 using namespace qor::wamp;
+using namespace test_support;
 
 struct SerializeRow {
     const char* name;

@@ -8,11 +8,12 @@
 
 #include <dax/types.hpp>
 
-#include "wamp_test_util.hpp"
+#include "support/testing.hpp"
 
 using namespace qor::wamp;
 using qor::wamp::testing::LoopbackConnection;
-using namespace wamp_test;
+using namespace test_support;
+namespace mp = qor::serialization::msgpack;
 namespace types = dax::types;
 
 namespace {
@@ -61,7 +62,7 @@ TEST(WampSubscribe, OneSubscribePerTopicWithTheHandlerIdAsRequest) {
     EXPECT_EQ(
         bytes_of(p.link.written_bytes.back()),
         with(hex("94 20") + std::vector<uint8_t>{uint8_t(first)} + hex("80 B1"), update_topic));
-    const TopicEntry& topic = p.server.subscriber.topics.at(update_topic);
+    const TopicEntry& topic = p.endpoint.subscriber.topics.at(update_topic);
     EXPECT_EQ(topic.state, 0u);
     EXPECT_EQ(topic.subscription.value(), 1u);
     EXPECT_EQ(topic.handler_ids, (std::set<uint64_t>{first, second}));
@@ -79,10 +80,10 @@ TEST(WampSubscribe, StatusReachesPendingHandlersOnceAndLateJoinersAtOnce) {
     p.pump();
     EXPECT_EQ(a, (Status{{true, ""}}));
     EXPECT_EQ(b, (Status{{true, ""}}));
-    const TopicEntry& topic = p.server.subscriber.topics.at(update_topic);
+    const TopicEntry& topic = p.endpoint.subscriber.topics.at(update_topic);
     EXPECT_EQ(topic.state, 1u);
     EXPECT_EQ(topic.subscription.value(), 5000u);
-    EXPECT_TRUE(p.server.subscriber.pending_requests.empty());
+    EXPECT_TRUE(p.endpoint.subscriber.pending_requests.empty());
 
     const size_t written = p.link.written.size();
     p.peer.bind_publish<types::integration_result_t>(update_topic, count_into(values), into(late));
@@ -101,7 +102,7 @@ TEST(WampSubscribe, FailureIsStoredAndToldToEveryHandler) {
     p.link.refuse_subscription(update_topic, "wamp.error.not_authorized");
     p.pump();
     EXPECT_EQ(a, (Status{{false, "wamp.error.not_authorized"}}));
-    const TopicEntry& topic = p.server.subscriber.topics.at(update_topic);
+    const TopicEntry& topic = p.endpoint.subscriber.topics.at(update_topic);
     EXPECT_NE(topic.state, 0u);
     EXPECT_NE(topic.state, 1u);
     EXPECT_EQ(topic.error, "wamp.error.not_authorized");
@@ -198,7 +199,7 @@ TEST(WampSubscribe, RefusedTopicRaisesAndLeavesItsEntriesBehind) {
               }),
               "wamp topic 'wamp.custom'invalid, cannot start with 'wamp'");
     EXPECT_TRUE(p.link.written.empty());
-    Subscriber& s = p.server.subscriber;
+    Subscriber& s = p.endpoint.subscriber;
     ASSERT_EQ(s.handlers.size(), 1u);
     EXPECT_EQ(s.handlers.begin()->second.topic, "wamp.custom");
     ASSERT_EQ(s.topics.count("wamp.custom"), 1u);
@@ -216,19 +217,19 @@ TEST(WampSubscribe, ResubscribeSendsEveryTopicAgainAndKeepsHandlers) {
     Status status;
     const uint64_t id = p.peer.bind_publish<types::integration_result_t>(
         update_topic, count_into(values), into(status));
-    p.server.subscriber.subscribe("other", [](const Message&) {}, {});
+    p.endpoint.subscriber.subscribe("other", [](const Message&) {}, {});
     p.link.confirm_subscription(update_topic, Id(10));
     p.link.refuse_subscription("other", "wamp.error.x");
     p.pump();
     p.link.clear_written();
 
-    p.server.subscriber.resubscribe();
+    p.endpoint.subscriber.resubscribe();
     const std::vector<Message> sent = subscribes(p.link);
     ASSERT_EQ(sent.size(), 2u);
     EXPECT_EQ(sent[0].topic, "other");
     EXPECT_EQ(sent[1].topic, update_topic);
     EXPECT_EQ(sent[1].request.value(), id);
-    EXPECT_EQ(p.server.subscriber.topics.at(update_topic).state, 0u);
+    EXPECT_EQ(p.endpoint.subscriber.topics.at(update_topic).state, 0u);
 
     // Events for the old session's id no longer match; the new id does once confirmed.
     p.link.publish_event(Id(10), step(1));
@@ -284,7 +285,7 @@ TEST(WampBindDevice, WaitsForAnEndpointThenSubscribesThere) {
 TEST(WampBindDevice, FailedSubscriptionIsLoggedThroughThePeerLogger) {
     CapturedLog log(spdlog::level::trace);
     LoopbackPeer p(log.logger.get());
-    p.peer.serve_topic("art_frame", &p.server);
+    p.peer.serve_topic("art_frame", &p.endpoint);
     p.peer.bind_device<types::art_frame_t>("art_frame", [](const types::art_frame_t&) {});
     p.link.refuse_subscription("art_frame", "wamp.error.no_such_topic");
     p.pump();
@@ -295,7 +296,7 @@ TEST(WampBindDevice, FailedSubscriptionIsLoggedThroughThePeerLogger) {
 
     // Without a logger the failure is silent rather than a crash.
     LoopbackPeer quiet;
-    quiet.peer.serve_topic("art_frame", &quiet.server);
+    quiet.peer.serve_topic("art_frame", &quiet.endpoint);
     quiet.peer.bind_device<types::art_frame_t>("art_frame", [](const types::art_frame_t&) {});
     quiet.link.refuse_subscription("art_frame", "wamp.error.no_such_topic");
     EXPECT_NO_THROW(quiet.pump());
@@ -304,7 +305,7 @@ TEST(WampBindDevice, FailedSubscriptionIsLoggedThroughThePeerLogger) {
 TEST(WampBindDevice, RefusedTopicRaisesWhenTheBinderRunsAndDoesNotWaitAgain) {
     LoopbackPeer p;
     p.peer.bind_device<types::art_frame_t>("wampish", [](const types::art_frame_t&) {});
-    EXPECT_EQ(error_of([&] { p.peer.serve_topic("wampish", &p.server); }),
+    EXPECT_EQ(error_of([&] { p.peer.serve_topic("wampish", &p.endpoint); }),
               "wamp topic 'wampish'invalid, cannot start with 'wamp'");
     EXPECT_TRUE(p.peer.pending_device_bindings.empty());
     EXPECT_TRUE(p.link.written.empty());
@@ -327,5 +328,5 @@ TEST(WampSubscribe, RefusedBeforeTheServerIsConnected) {
               }),
               text);
     EXPECT_TRUE(p.link.written.empty());
-    EXPECT_TRUE(p.server.subscriber.handlers.empty());
+    EXPECT_TRUE(p.endpoint.subscriber.handlers.empty());
 }
