@@ -128,25 +128,6 @@ TEST_F(OperationsTest, SendSceneSwitchesBinaryFormAtItsBounds) {
     }
 }
 
-TEST_F(OperationsTest, AsynchronousFormDeliversValueOrErrorInsideThePump) {
-    std::vector<RpcResult<long long>> results;
-    client->CREATE_TRIMESH("m", 3, 1, 1, [&](RpcResult<long long> r) { results.push_back(r); });
-    net.link.reply_last_result(5000000000LL);
-    client->GET_TRIMESH_INFO(7LL, [](RpcResult<types::mesh_info_t>) {});
-    net.link.reply_last_error("qor.error.no_mesh");
-    client->CREATE_TRIMESH("m", 3, 1, 1, [&](RpcResult<long long> r) { results.push_back(r); });
-    net.link.reply_last_error("qor.error.bad_mesh");
-    EXPECT_TRUE(results.empty());  // nothing happens until the client is pumped
-
-    EXPECT_TRUE(client->full_update());
-    ASSERT_EQ(results.size(), 2u);
-    EXPECT_FALSE(results[0].isError);
-    EXPECT_EQ(results[0].value, 5000000000LL);
-    EXPECT_TRUE(results[1].isError);
-    EXPECT_EQ(results[1].error, "qor.error.bad_mesh");
-    EXPECT_EQ(results[1].value, 0);
-}
-
 TEST_F(OperationsTest, BlockingFormsReturnTheDecodedResult) {
     net.on_pass(1, [&] { net.link.reply_last_result(std::string("build 42")); });
     EXPECT_EQ(client->GET_SERVER_BUILD_NUMBER(), "build 42");

@@ -64,25 +64,12 @@ TEST_F(SceneTest, IdsAndClientIdsUseTheCompactIntegerForm) {
         int client_id;
         const char* encoded;  // the id, then the client id
     };
+    // The codec's tables pin every bound; these rows pin that the id goes as a 64-bit value
+    // and the client id as an int.
     const Row rows[] = {
-        {0, 0, "00 00"},
-        {127, 127, "7f 7f"},
         {128, 128, "cc80 cc80"},
-        {255, 255, "ccff ccff"},
-        {256, 256, "cd0100 cd0100"},
-        {65535, 65535, "cdffff cdffff"},
-        {65536, 65536, "ce00010000 ce00010000"},
-        {4294967295LL, 2147483647, "ceffffffff ce7fffffff"},
-        {4294967296LL, 0, "cf0000000100000000 00"},
-        {-1, -1, "ff ff"},
-        {-32, -32, "e0 e0"},
-        {-33, -33, "d0df d0df"},
-        {-127, -127, "d081 d081"},
-        // One step narrower than the format allows, on purpose.
         {-128, -128, "d1ff80 d1ff80"},
-        {-32767, -32767, "d18001 d18001"},
-        {-32768, -32768, "d2ffff8000 d2ffff8000"},
-        {-2147483648LL, -2147483647 - 1, "d280000000 d280000000"},
+        {4294967296LL, 0, "cf0000000100000000 00"},
         {-2147483649LL, 0, "d3ffffffff7fffffff 00"},
     };
     for (const Row& row : rows) {

@@ -10,6 +10,7 @@
 #include <map>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -29,30 +30,15 @@ namespace mp = serialization::msgpack;
 
 using test_support::TempFolder;
 
-inline void pack_arg(std::vector<uint8_t>& out, const std::string& v) {
-    mp::pack(out, v);
-}
-inline void pack_arg(std::vector<uint8_t>& out, const char* v) {
-    mp::pack(out, v);
-}
-inline void pack_arg(std::vector<uint8_t>& out, int v) {
-    mp::pack(out, v);
-}
-inline void pack_arg(std::vector<uint8_t>& out, long long v) {
-    mp::pack(out, v);
-}
-inline void pack_arg(std::vector<uint8_t>& out, bool v) {
-    mp::pack(out, v);
-}
-inline void pack_arg(std::vector<uint8_t>& out, double v) {
-    mp::pack(out, v);
-}
-inline void pack_arg(std::vector<uint8_t>& out, const mp::buffer& v) {
-    mp::pack(out, v);
-}
-template <class T, std::enable_if_t<dax::types::is_record_v<T>, int> = 0>
+template <class T>
 void pack_arg(std::vector<uint8_t>& out, const T& v) {
-    dax::types::pack(out, v);
+    if constexpr (dax::types::is_record_v<T>) {
+        dax::types::pack(out, v);
+    } else if constexpr (std::is_array_v<T>) {
+        mp::pack(out, static_cast<const char*>(v));  // a string literal
+    } else {
+        mp::pack(out, v);
+    }
 }
 
 /// Calls "qor.server.operation.NAME" with the given arguments, each packed as one value.

@@ -19,6 +19,7 @@
 
 #include <gtest/gtest.h>
 #include <spdlog/logger.h>
+#include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/ostream_sink.h>
 
 #include <qor/qor_client.hpp>
@@ -144,7 +145,9 @@ struct CapturedLog {
 
     explicit CapturedLog(spdlog::level::level_enum level) {
         auto sink = std::make_shared<spdlog::sinks::ostream_sink_mt>(lines);
-        sink->set_pattern("%l %v");
+        // Lines end in "\n" on every platform (spdlog ends them in "\r\n" on Windows).
+        sink->set_formatter(std::make_unique<spdlog::pattern_formatter>(
+            "%l %v", spdlog::pattern_time_type::local, std::string("\n")));
         logger = std::make_shared<spdlog::logger>("test", sink);
         logger->set_level(level);
     }

@@ -12,6 +12,7 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -42,6 +43,15 @@ inline std::string text_of(const msgpack::buffer& value) {
     std::string text;
     msgpack::read(in, text);
     return text;
+}
+
+/// An event handler that appends each event's one text argument to `into`.
+inline std::function<void(const qor::wamp::Message&)> strings_into(std::vector<std::string>& into) {
+    return [&into](const qor::wamp::Message& m) {
+        std::string value;
+        qor::wamp::IncomingMessage(m).fillArgsNS(value);
+        into.push_back(value);
+    };
 }
 
 /// Pumps `peer` until `done()` or `limit`; true when `done()` became true.

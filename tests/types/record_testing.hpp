@@ -48,12 +48,7 @@ T decode(const std::vector<uint8_t>& bytes, uint64_t* consumed = nullptr) {
 template <class T>
 std::string read_error(const std::vector<uint8_t>& bytes, T& target) {
     mp::ReadBuffer in(bytes.data(), bytes.size());
-    try {
-        dax::types::read(in, target);
-    } catch (const std::runtime_error& e) {
-        return e.what();
-    }
-    return "";
+    return test_support::error_of([&] { dax::types::read(in, target); });
 }
 template <class T>
 std::string read_error(const std::vector<uint8_t>& bytes) {
