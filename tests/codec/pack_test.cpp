@@ -230,16 +230,6 @@ TEST(PackErrors, FailureInsideAContainerKeepsWhatWasWritten) {
     EXPECT_EQ(to_hex(out), "93 a1 61");
 }
 
-TEST(PackBuffer, AppendsToExistingBytesAndGrowTailReturnsTheOldEnd) {
-    std::vector<uint8_t> out{0x01, 0x02};
-    EXPECT_EQ(msgpack::grow_tail(out, 0), 2u);
-    EXPECT_EQ(out.size(), 2u);
-    EXPECT_EQ(msgpack::grow_tail(out, 3), 2u);
-    EXPECT_EQ(to_hex(out), "01 02 00 00 00");
-    msgpack::pack(out, 5);
-    EXPECT_EQ(to_hex(out), "01 02 00 00 00 05");
-}
-
 TEST(PackRuns, VectorsOfNumbersGiveTheSameBytesAsOneValueAtATime) {
     std::vector<int64_t> longs;
     for (const auto& row : signed_rows) longs.push_back(int64_t(row.value));

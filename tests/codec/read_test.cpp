@@ -258,33 +258,6 @@ TEST(ReadContainer, CountErrorsConsumeOnlyTheHeader) {
               "reading struct : wrong number of fields. 4294967296 fields in message, 0 in struct");
 }
 
-TEST(ReadBuffer, ReadersLeaveTheCursorBehindEachValueForTheNext) {
-    const auto bytes = hex("01 a1 61 cb 3f f0 00 00 00 00 00 00 c3 c4 01 ff");
-    msgpack::ReadBuffer in(bytes.data(), bytes.size());
-    int i = 0;
-    std::string s;
-    double d = 0;
-    bool b = false;
-    msgpack::buffer blob;
-    msgpack::read(in, i);
-    msgpack::read(in, s);
-    msgpack::read(in, d);
-    msgpack::read(in, b);
-    msgpack::read(in, blob);
-    EXPECT_EQ(i, 1);
-    EXPECT_EQ(s, "a");
-    EXPECT_EQ(d, 1.0);
-    EXPECT_TRUE(b);
-    EXPECT_EQ(blob, msgpack::buffer(hex("ff")));
-    EXPECT_EQ(in.remaining(), 0u);
-
-    const msgpack::buffer block(bytes);
-    msgpack::ReadBuffer over_block(block);
-    EXPECT_EQ(over_block.data, block.data);
-    EXPECT_EQ(over_block.size, bytes.size());
-    EXPECT_EQ(over_block.position, 0u);
-}
-
 TEST(ReadRuns, VectorsOfNumbersAcceptEveryFormAndStopAtTheFailingValue) {
     const auto ints =
         hex("96 00 ff cc 80 d1 ff 80 cf 00 00 00 01 00 00 00 05 d3 ff ff ff ff ff ff ff fe");
