@@ -17,7 +17,6 @@
 #include <spdlog/spdlog.h>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/post.hpp>
-#include <boost/asio/ssl/context.hpp>
 #include <boost/asio/steady_timer.hpp>
 
 #include <qor/router/detail/accept.hpp>
@@ -80,7 +79,7 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
 
     asio::io_context io;
     std::optional<asio::executor_work_guard<asio::io_context::executor_type>> work;
-    std::optional<asio::ssl::context> tls;
+    std::shared_ptr<detail::TlsContext> tls;
     std::unique_ptr<tcp::acceptor> rs_acceptor;
     std::unique_ptr<tcp::acceptor> ws_acceptor;
     std::atomic<uint16_t> rs_port{0};
@@ -178,7 +177,7 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
         });
         detail::AcceptSettings settings;
         settings.framing = framing;
-        settings.tls_context = tls ? &*tls : nullptr;
+        settings.tls_context = tls.get();
         settings.max_message_size = options.max_message_size;
         if (framing == transport::detail::Framing::websocket) settings.http = options.http;
         settings.refuse = refuse;
@@ -489,15 +488,10 @@ void Server::start() {
     Impl& s = *impl_;
     if (s.running) throw std::logic_error("transport server: already started");
     if (!s.options.tls_certificate_file.empty() || !s.options.tls_private_key_file.empty()) {
-        s.tls.emplace(asio::ssl::context::tls_server);
-        try {
-            s.tls->use_certificate_chain_file(s.options.tls_certificate_file);
-            s.tls->use_private_key_file(s.options.tls_private_key_file, asio::ssl::context::pem);
-        } catch (const std::exception& e) {
-            throw std::runtime_error(std::string("transport server: cannot load TLS certificate "
-                                                 "or key: ") +
-                                     e.what());
-        }
+        std::string cause;
+        s.tls = detail::server_tls_context(s.options.tls_certificate_file,
+                                           s.options.tls_private_key_file, cause);
+        if (!s.tls) throw std::runtime_error("transport server: " + cause);
     }
     if (s.options.rawsocket) s.listen(s.rs_acceptor, s.options.rawsocket_port, s.rs_port);
     if (s.options.websocket) s.listen(s.ws_acceptor, s.options.websocket_port, s.ws_port);

@@ -8,7 +8,6 @@
 #include <thread>
 
 #include <spdlog/spdlog.h>
-#include <boost/asio/ssl/context.hpp>
 
 #include <qor/serialization/msgpack.hpp>
 #include <qor/transport/detail/channel.hpp>
@@ -42,7 +41,7 @@ struct Endpoint::Impl {
     wamp::Client* client = nullptr;
 
     asio::io_context io;
-    std::optional<asio::ssl::context> tls;
+    std::shared_ptr<detail::TlsContext> tls;
     std::shared_ptr<detail::Opening> opening;
     std::shared_ptr<detail::Channel> channel;
     std::deque<msgpack::buffer> inbox;
@@ -73,16 +72,9 @@ struct Endpoint::Impl {
         owned_client = std::make_unique<wamp::Client>(options.name, options.logger);
         client = owned_client.get();
         if (url.tls) {
-            tls.emplace(asio::ssl::context::tls_client);
-            boost::system::error_code ec;
-            if (options.tls_ca_file.empty())
-                tls->set_default_verify_paths(ec);
-            else
-                tls->load_verify_file(options.tls_ca_file, ec);
-            if (ec)
-                throw std::runtime_error("cannot connect to '" + url_text +
-                                         "': TLS error: cannot load CA file '" +
-                                         options.tls_ca_file + "': " + ec.message());
+            std::string cause;
+            tls = detail::client_tls_context(options.tls_ca_file, cause);
+            if (!tls) throw std::runtime_error("cannot connect to '" + url_text + "': " + cause);
         }
         client->session.write = [this](const uint8_t* data, uint64_t size) { write(data, size); };
     }
@@ -146,7 +138,7 @@ struct Endpoint::Impl {
         settings.port = url.port;
         settings.path = url.path;
         settings.max_message_size = options.max_message_size;
-        settings.tls_context = tls ? &*tls : nullptr;
+        settings.tls_context = tls.get();
         settings.verify_peer = options.tls_verify;
         tell(LinkState::connecting, "");
         opening = detail::open_client(

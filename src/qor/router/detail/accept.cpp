@@ -44,7 +44,7 @@ class ServerHandshake final : public Handshake<T>,
           http_(settings.http),
           refuse_(settings.refuse) {}
 
-    void run() { this->start(ssl::stream_base::server, this->shared_from_this()); }
+    void run() { this->start(Side::server, this->shared_from_this()); }
 
   private:
     void framing() override {
@@ -218,5 +218,26 @@ std::shared_ptr<Opening> accept_server(tcp::socket socket, const AcceptSettings&
     });
     return result;
 }
+
+#if QOR_HAVE_TLS
+std::shared_ptr<TlsContext> server_tls_context(const std::string& certificate_file,
+                                               const std::string& key_file, std::string& error) {
+    auto tls = std::make_shared<TlsContext>(TlsContext::tls_server);
+    try {
+        tls->use_certificate_chain_file(certificate_file);
+        tls->use_private_key_file(key_file, TlsContext::pem);
+    } catch (const std::exception& e) {
+        error = std::string("cannot load TLS certificate or key: ") + e.what();
+        return nullptr;
+    }
+    return tls;
+}
+#else
+std::shared_ptr<TlsContext> server_tls_context(const std::string&, const std::string&,
+                                               std::string& error) {
+    error = "TLS is not available in this build";
+    return nullptr;
+}
+#endif
 
 }  // namespace qor::router::detail

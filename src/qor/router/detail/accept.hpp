@@ -16,11 +16,17 @@ using transport::detail::Channel;
 using transport::detail::Framing;
 using transport::detail::Opening;
 using transport::detail::tcp;
+using transport::detail::TlsContext;
+
+/// A server context with a PEM certificate chain and key; null with the cause in `error`
+/// ("TLS is not available in this build" without TLS).
+std::shared_ptr<TlsContext> server_tls_context(const std::string& certificate_file,
+                                               const std::string& key_file, std::string& error);
 
 /// What an accepting server needs.
 struct AcceptSettings {
     Framing framing = Framing::rawsocket;
-    boost::asio::ssl::context* tls_context = nullptr;  ///< non-null: TLS first
+    TlsContext* tls_context = nullptr;  ///< non-null: TLS first
     uint32_t max_message_size = 1u << 24;
     /// WebSocket only: answers requests that do not ask for an upgrade; unset, they get 400.
     transport::HttpHandler http;

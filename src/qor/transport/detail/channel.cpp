@@ -359,15 +359,17 @@ std::shared_ptr<Channel> rawsocket_channel(std::unique_ptr<tcp::socket> stream, 
                                            uint32_t max_out) {
     return std::make_shared<RawSocketChannel<tcp::socket>>(std::move(stream), max_in, max_out);
 }
+std::shared_ptr<Channel> websocket_channel(std::unique_ptr<WsPlain> stream) {
+    return std::make_shared<WebSocketChannel<Coalescing<tcp::socket>>>(std::move(stream));
+}
+#if QOR_HAVE_TLS
 std::shared_ptr<Channel> rawsocket_channel(std::unique_ptr<TlsStream> stream, uint32_t max_in,
                                            uint32_t max_out) {
     return std::make_shared<RawSocketChannel<TlsStream>>(std::move(stream), max_in, max_out);
 }
-std::shared_ptr<Channel> websocket_channel(std::unique_ptr<WsPlain> stream) {
-    return std::make_shared<WebSocketChannel<Coalescing<tcp::socket>>>(std::move(stream));
-}
 std::shared_ptr<Channel> websocket_channel(std::unique_ptr<WsTls> stream) {
     return std::make_shared<WebSocketChannel<Coalescing<TlsStream>>>(std::move(stream));
 }
+#endif
 
 }  // namespace qor::transport::detail

@@ -8,7 +8,9 @@
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#if QOR_HAVE_TLS
 #include <boost/asio/ssl/context.hpp>
+#endif
 
 // Message-oriented links over RawSocket or WebSocket, plain or TLS, on one io_context. The
 // client and the router side share them; everything here runs on the thread that runs the
@@ -19,6 +21,18 @@ namespace asio = boost::asio;
 using tcp = asio::ip::tcp;
 
 enum class Framing { rawsocket, websocket };
+
+// TLS is built in only where OpenSSL was found for the target; elsewhere no context can be
+// made and every TLS pointer below stays null.
+#if QOR_HAVE_TLS
+using TlsContext = asio::ssl::context;
+#else
+class TlsContext;
+#endif
+
+/// A client context trusting `ca_file` (empty: the system store); null with the cause in
+/// `error` when it cannot be made ("TLS is not available in this build" without TLS).
+std::shared_ptr<TlsContext> client_tls_context(const std::string& ca_file, std::string& error);
 
 /// An open link that carries whole WAMP messages.
 class Channel {
@@ -71,7 +85,7 @@ struct ClientSettings {
     std::string port;
     std::string path = "/";                     ///< WebSocket request target
     uint32_t max_message_size = 1u << 24;       ///< larger incoming messages end the link
-    asio::ssl::context* tls_context = nullptr;  ///< required when `tls`
+    TlsContext* tls_context = nullptr;          ///< required when `tls`
     bool verify_peer = true;
 };
 

@@ -29,6 +29,7 @@ class ClientHandshake final : public Handshake<T>,
           path_(settings.path) {}
 
     void run(bool verify) {
+#if QOR_HAVE_TLS
         if constexpr (is_tls<T>::value) {
             TlsStream& tls = tls_layer(*this->stream_);
             // SNI, and the name the certificate must carry when verifying.
@@ -40,7 +41,10 @@ class ClientHandshake final : public Handshake<T>,
                 tls.set_verify_mode(ssl::verify_none);
             }
         }
-        this->start(ssl::stream_base::client, this->shared_from_this());
+#else
+        (void)verify;
+#endif
+        this->start(Side::client, this->shared_from_this());
     }
 
   private:
@@ -187,5 +191,26 @@ std::shared_ptr<Opening> open_client(asio::io_context& io, const ClientSettings&
     opening->run();
     return opening;
 }
+
+#if QOR_HAVE_TLS
+std::shared_ptr<TlsContext> client_tls_context(const std::string& ca_file, std::string& error) {
+    auto tls = std::make_shared<TlsContext>(TlsContext::tls_client);
+    error_code ec;
+    if (ca_file.empty())
+        tls->set_default_verify_paths(ec);
+    else
+        tls->load_verify_file(ca_file, ec);
+    if (ec) {
+        error = "TLS error: cannot load CA file '" + ca_file + "': " + ec.message();
+        return nullptr;
+    }
+    return tls;
+}
+#else
+std::shared_ptr<TlsContext> client_tls_context(const std::string&, std::string& error) {
+    error = "TLS is not available in this build";
+    return nullptr;
+}
+#endif
 
 }  // namespace qor::transport::detail
