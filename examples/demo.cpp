@@ -1,12 +1,13 @@
 // qor-demo: a tour of the SDK against a simulation server.
 //
 // Without --url it starts the reference server (qor-sim-server, built beside it) on free
-// ports and stops it at the end. It loads the rigid-body plug-in, builds a small scene
-// (ground, a stack of boxes, a ball and a mesh body), steps it with sync_step and then lets
-// the server run it, prints the heights of a few bodies over time, saves and reloads the
-// scene, shows one frame of each simulated device, and shuts down. The heights also go to an
-// SVG chart in the current folder. The server's browser viewer shows the scene live; with
-// --view the demo keeps the scene running after the table until Ctrl-C, for a person to watch.
+// ports and stops it at the end (not on Windows, where it needs --url). It loads the
+// rigid-body plug-in, builds a small scene (ground, a stack of boxes, a ball and a mesh body),
+// steps it with sync_step and then lets the server run it, prints the heights of a few bodies
+// over time, saves and reloads the scene, shows one frame of each simulated device, and shuts
+// down. The heights also go to an SVG chart in the current folder. The server's browser viewer
+// shows the scene live; with --view the demo keeps the scene running after the table until
+// Ctrl-C, for a person to watch.
 
 #include <atomic>
 #include <chrono>
@@ -24,18 +25,16 @@
 #include <thread>
 #include <vector>
 
-#include <unistd.h>
-
 #include <spdlog/sinks/stdout_color_sinks.h>
 #include <spdlog/spdlog.h>
 
 #include <dax/client.hpp>
-#include <qor/launch/server_process.hpp>
 #include <qor/qor_client.hpp>
 #include <qor/transport/connect.hpp>
 #include <rigid_body/components.hpp>
 
 #include "chart.hpp"
+#include "demo_platform.hpp"
 
 namespace {
 
@@ -71,7 +70,7 @@ Args parse(int argc, char** argv) {
         else if (k == "--help" || k == "-h") {
             std::cout << "usage: qor-demo [--url rs://host:port | ws://host:port] [--realm R]"
                          " [--ticket SECRET --authid ID] [--view]\n"
-                         "Without --url the demo starts qor-sim-server itself.\n"
+                         "Without --url the demo starts qor-sim-server itself (not on Windows).\n"
                          "--view keeps the scene running after the table until Ctrl-C, to watch\n"
                          "it in the viewer whose address the demo prints.\n";
             std::exit(0);
@@ -85,7 +84,7 @@ Args parse(int argc, char** argv) {
 // One line that redraws itself on a terminal: "label [#####.....] 12/24". Piped output gets
 // the finished line only.
 void progress(const std::string& label, int done, int total) {
-    static const bool terminal = ::isatty(STDOUT_FILENO) != 0;
+    static const bool terminal = stdout_is_terminal();
     if (!terminal && done < total) return;
     const int width = 30;
     const int filled = total > 0 ? done * width / total : width;
@@ -219,22 +218,11 @@ int run(const Args& args) {
     auto logger = spdlog::stdout_color_mt("logger");
     logger->set_level(spdlog::level::warn);
 
-    std::unique_ptr<qor::launch::ServerProcess> server;
+    std::unique_ptr<LocalServer> server;
     std::string url = args.url;
-    std::filesystem::path data_dir;
     if (url.empty()) {
-        data_dir =
-            std::filesystem::temp_directory_path() / ("qor-demo-" + std::to_string(::getpid()));
-        std::filesystem::create_directories(data_dir);
-        qor::launch::LaunchOptions launch;
-        launch.executable = qor::launch::executable_folder() + "/qor-sim-server";
-        launch.args = {"--data-dir", data_dir.string(), "--devices", "30"};
-        launch.log_path = (data_dir / "server.log").string();
-        std::printf("Starting %s\n", launch.executable.c_str());
-        server = std::make_unique<qor::launch::ServerProcess>(launch);
-        url = server->rawsocket_url();
-        std::printf("  listening on %s and %s (log: %s)\n", url.c_str(),
-                    server->websocket_url().c_str(), launch.log_path.c_str());
+        server = start_local_server();
+        url = server->url();
     }
     const std::string viewer = viewer_url(server ? server->websocket_url() : url);
     if (!viewer.empty()) std::printf("  viewer: open %s in a browser\n", viewer.c_str());
@@ -376,14 +364,7 @@ int run(const Args& args) {
             }
         }
     }
-    if (server) {
-        const int code = server->wait(std::chrono::milliseconds(5000));
-        std::printf("  qor-sim-server exited with code %d\n", code);
-        server.reset();
-        std::error_code ec;
-        std::filesystem::remove_all(data_dir, ec);
-        if (code != 0) return 1;
-    }
+    if (server && server->finish() != 0) return 1;
     std::printf("Done.\n");
     return 0;
 }

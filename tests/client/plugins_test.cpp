@@ -14,6 +14,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <spdlog/sinks/ostream_sink.h>
+#include <spdlog/pattern_formatter.h>
 #include <spdlog/spdlog.h>
 
 #include <dax/client.hpp>
@@ -29,11 +30,42 @@ namespace fs = std::filesystem;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
+// How this platform names libraries and reports a file that is no library; quoting for the
+// command interpreter that runs the probe.
+#ifdef _WIN32
+const std::string kLibPrefix = "", kLibExt = ".dll";
+const std::string kNotALibraryCode = "error code 193";  // ERROR_BAD_EXE_FORMAT
+const char kQuote = '"';
+// cmd.exe drops the first and the last quote of its command line: give it an outer pair.
+std::string for_shell(const std::string& command) {
+    return '"' + command + '"';
+}
+#else
+const std::string kLibPrefix = "lib", kLibExt = ".so";
+const std::string kNotALibraryCode = "error code ";  // dlerror's text follows
+const char kQuote = '\'';
+std::string for_shell(const std::string& command) {
+    return command;
+}
+#endif
+
+/// The file name of library `name` on this platform.
+std::string lib(const std::string& name) {
+    return kLibPrefix + name + kLibExt;
+}
+
+std::string quoted(const fs::path& path) {
+    return kQuote + path.string() + kQuote;
+}
+
 /// A scratch folder that plug-ins and stand-in files are put into.
 class ScratchFolder : public test_support::TempFolder {
   public:
     /// Creates a file with some text in it (not a loadable library).
     void touch(const std::string& name) const { std::ofstream(path() / name) << "not a library"; }
+    /// Copies the SDK's own library in under its plain name. On Windows a program loads the
+    /// DLLs beside it first, so this must be the real library, not a stand-in.
+    void add_sdk() const { fs::copy_file(CLIENT_TEST_SDK_LIBRARY, path() / lib("qor_sdk_cpp")); }
     /// Copies a built test plug-in in under another file name.
     void add_plugin(const std::string& built, const std::string& as) const {
         fs::path from = fs::path(CLIENT_TEST_PLUGIN_DIR) / built;
@@ -57,13 +89,13 @@ struct ProbeRun {
 
 /// Copies the probe program into `folder` and runs it there.
 ProbeRun run_probe(const ScratchFolder& folder, const std::string& args = "--stderr-logger") {
-    const fs::path probe = folder.path() / "client_probe";
+    const fs::path probe = folder.path() / fs::path(CLIENT_TEST_PROBE).filename();
     fs::copy_file(CLIENT_TEST_PROBE, probe, fs::copy_options::overwrite_existing);
-    const std::string command = "'" + probe.string() + "' " + args + " > '" +
-                                (folder.path() / "out.txt").string() + "' 2> '" +
-                                (folder.path() / "err.txt").string() + "'";
+    const std::string command = quoted(probe) + " " + args + " > " +
+                                quoted(folder.path() / "out.txt") + " 2> " +
+                                quoted(folder.path() / "err.txt");
     ProbeRun run;
-    run.status = std::system(command.c_str());
+    run.status = std::system(for_shell(command).c_str());
     run.out = slurp(folder.path() / "out.txt");
     run.err = slurp(folder.path() / "err.txt");
     return run;
@@ -74,27 +106,28 @@ const std::string kStart = "Create the client \n[Client] Search plugins: \n";
 // ---- folder helpers ----------------------------------------------------------------------
 
 TEST(PluginFolders, PlatformNamingAndExecutableFolder) {
-    EXPECT_EQ(dax::plugins::get_lib_prefix(), "lib");
-    EXPECT_EQ(dax::plugins::get_lib_ext(), ".so");
-    EXPECT_EQ(dax::plugins::get_executable_folder(), fs::canonical(CLIENT_TEST_RUN_DIR).string());
+    EXPECT_EQ(dax::plugins::get_lib_prefix(), kLibPrefix);
+    EXPECT_EQ(dax::plugins::get_lib_ext(), kLibExt);
+    EXPECT_TRUE(fs::equivalent(dax::plugins::get_executable_folder(), CLIENT_TEST_RUN_DIR));
 }
 
 TEST(PluginFolders, ListsOnlyMatchingLibrariesWithoutPrefixAndExtension) {
     ScratchFolder dir;
-    for (const char* name : {"libqor_b_sdk_cpp.so", "libqor_sdk_cpp.so", "libqor_a_sdk_cpp.so",
-                             "libqor_c_sdk_cpp.so.1", "libqor_d_sdk_cpp.txt", "libother_sdk_cpp.so",
-                             "qor_e_sdk_cpp.so", "libqor_f_sdk_cpp_x.so", "libQOR_g_sdk_cpp.so"}) {
+    for (const std::string& name :
+         {lib("qor_b_sdk_cpp"), lib("qor_sdk_cpp"), lib("qor_a_sdk_cpp"), lib("qor_c_sdk_cpp") + ".1",
+          lib("qor_d_sdk_cpp") + ".txt", lib("other_sdk_cpp"), "x" + lib("qor_e_sdk_cpp"),
+          lib("qor_f_sdk_cpp_x"), lib("QOR_g_sdk_cpp")}) {
         dir.touch(name);
     }
-    fs::create_directory(dir.path() / "libqor_dir_sdk_cpp.so");  // a folder is no library
+    fs::create_directory(dir.path() / lib("qor_dir_sdk_cpp"));  // a folder is no library
     EXPECT_EQ(dax::plugins::get_plugins(dir.path().string(), "qor_", "sdk_cpp"),
               (std::vector<std::string>{"qor_a_sdk_cpp", "qor_b_sdk_cpp", "qor_sdk_cpp"}));
 }
 
 TEST(PluginFolders, PrefixAndSuffixMayNotShareCharacters) {
     ScratchFolder dir;
-    dir.touch("libabc.so");
-    dir.touch("libabbc.so");
+    dir.touch(lib("abc"));
+    dir.touch(lib("abbc"));
     EXPECT_EQ(dax::plugins::get_plugins(dir.path().string(), "ab", "bc"),
               std::vector<std::string>{"abbc"});
 }
@@ -115,7 +148,9 @@ class CapturedLogger {
         spdlog::drop("logger");
         auto sink = std::make_shared<spdlog::sinks::ostream_sink_mt>(text_);
         logger_ = std::make_shared<spdlog::logger>("logger", sink);
-        logger_->set_pattern("%l|%v");
+        // Lines end in "\n" on every platform (spdlog ends them in "\r\n" on Windows).
+        logger_->set_formatter(std::make_unique<spdlog::pattern_formatter>(
+            "%l|%v", spdlog::pattern_time_type::local, std::string("\n")));
         spdlog::register_logger(logger_);
     }
     ~CapturedLogger() { spdlog::drop("logger"); }
@@ -131,33 +166,33 @@ using Handler = dax::plugins::PluginHandler<dax::client::IModuleFactory>;
 TEST(PluginHandler, ReportsEachFailureNamingTheFileOnly) {
     CapturedLogger log;
     ScratchFolder dir;
-    dir.touch("libqor_broken_sdk_cpp.so");
-    dir.add_plugin("libqor_test_noinit_sdk_cpp.so", "libqor_noinit_sdk_cpp.so");
-    dir.add_plugin("libqor_test_noname_sdk_cpp.so", "libqor_noname_sdk_cpp.so");
+    dir.touch(lib("qor_broken_sdk_cpp"));
+    dir.add_plugin(lib("qor_test_noinit_sdk_cpp"), lib("qor_noinit_sdk_cpp"));
+    dir.add_plugin(lib("qor_test_noname_sdk_cpp"), lib("qor_noname_sdk_cpp"));
     const std::string folder = dir.path().string();
     Handler handler;
     std::string name = "stale";
 
     EXPECT_FALSE(handler.load(folder, "qor_missing_sdk_cpp", name));
-    EXPECT_EQ(log.lines(), "error|[Server] Could not find plugin libqor_missing_sdk_cpp.so\n");
+    EXPECT_EQ(log.lines(), "error|[Server] Could not find plugin " + lib("qor_missing_sdk_cpp") + "\n");
 
     EXPECT_FALSE(handler.load(folder, "qor_broken_sdk_cpp", name));
     EXPECT_THAT(log.lines(),
-                HasSubstr("error|[Server] Failed to load plugin libqor_broken_sdk_cpp.so: "
-                          "error code "));
+                HasSubstr("error|[Server] Failed to load plugin " + lib("qor_broken_sdk_cpp") + ": " +
+                          kNotALibraryCode));
     EXPECT_EQ(handler.loaded_count(), 0u);
 
     ::testing::internal::CaptureStderr();
     EXPECT_FALSE(handler.load(folder, "qor_noname_sdk_cpp", name));
     EXPECT_EQ(::testing::internal::GetCapturedStderr(),
-              "Failed initializing libqor_noname_sdk_cpp.so: unknown plugin name\n");
+              "Failed initializing " + lib("qor_noname_sdk_cpp") + ": unknown plugin name\n");
     EXPECT_EQ(name, "");
     EXPECT_EQ(handler.loaded_count(), 1u);  // stays loaded until the end
 
     EXPECT_FALSE(handler.load(folder, "qor_noinit_sdk_cpp", name));
     EXPECT_THAT(
         log.lines(),
-        HasSubstr("error|[Server] Failed initializing plugin : libqor_noinit_sdk_cpp.so\n"));
+        HasSubstr("error|[Server] Failed initializing plugin : " + lib("qor_noinit_sdk_cpp") + "\n"));
     EXPECT_EQ(name, "twin");  // the name from "GetName" is kept
     EXPECT_EQ(handler.loaded_count(), 2u);
     EXPECT_TRUE(handler.factory_table().table().empty());
@@ -168,8 +203,8 @@ TEST(PluginHandler, ReportsEachFailureNamingTheFileOnly) {
 
 TEST(PluginHandler, GoodPluginRegistersItsCreatorUntilUnloaded) {
     ScratchFolder dir;
-    dir.add_plugin("libqor_test_good_sdk_cpp.so", "libqor_good_sdk_cpp.so");
-    dir.add_plugin("libqor_test_throw_sdk_cpp.so", "libqor_throw_sdk_cpp.so");
+    dir.add_plugin(lib("qor_test_good_sdk_cpp"), lib("qor_good_sdk_cpp"));
+    dir.add_plugin(lib("qor_test_throw_sdk_cpp"), lib("qor_throw_sdk_cpp"));
     Handler handler;
     std::string name;
     ASSERT_TRUE(handler.load(dir.path().string(), "qor_good_sdk_cpp", name));
@@ -207,7 +242,7 @@ TEST(PluginHandler, GoodPluginRegistersItsCreatorUntilUnloaded) {
 
 TEST(ClientConstruction, FolderWithOnlyTheSdkPrintsTheTwoLinesAndSubscribes) {
     ScratchFolder dir;
-    dir.touch("libqor_sdk_cpp.so");  // skipped by name: loading it would have failed loudly
+    dir.add_sdk();  // skipped by name: as a plug-in it would be reported ("unknown plugin name")
     const ProbeRun run = run_probe(dir);
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(run.out, kStart +
@@ -219,20 +254,21 @@ TEST(ClientConstruction, FolderWithOnlyTheSdkPrintsTheTwoLinesAndSubscribes) {
 
 TEST(ClientConstruction, OnlyTheExactOwnNameIsSkipped) {
     ScratchFolder dir;
-    dir.touch("libqor_sdk_cpp.so");
-    dir.touch("libqor_xsdk_cpp.so");
+    dir.add_sdk();
+    dir.touch(lib("qor_xsdk_cpp"));
     const ProbeRun run = run_probe(dir);
     EXPECT_EQ(run.status, 0);
     EXPECT_THAT(run.err,
-                HasSubstr("[Server] Failed to load plugin libqor_xsdk_cpp.so: error code "));
-    EXPECT_THAT(run.err, ::testing::Not(HasSubstr("libqor_sdk_cpp.so")));
+                HasSubstr("[Server] Failed to load plugin " + lib("qor_xsdk_cpp") + ": " +
+                          kNotALibraryCode));
+    EXPECT_THAT(run.err, ::testing::Not(HasSubstr(lib("qor_sdk_cpp"))));
     EXPECT_THAT(run.out, HasSubstr("probe: factories=0 bindings=29 timeout=1000 version=-1\n"));
 }
 
 TEST(ClientConstruction, GoodPluginIsAnnouncedAndItsFactoriesUsed) {
     ScratchFolder dir;
-    dir.touch("libqor_sdk_cpp.so");
-    dir.add_plugin("libqor_test_good_sdk_cpp.so", "libqor_good_sdk_cpp.so");
+    dir.add_sdk();
+    dir.add_plugin(lib("qor_test_good_sdk_cpp"), lib("qor_good_sdk_cpp"));
     const ProbeRun run = run_probe(dir, "--stderr-logger --create Counter");
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(run.out, kStart +
@@ -246,8 +282,8 @@ TEST(ClientConstruction, GoodPluginIsAnnouncedAndItsFactoriesUsed) {
 
 TEST(ClientConstruction, ThrowingPluginStopsTheSearchAndTheSubscriptions) {
     ScratchFolder dir;
-    dir.add_plugin("libqor_test_throw_sdk_cpp.so", "libqor_1throw_sdk_cpp.so");
-    dir.add_plugin("libqor_test_good_sdk_cpp.so", "libqor_2good_sdk_cpp.so");
+    dir.add_plugin(lib("qor_test_throw_sdk_cpp"), lib("qor_1throw_sdk_cpp"));
+    dir.add_plugin(lib("qor_test_good_sdk_cpp"), lib("qor_2good_sdk_cpp"));
     const ProbeRun run = run_probe(dir);
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(run.err, "[Client] * Failed to load plugin " + dir.path().string() +
@@ -261,20 +297,20 @@ TEST(ClientConstruction, ThrowingPluginStopsTheSearchAndTheSubscriptions) {
 
 TEST(ClientConstruction, NamelessPluginIsReportedAndTheSearchGoesOn) {
     ScratchFolder dir;
-    dir.add_plugin("libqor_test_noname_sdk_cpp.so", "libqor_1noname_sdk_cpp.so");
-    dir.add_plugin("libqor_test_good_sdk_cpp.so", "libqor_2good_sdk_cpp.so");
+    dir.add_plugin(lib("qor_test_noname_sdk_cpp"), lib("qor_1noname_sdk_cpp"));
+    dir.add_plugin(lib("qor_test_good_sdk_cpp"), lib("qor_2good_sdk_cpp"));
     const ProbeRun run = run_probe(dir);
     EXPECT_EQ(run.status, 0);
-    EXPECT_EQ(run.err, "Failed initializing libqor_1noname_sdk_cpp.so: unknown plugin name\n");
+    EXPECT_EQ(run.err, "Failed initializing " + lib("qor_1noname_sdk_cpp") + ": unknown plugin name\n");
     EXPECT_THAT(run.out, HasSubstr("[Client] * Loaded plugin test_good (Body and Counter)\n"));
     EXPECT_THAT(run.out, HasSubstr("factories=2 bindings=29"));
 }
 
 TEST(ClientConstruction, PluginsSharingANameUseWhateverTheTableHoldsAtEachLoad) {
     ScratchFolder dir;
-    dir.add_plugin("libqor_test_twin_a_sdk_cpp.so", "libqor_1twin_sdk_cpp.so");
-    dir.add_plugin("libqor_test_noinit_sdk_cpp.so", "libqor_2twin_sdk_cpp.so");
-    dir.add_plugin("libqor_test_twin_b_sdk_cpp.so", "libqor_3twin_sdk_cpp.so");
+    dir.add_plugin(lib("qor_test_twin_a_sdk_cpp"), lib("qor_1twin_sdk_cpp"));
+    dir.add_plugin(lib("qor_test_noinit_sdk_cpp"), lib("qor_2twin_sdk_cpp"));
+    dir.add_plugin(lib("qor_test_twin_b_sdk_cpp"), lib("qor_3twin_sdk_cpp"));
     const ProbeRun run = run_probe(dir);
     EXPECT_EQ(run.status, 0);
     // The second library has no "PluginInit", yet its name finds the first one's function.
@@ -285,12 +321,12 @@ TEST(ClientConstruction, PluginsSharingANameUseWhateverTheTableHoldsAtEachLoad) 
                            "probe: factories=0 bindings=29 timeout=1000 version=-1\n"
                            "[Client] Cleanup\n"
                            "probe: peer bindings=0 pending=29\n");
-    EXPECT_EQ(run.err, "[Server] Failed initializing plugin : libqor_2twin_sdk_cpp.so\n");
+    EXPECT_EQ(run.err, "[Server] Failed initializing plugin : " + lib("qor_2twin_sdk_cpp") + "\n");
 }
 
 TEST(ClientConstruction, ThrowFromRegisterFactoriesReleasesWhatWasGathered) {
     ScratchFolder dir;
-    dir.add_plugin("libqor_test_throw_register_sdk_cpp.so", "libqor_bad_sdk_cpp.so");
+    dir.add_plugin(lib("qor_test_throw_register_sdk_cpp"), lib("qor_bad_sdk_cpp"));
     const ProbeRun run = run_probe(dir);
     EXPECT_EQ(run.status, 0);
     // Not the plug-in search's own failure: the exception leaves the constructor, and the
@@ -304,10 +340,10 @@ TEST(ClientConstruction, ThrowFromRegisterFactoriesReleasesWhatWasGathered) {
 
 TEST(ClientConstruction, FailureWithoutAnApplicationLoggerStillGetsReported) {
     ScratchFolder dir;
-    dir.touch("libqor_broken_sdk_cpp.so");
+    dir.touch(lib("qor_broken_sdk_cpp"));
     const ProbeRun run = run_probe(dir, "");
     EXPECT_EQ(run.status, 0);
-    EXPECT_THAT(run.out, HasSubstr("[Server] Failed to load plugin libqor_broken_sdk_cpp.so"));
+    EXPECT_THAT(run.out, HasSubstr("[Server] Failed to load plugin " + lib("qor_broken_sdk_cpp")));
     EXPECT_THAT(run.out, HasSubstr("probe: factories=0 bindings=29"));
 }
 

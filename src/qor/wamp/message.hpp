@@ -11,11 +11,16 @@
 
 namespace qor::wamp {
 
-// <windows.h> defines ERROR as a macro (wingdi.h). The name is part of our interface, so the
-// macro is set aside while our headers are read, whichever was included first; a program that
-// includes <windows.h> and also names qor::wamp::ERROR itself defines NOGDI or undefines it.
+// <windows.h> defines ERROR (wingdi.h) and REGISTERED (nb30.h) as macros, and some Windows
+// headers YIELD. The names are part of our interface, so the macros are set aside while our
+// headers are read, whichever was included first. A program that includes <windows.h> and
+// names one of these codes itself undefines the macro first (or defines NOGDI, NONETBIOS).
 #pragma push_macro("ERROR")
+#pragma push_macro("REGISTERED")
+#pragma push_macro("YIELD")
 #undef ERROR
+#undef REGISTERED
+#undef YIELD
 
 // WAMP message codes. No other code can be serialized.
 constexpr uint32_t HELLO = 1, WELCOME = 2, ABORT = 3, CHALLENGE = 4, AUTHENTICATE = 5, GOODBYE = 6,
@@ -99,4 +104,6 @@ std::string print(const uint8_t* data, uint64_t size, uint64_t limit);
 
 }  // namespace qor::wamp
 
+#pragma pop_macro("YIELD")
+#pragma pop_macro("REGISTERED")
 #pragma pop_macro("ERROR")

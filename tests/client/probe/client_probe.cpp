@@ -5,10 +5,12 @@
 
 #include <cstring>
 #include <iostream>
+#include <memory>
 #include <stdexcept>
 #include <string>
 
 #include <spdlog/sinks/stdout_color_sinks.h>
+#include <spdlog/pattern_formatter.h>
 #include <spdlog/spdlog.h>
 
 #include <dax/client.hpp>
@@ -19,7 +21,9 @@ int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         if (std::strcmp(argv[i], "--stderr-logger") == 0) {
             auto logger = spdlog::stderr_color_mt("logger");
-            logger->set_pattern("%v");
+            // Lines end in "\n" on every platform (spdlog ends them in "\r\n" on Windows).
+            logger->set_formatter(std::make_unique<spdlog::pattern_formatter>(
+                "%v", spdlog::pattern_time_type::local, std::string("\n")));
         } else if (std::strcmp(argv[i], "--create") == 0 && i + 1 < argc) {
             create_type = argv[++i];
         }

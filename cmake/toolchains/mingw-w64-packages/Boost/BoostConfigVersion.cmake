@@ -1,0 +1,7 @@
+file(STRINGS /usr/include/boost/version.hpp _v REGEX "^#define BOOST_VERSION [0-9]+")
+string(REGEX REPLACE ".* ([0-9]+)$" "\\1" _v "${_v}")
+math(EXPR _major "${_v} / 100000")
+math(EXPR _minor "${_v} / 100 % 1000")
+math(EXPR _patch "${_v} % 100")
+set(PACKAGE_VERSION ${_major}.${_minor}.${_patch})
+include(${CMAKE_CURRENT_LIST_DIR}/../version-check.cmake)

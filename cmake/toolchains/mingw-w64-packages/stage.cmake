@@ -1,0 +1,15 @@
+# Puts some of Debian's header-only include entries (/usr/include/<name>) on the MinGW path
+# without the rest of /usr/include: a folder of links inside the build tree.
+function(qor_mingw_stage_headers out_dir)
+  set(stage ${CMAKE_BINARY_DIR}/mingw-w64-include)
+  foreach(name ${ARGN})
+    if(NOT EXISTS /usr/include/${name})
+      message(FATAL_ERROR "/usr/include/${name} is missing: run scripts/install-deps")
+    endif()
+    if(NOT EXISTS ${stage}/${name})
+      file(MAKE_DIRECTORY ${stage})
+      file(CREATE_LINK /usr/include/${name} ${stage}/${name} SYMBOLIC)
+    endif()
+  endforeach()
+  set(${out_dir} ${stage} PARENT_SCOPE)
+endfunction()
