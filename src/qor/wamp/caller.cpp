@@ -65,7 +65,7 @@ namespace {
 void send_cancel(const Session& session, uint64_t request) {
     if (!session.write) return;
     std::vector<uint8_t> bytes{0x93, 49};
-    serialization::msgpack::pack(bytes, static_cast<unsigned long>(request));
+    serialization::msgpack::pack(bytes, request);
     bytes.push_back(0x80);
     session.write(bytes.data(), bytes.size());
 }

@@ -15,7 +15,7 @@ namespace {
 Message parse_written(const serialization::msgpack::buffer& bytes) {
     namespace mp = serialization::msgpack;
     mp::ReadBuffer in(bytes);
-    unsigned long request = 0;
+    uint64_t request = 0;
     try {
         long long code = 0;
         if (mp::read_array_header(in) == 3) mp::read(in, code);
