@@ -489,8 +489,8 @@ void Server::start() {
     if (s.running) throw std::logic_error("transport server: already started");
     if (!s.options.tls_certificate_file.empty() || !s.options.tls_private_key_file.empty()) {
         std::string cause;
-        s.tls = transport::detail::server_tls_context(s.options.tls_certificate_file,
-                                                      s.options.tls_private_key_file, cause);
+        s.tls = detail::server_tls_context(s.options.tls_certificate_file,
+                                           s.options.tls_private_key_file, cause);
         if (!s.tls) throw std::runtime_error("transport server: " + cause);
     }
     if (s.options.rawsocket) s.listen(s.rs_acceptor, s.options.rawsocket_port, s.rs_port);
