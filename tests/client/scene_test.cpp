@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -272,6 +273,37 @@ TEST_F(SceneTest, StateOfAComponentRemovedByAnEarlierStateIsRefused) {
               "update_scene_state: component not found id=2");
     client->update_scene_state(step_result("81 03 07"));
     EXPECT_EQ(counter(3)->value, 7);
+}
+
+// Creates a Counter under the id its state names, as an application's handler might.
+class Spawner : public Remover {
+  public:
+    using Remover::Remover;
+    void update_state(mp::ReadBuffer& in) override {
+        long long id = 0;
+        mp::read(in, id);
+        client->Create("Counter", id, 0);
+    }
+};
+
+TEST_F(SceneTest, UpdatesSeeTheRegistryAsItIsWhenEachStateIsApplied) {
+    for (int64_t id : {2, 5, 9}) client->Create("Counter", id, 0);
+    client->components[1] = new Spawner(1, client.get());
+    client->update_scene_state(step_result("83 02 01 05 02 09 03"));  // the registry is indexed
+    // Replaced through an iterator, added, created while the update runs, and an entry that
+    // holds no component: each state goes where the registry says at that moment.
+    Counter* replacement = new Counter(5, client.get());
+    delete std::exchange(client->components.find(5)->second, replacement);
+    client->Create("Counter", 7, 0);
+    client->update_scene_state(step_result("84 05 0b 07 0c 01 04 04 0d"));
+    EXPECT_EQ(replacement->value, 11);
+    EXPECT_EQ(counter(7)->value, 12);
+    EXPECT_EQ(counter(4)->value, 13);
+    EXPECT_EQ(counter(9)->value, 3);
+    client->components[3];
+    EXPECT_EQ(error_of([&] { client->update_scene_state(step_result("82 02 0e 03 0f")); }),
+              "update_scene_state: component not found id=3");
+    EXPECT_EQ(counter(2)->value, 14);
 }
 
 TEST_F(SceneTest, SyncStepWaitsForTheStepAndAppliesIt) {

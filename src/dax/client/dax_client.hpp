@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <dax/client/components/client_component.hpp>
+#include <dax/client/components/component_map.hpp>
 #include <dax/client/components/module_factory.hpp>
 #include <dax/types.hpp>
 #include <qor/serialization/msgpack/buffer.hpp>
@@ -198,7 +199,7 @@ class DaxClient {
     // ---- fields ----------------------------------------------------------------------------
 
     qor::QorClient* peer;                             ///< borrowed; never deleted by the client
-    std::map<int64_t, IClientComponent*> components;  ///< owned, by ascending id
+    ComponentMap components;                 ///< owned, by ascending id
     std::vector<IModuleFactory*> factories;           ///< owned, in registration order
     int64_t next_component_id = 0;                    ///< id of the next Create(type)
     dax::plugins::PluginHandler<IModuleFactory>* plugin_handler;  ///< owns the plug-in libraries
