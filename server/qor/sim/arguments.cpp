@@ -5,6 +5,8 @@
 
 #include <fmt/format.h>
 
+#include <qor/serialization/msgpack/detail/decode.hpp>
+
 namespace qor::sim {
 
 namespace mp = serialization::msgpack;
@@ -72,6 +74,17 @@ void read_arg(mp::ReadBuffer& in, std::string& value) {
 
 void read_arg(mp::ReadBuffer& in, mp::buffer& value) {
     mp::read(in, value);
+}
+
+void read_arg(mp::ReadBuffer& in, BinaryView& value) {
+    // The checks and texts of reading into a block, without the copy.
+    const uint64_t avail = in.remaining();
+    uint64_t length = 0;
+    const uint64_t header =
+        mp::detail::decode_bin_header(avail ? in.current() : nullptr, avail, length);
+    value.data = in.current() + header;
+    value.size = length;
+    in.position += header + length;
 }
 
 double check_period(double ms) {

@@ -45,6 +45,12 @@ void read_arg(serialization::msgpack::ReadBuffer& in, long long& value);
 void read_arg(serialization::msgpack::ReadBuffer& in, double& value);
 void read_arg(serialization::msgpack::ReadBuffer& in, std::string& value);
 void read_arg(serialization::msgpack::ReadBuffer& in, serialization::msgpack::buffer& value);
+/// Binary data read where it lies, in the received message, for arguments too large to copy.
+struct BinaryView {
+    const uint8_t* data = nullptr;
+    uint64_t size = 0;
+};
+void read_arg(serialization::msgpack::ReadBuffer& in, BinaryView& value);
 /// A mesh batch whose vertex coordinates may be written as integers (peers in JavaScript or
 /// bridged through JSON write 1.0 as 1); otherwise read as the record.
 void read_arg(serialization::msgpack::ReadBuffer& in, dax::types::mesh_batch_t& value);
@@ -65,7 +71,8 @@ constexpr const char* type_name() {
         return "a number";
     else if constexpr (std::is_same_v<T, std::string>)
         return "a string";
-    else if constexpr (std::is_same_v<T, serialization::msgpack::buffer>)
+    else if constexpr (std::is_same_v<T, serialization::msgpack::buffer> ||
+                       std::is_same_v<T, BinaryView>)
         return "binary data";
     else if constexpr (std::is_same_v<T, dt::vector_string_t>)
         return "a list of strings";

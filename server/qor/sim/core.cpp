@@ -95,14 +95,10 @@ SimulationCore::Impl::~Impl() {
 
 // ---- the operation table ----------------------------------------------------------------
 
-// The handler's signature is spelled by the catalogue's types, so a handler that drifts from
-// the client's declaration of the same operation does not compile.
-template <class R, class... A>
-void SimulationCore::Impl::add(const char* name, R (Impl::*fn)(const A&...)) {
-    Operation& op = table[std::string(kOperationPrefix) + name];
-    op.quick = is_quick(name);
-    op.run = [this, fn, name](mp::ReadBuffer& in, uint64_t count, bool wait,
-                              std::vector<uint8_t>& out) {
+template <class... A, class Produce>
+SimulationCore::Impl::Handler SimulationCore::Impl::handler(const char* name, Produce produce) {
+    return [this, name, produce](mp::ReadBuffer& in, uint64_t count, bool wait,
+                                 std::vector<uint8_t>& out) {
         if (count != sizeof...(A))
             throw OperationError(kInvalidArgument,
                                  fmt::format("{} takes {} argument{}, got {}", name, sizeof...(A),
@@ -117,10 +113,20 @@ void SimulationCore::Impl::add(const char* name, R (Impl::*fn)(const A&...)) {
             lock.lock();
         else if (!lock.try_lock())
             return false;
-        pack_result(out,
-                    std::apply([this, fn](const auto&... a) { return (this->*fn)(a...); }, args));
+        std::apply([&out, &produce](const auto&... a) { produce(out, a...); }, args);
         return true;
     };
+}
+
+// The handler's signature is spelled by the catalogue's types, so a handler that drifts from
+// the client's declaration of the same operation does not compile.
+template <class R, class... A>
+void SimulationCore::Impl::add(const char* name, R (Impl::*fn)(const A&...)) {
+    Operation& op = table[std::string(kOperationPrefix) + name];
+    op.quick = is_quick(name);
+    op.run = handler<A...>(name, [this, fn](std::vector<uint8_t>& out, const A&... a) {
+        pack_result(out, (this->*fn)(a...));
+    });
 }
 
 void SimulationCore::Impl::register_operations() {
@@ -135,6 +141,15 @@ void SimulationCore::Impl::register_operations() {
 #undef DAX_OPERATION_2
 #undef DAX_OPERATION_3
 #undef DAX_OPERATION_4
+    // A scene can be megabytes: read where it lies in the received call, and answered by
+    // writing the record once, straight into the result.
+    table[std::string(kOperationPrefix) + "SEND_SCENE"].run = handler<BinaryView>(
+        "SEND_SCENE", [this](std::vector<uint8_t>& out, const BinaryView& record) {
+            pack_result(out, send_scene(record.data, record.size));
+        });
+    table[std::string(kOperationPrefix) + "GET_SERVER_SCENE"].run =
+        handler<>("GET_SERVER_SCENE",
+                  [this](std::vector<uint8_t>& out) { write_current_scene(out); });
 }
 
 bool SimulationCore::Impl::call(const std::string& procedure, const uint8_t* args, uint64_t size,
@@ -309,6 +324,39 @@ std::vector<uint8_t> SimulationCore::Impl::encode_current_scene() const {
     encode_scene(out, scene,
                  [this](std::vector<uint8_t>& to, const Component& c) { write_current(to, c); });
     return out;
+}
+
+void SimulationCore::Impl::write_current_scene(std::vector<uint8_t>& out) const {
+    // The binary value's header holds the record's length, known once it is written; its form
+    // is chosen from an estimate and moved only in the rare case the record lands in another.
+    const auto header_size = [](uint64_t n) -> size_t { return n < 256 ? 2 : n < 65536 ? 3 : 5; };
+    uint64_t estimate = 5;
+    for (const Component& c : scene) estimate += 32 + c.type.size() + c.data.size();
+    const size_t at = out.size();
+    size_t header = header_size(estimate);
+    out.resize(at + header);
+    encode_scene(out, scene,
+                 [this](std::vector<uint8_t>& to, const Component& c) { write_current(to, c); });
+    const uint64_t length = out.size() - at - header;
+    if (length > 0xFFFFFFFFull) throw std::runtime_error("the scene is too large to send");
+    if (header_size(length) != header) {
+        const size_t wanted = header_size(length);
+        if (wanted > header) out.insert(out.begin() + long(at), wanted - header, 0);
+        else out.erase(out.begin() + long(at), out.begin() + long(at + header - wanted));
+        header = wanted;
+    }
+    uint8_t* h = out.data() + at;
+    if (header == 2) {
+        h[0] = 0xC4;
+        h[1] = uint8_t(length);
+    } else if (header == 3) {
+        h[0] = 0xC5;
+        h[1] = uint8_t(length >> 8);
+        h[2] = uint8_t(length);
+    } else {
+        h[0] = 0xC6;
+        for (int i = 0; i < 4; ++i) h[1 + i] = uint8_t(length >> (24 - 8 * i));
+    }
 }
 
 std::map<int64_t, Mesh> SimulationCore::Impl::meshes_used_by(

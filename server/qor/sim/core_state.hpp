@@ -80,6 +80,10 @@ struct SimulationCore::Impl {
     // ---- the operation table (core.cpp) ---------------------------------------------------
 
     void register_operations();
+    // The handler of operation `name` taking arguments A...: `produce(out, args...)` writes
+    // its one encoded value.
+    template <class... A, class Produce>
+    Handler handler(const char* name, Produce produce);
     template <class R, class... A>
     void add(const char* name, R (Impl::*fn)(const A&...));
     // With `wait` false, runs only a quick operation and only if the lock is free; returns
@@ -100,6 +104,10 @@ struct SimulationCore::Impl {
     void write_current(std::vector<uint8_t>& out, const Component& c) const;
     std::vector<Component> current_scene() const;
     std::vector<uint8_t> encode_current_scene() const;
+    // GET_SERVER_SCENE's value, the current scene record as one binary value, appended to `out`.
+    void write_current_scene(std::vector<uint8_t>& out) const;
+    // SEND_SCENE of the record at [data, data + size).
+    int send_scene(const uint8_t* data, uint64_t size);
     std::vector<Component> current_scene_without(const std::vector<int64_t>& ids) const;
     std::map<int64_t, Mesh> meshes_used_by(const std::vector<Component>& components) const;
     void apply_gravity_property();

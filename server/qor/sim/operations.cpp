@@ -277,9 +277,13 @@ int SimulationCore::Impl::op_SAVE_COMPONENTS(const std::string& name) {
 }
 
 int SimulationCore::Impl::op_SEND_SCENE(const mp::buffer& data) {
+    return send_scene(data.data, data.size);
+}
+
+int SimulationCore::Impl::send_scene(const uint8_t* data, uint64_t size) {
     std::vector<Component> components;
     try {
-        components = decode_scene(data.data, data.size);
+        components = decode_scene(data, size);
     } catch (const std::exception& e) {
         throw std::invalid_argument(fmt::format("bad scene record: {}", e.what()));
     }

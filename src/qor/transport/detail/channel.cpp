@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <string>
 #include <vector>
@@ -18,6 +19,15 @@ namespace qor::transport::detail {
 namespace {
 
 constexpr size_t READ_CHUNK = 64 * 1024;
+
+// Asio's transfer_all hands the socket at most 64 KiB per write, so a 1 MiB message cost
+// sixteen system calls and as many trips through the reactor; here each write offers the
+// kernel everything that is left and it takes what its buffer has room for.
+struct TransferRest {
+    size_t operator()(const error_code& ec, size_t) const {
+        return ec ? 0 : std::numeric_limits<size_t>::max();
+    }
+};
 
 // State shared by both framings: the closed flag and the one-shot close report.
 class ChannelBase : public Channel {
@@ -101,9 +111,17 @@ class RawSocketChannel final : public ChannelBase,
     void read() {
         if (paused_ || closed_ || reading_ || refused_) return;
         reading_ = true;
-        uint8_t* room = splitter_.prepare(READ_CHUNK);
+        // The rest of a frame whose header has come is read in one go, into room taken once:
+        // a large message neither grows the buffer step by step nor costs a read per chunk.
+        // A length above the limit takes no room: the frame is refused by its header.
+        size_t want = READ_CHUNK;
+        const uint32_t announced = splitter_.announced();
+        const size_t frame = 4 + size_t(announced);
+        if (announced != 0 && announced <= limit_ && frame > splitter_.pending())
+            want = std::max(want, frame - splitter_.pending());
+        uint8_t* room = splitter_.prepare(want);
         stream_->async_read_some(
-            asio::buffer(room, READ_CHUNK),
+            asio::buffer(room, want),
             [self = this->shared_from_this()](error_code ec, size_t n) { self->on_read(ec, n); });
     }
 
@@ -168,7 +186,7 @@ class RawSocketChannel final : public ChannelBase,
         // Everything queued since the last write goes out in one call.
         sending_.swap(out_);
         asio::async_write(
-            *stream_, asio::buffer(sending_),
+            *stream_, asio::buffer(sending_), TransferRest{},
             [self = this->shared_from_this()](error_code ec, size_t) { self->on_written(ec); });
     }
 
