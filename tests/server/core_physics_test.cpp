@@ -96,6 +96,25 @@ TEST_F(CoreTest, SceneRecordRoundTripsByteForByteAndFollowsThePhysics) {
               mp::buffer(std::vector<uint8_t>{0x90}));
 }
 
+TEST_F(CoreTest, SceneAnswerHeaderFitsTheRecordEitherSideOfEachBorder) {
+    // The record's length heads the answer in 1, 2 or 4 bytes, the form changing at 256 and
+    // 65536: records just either side of each border come back as the same bytes.
+    for (const size_t size : {250u, 255u, 256u, 300u, 65535u, 65536u, 65600u, 1u << 20}) {
+        Component label{"Label", 1, 0, {}};
+        std::vector<uint8_t> record;
+        for (size_t payload = size; record.size() != size;) {
+            label.data.clear();
+            mp::pack(label.data, mp::buffer(std::vector<uint8_t>(payload, 7)));
+            record = encode_scene({label});
+            payload -= record.size() - size;
+        }
+        call_ok<int>(*core, "SEND_SCENE", mp::buffer(record));
+        std::vector<uint8_t> expected;
+        mp::pack(expected, mp::buffer(record));
+        EXPECT_EQ(run(*core, "GET_SERVER_SCENE").value, expected) << size << " bytes";
+    }
+}
+
 TEST_F(CoreTest, RefusedSceneLeavesTheRunningOneIntact) {
     const mp::buffer good = scene_of({ground(1), ball(2, 3.0)});
     call_ok<int>(*core, "SEND_SCENE", good);

@@ -390,9 +390,8 @@ void SimulationCore::Impl::autosave() {
     }
 }
 
-// One step of the world and its result. `every` asks for all bodies whatever the
-// compression level (the step call's answer always has them all).
-dt::integration_result_t SimulationCore::Impl::advance(bool every) {
+// One step of the world, unless a client holds it.
+void SimulationCore::Impl::step_world() {
     const auto started = Clock::now();
     const double dt = server_period_ms / 1000.0;
     if (locks == 0) {
@@ -401,11 +400,18 @@ dt::integration_result_t SimulationCore::Impl::advance(bool every) {
         ++steps;
     }
     last_step_ms = std::chrono::duration<double, std::milli>(Clock::now() - started).count();
+}
+
+// One step of the world and its result. `every` asks for all bodies whatever the
+// compression level (the step call's answer always has them all).
+dt::integration_result_t SimulationCore::Impl::advance(bool every) {
+    step_world();
     return result(every);
 }
 
 dt::integration_result_t SimulationCore::Impl::result(bool every) {
-    const auto states = world->states();
+    world->states(body_states);
+    const auto& states = body_states;
     // The state map is written once, straight into a buffer kept from step to step; no body
     // costs an allocation.
     std::vector<uint8_t>& map = state_map;
@@ -474,7 +480,8 @@ void SimulationCore::Impl::run_clock() {
         const auto publish_period = std::chrono::duration_cast<Clock::duration>(
             std::chrono::duration<double, std::milli>(publish_period_ms));
         if (now >= next_step) {
-            if (scheduling) advance(true);
+            // Only published steps are encoded, and only when they are published.
+            if (scheduling) step_world();
             next_step += step_period;
             // A world too big for its period falls behind; skip the backlog instead of
             // spiralling.

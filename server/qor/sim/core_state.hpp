@@ -66,6 +66,7 @@ struct SimulationCore::Impl {
     std::map<int64_t, std::vector<uint8_t>> last_published;
     // Scratch of `result` and the clock, reused from step to step.
     std::vector<uint8_t> state_map, state_entries, state_bytes, publish_value;
+    std::vector<std::pair<int64_t, BodyState>> body_states;
     Publisher publisher;
     bool publishing = false;  // the clock thread is inside the publisher, lock released
     std::condition_variable published;
@@ -112,6 +113,7 @@ struct SimulationCore::Impl {
     std::map<int64_t, Mesh> meshes_used_by(const std::vector<Component>& components) const;
     void apply_gravity_property();
     void autosave();
+    void step_world();
     dax::types::integration_result_t advance(bool every);
     dax::types::integration_result_t result(bool every);
 

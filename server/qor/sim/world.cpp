@@ -231,10 +231,15 @@ BodyState state_of(const btRigidBody& body) {
 
 std::vector<std::pair<int64_t, BodyState>> PhysicsWorld::states() const {
     std::vector<std::pair<int64_t, BodyState>> out;
+    states(out);
+    return out;
+}
+
+void PhysicsWorld::states(std::vector<std::pair<int64_t, BodyState>>& out) const {
+    out.clear();
     out.reserve(impl_->objects.size());
     for (const auto& [id, o] : impl_->objects)
         if (o.is_body) out.emplace_back(id, state_of(*o.body));
-    return out;
 }
 
 bool PhysicsWorld::state(int64_t id, BodyState& out) const {

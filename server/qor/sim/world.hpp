@@ -61,6 +61,8 @@ class PhysicsWorld {
 
     /// The state of every body, by ascending id.
     std::vector<std::pair<int64_t, BodyState>> states() const;
+    /// Same into `out`, whose memory is reused from call to call.
+    void states(std::vector<std::pair<int64_t, BodyState>>& out) const;
     /// The state of one body; false when there is no body with that id.
     bool state(int64_t id, BodyState& out) const;
     /// True when the body exists and is asleep.
