@@ -120,6 +120,10 @@ def main():
                                 [b"\x7f\xf2\x00\x00" + bytes([9, i]) + b"\x00" +
                                  struct.pack(">I", len(row))[1:] + row
                                  for row in wamp for i in (1, 7)]),
+        # Flags: which side reads (bit 0) and the limit's exponent; then the piece seed.
+        "fuzz_websocket": write(out, "fuzz_websocket",
+                                [bytes([flags, 7]) + row for row in tables("transport")
+                                 for flags in (0, 1, 2 * 16, 2 * 16 + 1)]),
         "fuzz_opening": write(out, "fuzz_opening",
                               [bytes([side]) + b"".join(struct.pack(">H", len(r)) + r for r in rows)
                                for side in range(16)

@@ -136,7 +136,11 @@ class ServerHandshake final : public Handshake<T>,
             ws.read_message_max(this->max_in_);
             ws.async_accept(request_, [self = this->shared_from_this()](error_code ec) {
                 if (ec) return self->fail("bad handshake: " + cause_of(ec));
-                self->complete_ws();
+                // A client may send its first frames right behind the upgrade request.
+                const auto early = self->http_in_.cdata();
+                const auto* first = static_cast<const uint8_t*>(early.data());
+                self->complete_ws(Side::server,
+                                  std::vector<uint8_t>(first, first + early.size()));
             });
         }
     }

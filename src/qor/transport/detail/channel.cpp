@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstring>
+#include <random>
 #include <functional>
 #include <limits>
 #include <memory>
@@ -13,6 +15,7 @@
 #include <boost/asio/write.hpp>
 
 #include <qor/transport/rawsocket.hpp>
+#include <qor/transport/websocket.hpp>
 
 namespace qor::transport::detail {
 
@@ -28,6 +31,9 @@ struct TransferRest {
         return ec ? 0 : std::numeric_limits<size_t>::max();
     }
 };
+
+// The WebSocket framing of our own; `websocket` here is Beast's, which did the upgrade.
+namespace frames = transport::websocket;
 
 // State shared by both framings: the closed flag and the one-shot close report.
 class ChannelBase : public Channel {
@@ -218,158 +224,252 @@ class RawSocketChannel final : public ChannelBase,
     std::vector<uint8_t> sending_;
 };
 
-// `Stream` is the Coalescing layer: frames are written synchronously into its memory, which
-// never blocks, and it sends them on with one socket write per pass.
-template <class Stream>
+// WebSocket after the upgrade. Beast did the HTTP part; from here the frames are ours, read
+// like RawSocket's: each socket read takes whatever has arrived and every complete message in
+// it is handled before the next read. `Layer` is the Coalescing layer the upgrade ran on: frames
+// are written straight into its memory and leave with one socket write per pass.
+template <class Layer>
 class WebSocketChannel final : public ChannelBase,
-                               public std::enable_shared_from_this<WebSocketChannel<Stream>> {
+                               public std::enable_shared_from_this<WebSocketChannel<Layer>> {
   public:
-    explicit WebSocketChannel(std::unique_ptr<websocket::stream<Stream>> ws)
-        : ws_(std::move(ws)), max_in_(ws_->read_message_max()) {
-        peer_ = peer_of(beast::get_lowest_layer(*ws_));
-        ws_->binary(true);
-        // One WAMP message is one WebSocket message, so each goes out as a single frame.
-        ws_->auto_fragment(false);
+    WebSocketChannel(std::unique_ptr<Layer> layer, Side side, uint32_t max_in,
+                     const std::vector<uint8_t>& early)
+        : layer_(std::move(layer)),
+          client_(side == Side::client),
+          reader_(side == Side::server, max_in),
+          max_in_(max_in) {
+        peer_ = peer_of(beast::get_lowest_layer(*layer_));
+        // Bytes the peer sent right behind its upgrade request.
+        reader_.feed(early.data(), early.size());
+        if (client_) {
+            // The key only has to be unpredictable to scripts on the path, not secret.
+            std::random_device seed;
+            rng_ = (uint64_t(seed()) << 32) ^ seed() ^ uint64_t(reinterpret_cast<uintptr_t>(this));
+            if (rng_ == 0) rng_ = 0x9E3779B97F4A7C15ull;
+        }
     }
 
     void start(Handlers handlers) override {
         handlers_ = std::move(handlers);
         started_ = true;
-        ws_->control_callback([this](websocket::frame_type kind, beast::string_view) {
-            if (kind == websocket::frame_type::pong && handlers_.pong) handlers_.pong();
-        });
         std::weak_ptr<WebSocketChannel> weak = this->shared_from_this();
-        ws_->next_layer().on_error([weak](const error_code& ec) {
-            if (auto self = weak.lock()) self->finish(cause_of(ec));
+        layer_->on_error([weak](const error_code& ec) {
+            if (auto self = weak.lock()) self->finish(cause_of(ec), false);
         });
-        read();
+        // What came with the upgrade is handled first, from the io_context.
+        resume();
     }
 
     void send(const uint8_t* data, size_t size) override {
-        if (!writable()) return;
-        // Out at once when the socket is idle, like a direct write; while a write is in
-        // flight this message joins the next one.
-        error_code ec;
-        ws_->next_layer().collect([&] { ws_->write(asio::buffer(data, size), ec); });
-        if (ec) fail_later(ec);
+        if (closed_ || closing_) return;
+        // Out at once when the socket is idle; while a write is in flight this message joins
+        // the next one.
+        layer_->collect([&] { frame(frames::Opcode::binary, data, size); });
     }
 
     void ping() override {
-        if (!writable()) return;
-        error_code ec;
-        ws_->next_layer().collect([&] { ws_->ping({}, ec); });
-        if (ec) fail_later(ec);
+        if (closed_ || closing_) return;
+        layer_->collect([&] { frame(frames::Opcode::ping, nullptr, 0); });
     }
 
     void close(const std::string& cause) override {
         if (closed_ || closing_) return;
         closing_ = true;
         close_cause_ = cause;
-        // The close frame queues behind every message already written.
-        send_close();
+        // A peer that broke the protocol hears so in the close frame as well as in the ABORT.
+        const uint16_t code = cause == "wamp.error.protocol_violation"
+                                  ? frames::CLOSE_PROTOCOL_ERROR
+                                  : frames::CLOSE_NORMAL;
+        // The close frame queues behind every message already written; the peer's answer is
+        // awaited for a while, reading on even when paused.
+        layer_->collect([&] { close_frame(code); });
+        close_timer_ = std::make_unique<asio::steady_timer>(layer_->get_executor(),
+                                                            std::chrono::seconds(2));
+        close_timer_->async_wait([weak = this->weak_from_this()](error_code ec) {
+            if (ec) return;
+            if (auto self = weak.lock()) self->finish(self->close_cause_, false);
+        });
+        if (started_) read();
     }
 
-    void abort(const std::string& cause) override { finish(cause); }
+    void abort(const std::string& cause) override { finish(cause, false); }
 
-    void limit_incoming(uint32_t max) override {
-        ws_->read_message_max(std::min<uint64_t>(max, max_in_));
-    }
+    void limit_incoming(uint32_t max) override { reader_.set_max_message(std::min(max, max_in_)); }
 
-    // Beast keeps no per-frame clock; the opening time-out and the size limit bound a peer.
-    void limit_frame_idle(std::chrono::milliseconds) override {}
+    void limit_frame_idle(std::chrono::milliseconds idle) override { frame_idle_ = idle; }
 
     void set_paused(bool paused) override {
         paused_ = paused;
-        // A pending WebSocket read answers pings by itself, so pausing has to cancel it. The
-        // stream does not survive a cancelled read: resuming after that ends the link.
-        if (paused_ && reading_) {
-            error_code ignored;
-            beast::get_lowest_layer(*ws_).cancel(ignored);
-        }
-        if (!paused_ && started_ && !reading_) read();
+        watch_partial();
+        if (!paused_ && started_) resume();
     }
 
-    size_t queued() const override { return ws_->next_layer().pending(); }
+    size_t queued() const override { return layer_->pending(); }
     size_t max_send() const override { return max_in_; }
     const char* kind() const override { return "websocket"; }
 
   private:
-    // After the peer's close frame the stream is no longer open; a frame written then would
-    // follow our close reply.
-    bool writable() const { return !closed_ && !closing_ && ws_->is_open(); }
+    // One frame into the layer's memory; a client masks it with a fresh key.
+    void frame(frames::Opcode opcode, const uint8_t* data, size_t size) {
+        uint8_t key[4];
+        frames::append_frame(layer_->collecting(), opcode, data, size, next_key(key));
+    }
 
-    // Failures are reported from the io_context, never from inside the caller's send.
-    void fail_later(const error_code& ec) {
-        asio::post(ws_->get_executor(), [self = this->shared_from_this(), cause = cause_of(ec)] {
-            self->finish(cause);
-        });
+    void close_frame(uint16_t code) {
+        uint8_t key[4];
+        frames::append_close(layer_->collecting(), code, next_key(key));
+    }
+
+    uint8_t* next_key(uint8_t* key) {
+        if (!client_) return nullptr;
+        // xorshift64*: cheap, and seeded per link from the system's entropy.
+        rng_ ^= rng_ >> 12;
+        rng_ ^= rng_ << 25;
+        rng_ ^= rng_ >> 27;
+        const uint64_t r = rng_ * 0x2545F4914F6CDD1Dull;
+        std::memcpy(key, &r, 4);
+        return key;
+    }
+
+    bool reads() const { return !closed_ && !reading_ && (!paused_ || closing_); }
+
+    // Handles what is buffered, then reads on; posted, so that no handler runs inside the
+    // caller's `start` or `set_paused`.
+    void resume() {
+        if (!reads()) return;
+        reading_ = true;
+        asio::post(layer_->get_executor(),
+                   [self = this->shared_from_this()] { self->on_read({}, 0); });
     }
 
     void read() {
-        if (paused_ || closed_ || reading_) return;
+        if (!reads()) return;
         reading_ = true;
-        ws_->async_read(
-            in_, [self = this->shared_from_this()](error_code ec, size_t) { self->on_read(ec); });
+        uint8_t* room = reader_.prepare(READ_CHUNK);
+        layer_->async_read_some(
+            asio::buffer(room, READ_CHUNK),
+            [self = this->shared_from_this()](error_code ec, size_t n) { self->on_read(ec, n); });
     }
 
-    void on_read(error_code ec) {
+    void on_read(error_code ec, size_t n) {
         reading_ = false;
         if (closed_) return;
-        if (ec == asio::error::operation_aborted && paused_) return;
-        if (ec) return finish(cause_of(ec));
-        if (!ws_->got_binary()) return finish("websocket: text message where binary was expected");
-        const auto bytes = in_.cdata();
-        // Beast hands over one message per read, even when more are already buffered. The
-        // answers to them collect and leave together when it next has to read the socket,
-        // not one write each.
-        auto& layer = ws_->next_layer();
-        layer.hold(true);
+        if (ec) return finish(closing_ ? close_cause_ : cause_of(ec), false);
+        if (n) reader_.commit(n);
+        // The answers to everything this read brought leave together, in one write.
+        layer_->hold(true);
+        frames::Message m;
         try {
-            if (handlers_.message)
-                handlers_.message(static_cast<const uint8_t*>(bytes.data()), bytes.size());
+            while (!closed_ && (!paused_ || closing_) && reader_.next(m)) handle(m);
+        } catch (const frames::Error& e) {
+            layer_->hold(false);
+            return fail(e.code(), e.what());
         } catch (const std::exception& e) {
-            layer.hold(false);
-            return finish(e.what());
+            layer_->hold(false);
+            return finish(e.what(), false);
         }
-        layer.hold(false);
-        in_.consume(in_.size());
-        read();
-        // No socket read may follow when reading stopped or a close began.
-        if (!reading_ || closing_) layer.flush();
-    }
-
-    void send_close() {
+        layer_->hold(false);
         if (closed_) return;
-        // The wait for the peer's close frame is bounded by our own timer, not the stream's
-        // handshake timeout: a time-out delivered by the stream wakes the read suspended
-        // behind the close with an error the stream itself does not expect. Closing the
-        // socket instead fails both operations in the way it does expect.
-        close_timer_ = std::make_unique<asio::steady_timer>(ws_->get_executor(),
-                                                            std::chrono::seconds(2));
-        close_timer_->async_wait([weak = this->weak_from_this()](error_code ec) {
-            if (ec) return;
-            if (auto self = weak.lock()) self->finish(self->close_cause_);
-        });
-        // A peer that broke the protocol hears so in the close frame as well as in the ABORT.
-        ws_->async_close(
-            close_cause_ == "wamp.error.protocol_violation" ? websocket::close_code::protocol_error
-                                                            : websocket::close_code::normal,
-            [self = this->shared_from_this()](error_code) { self->finish(self->close_cause_); });
+        layer_->flush();
+        watch_partial();
+        read();
     }
 
-    void finish(const std::string& cause) {
+    void handle(const frames::Message& m) {
+        switch (m.opcode) {
+            case frames::Opcode::binary:
+                // Once our close frame is out, the peer's last messages are not ours to act on.
+                if (!closing_ && handlers_.message) handlers_.message(m.data, m.size);
+                return;
+            case frames::Opcode::ping:
+                if (!closing_) frame(frames::Opcode::pong, m.data, m.size);
+                return;
+            case frames::Opcode::pong:
+                if (handlers_.pong) handlers_.pong();
+                return;
+            case frames::Opcode::close:
+                if (closing_) return finish(close_cause_, true);
+                // The peer's close is echoed, then the link ends once the echo is out.
+                close_frame(frames::close_code_of(m.data, m.size) == frames::CLOSE_NO_STATUS
+                                ? frames::CLOSE_NORMAL
+                                : frames::close_code_of(m.data, m.size));
+                return finish(cause_of(asio::error::eof), true);
+            default:
+                return fail(frames::CLOSE_UNSUPPORTED,
+                            "websocket: text message where binary was expected");
+        }
+    }
+
+    // The peer broke the framing: it hears why in a close frame, then the link ends.
+    void fail(uint16_t code, const std::string& cause) {
+        if (closed_) return;
+        if (!closing_) layer_->collect([&] { close_frame(code); });
+        finish(cause, true);
+    }
+
+    // An unfinished message must make progress within `frame_idle_`.
+    void watch_partial() {
+        if (frame_idle_.count() == 0 || closed_) return;
+        // Paused, the bytes wait for us, not for the peer.
+        if (reader_.pending() == 0 || paused_) {
+            if (idle_timer_) idle_timer_->cancel();
+            return;
+        }
+        if (!idle_timer_)
+            idle_timer_ = std::make_unique<asio::steady_timer>(layer_->get_executor());
+        idle_timer_->expires_after(frame_idle_);
+        idle_timer_->async_wait([weak = this->weak_from_this(), idle = frame_idle_](error_code ec) {
+            auto self = weak.lock();
+            if (ec || !self) return;
+            self->fail(frames::CLOSE_PROTOCOL_ERROR,
+                       "unfinished frame idle for " + std::to_string(idle.count()) + " ms");
+        });
+    }
+
+    // `graceful`: the bytes collected so far (a close frame among them) leave before the
+    // socket closes.
+    void finish(const std::string& cause, bool graceful) {
         if (closed_) return;
         closed_ = true;
         if (close_timer_) close_timer_->cancel();
-        close_socket(beast::get_lowest_layer(*ws_), false);
+        if (idle_timer_) idle_timer_->cancel();
+        if (graceful && !layer_->failed()) {
+            // A peer that reads nothing more cannot hold the socket open for long.
+            auto linger = std::make_shared<asio::steady_timer>(layer_->get_executor(),
+                                                               std::chrono::seconds(2));
+            auto self = this->shared_from_this();
+            linger->async_wait([self](error_code ec) {
+                if (!ec) close_socket(beast::get_lowest_layer(*self->layer_), false);
+            });
+            layer_->when_drained([self, linger](error_code) {
+                linger->cancel();
+                close_socket(beast::get_lowest_layer(*self->layer_), true);
+            });
+        } else {
+            close_socket(beast::get_lowest_layer(*layer_), false);
+        }
         report_closed(cause);
     }
 
-    std::unique_ptr<websocket::stream<Stream>> ws_;
-    uint64_t max_in_;  // the limit the link was opened with
-    beast::flat_buffer in_;
+    std::unique_ptr<Layer> layer_;
+    bool client_;
+    frames::Reader reader_;
+    uint32_t max_in_;  // the limit the link was opened with
+    uint64_t rng_ = 0;
+    std::chrono::milliseconds frame_idle_{0};
+    std::unique_ptr<asio::steady_timer> idle_timer_;
     std::unique_ptr<asio::steady_timer> close_timer_;
 };
+
+// The upgraded Beast stream is left behind; its layer below goes on carrying our frames.
+template <class S>
+std::shared_ptr<Channel> upgraded(std::unique_ptr<websocket::stream<Coalescing<S>>> ws, Side side,
+                                  uint32_t max_in, const std::vector<uint8_t>& early) {
+    auto layer = std::make_unique<Coalescing<S>>(std::move(ws->next_layer()));
+    ws.reset();
+    return std::make_shared<WebSocketChannel<Coalescing<S>>>(std::move(layer), side, max_in,
+                                                             early);
+}
 
 }  // namespace
 
@@ -377,16 +477,18 @@ std::shared_ptr<Channel> rawsocket_channel(std::unique_ptr<tcp::socket> stream, 
                                            uint32_t max_out) {
     return std::make_shared<RawSocketChannel<tcp::socket>>(std::move(stream), max_in, max_out);
 }
-std::shared_ptr<Channel> websocket_channel(std::unique_ptr<WsPlain> stream) {
-    return std::make_shared<WebSocketChannel<Coalescing<tcp::socket>>>(std::move(stream));
+std::shared_ptr<Channel> websocket_channel(std::unique_ptr<WsPlain> stream, Side side,
+                                           uint32_t max_in, const std::vector<uint8_t>& early) {
+    return upgraded(std::move(stream), side, max_in, early);
 }
 #if QOR_HAVE_TLS
 std::shared_ptr<Channel> rawsocket_channel(std::unique_ptr<TlsStream> stream, uint32_t max_in,
                                            uint32_t max_out) {
     return std::make_shared<RawSocketChannel<TlsStream>>(std::move(stream), max_in, max_out);
 }
-std::shared_ptr<Channel> websocket_channel(std::unique_ptr<WsTls> stream) {
-    return std::make_shared<WebSocketChannel<Coalescing<TlsStream>>>(std::move(stream));
+std::shared_ptr<Channel> websocket_channel(std::unique_ptr<WsTls> stream, Side side,
+                                           uint32_t max_in, const std::vector<uint8_t>& early) {
+    return upgraded(std::move(stream), side, max_in, early);
 }
 #endif
 

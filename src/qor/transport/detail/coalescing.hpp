@@ -161,6 +161,11 @@ class Coalescing {
     void flush() { core_->flush(); }
     /// Bytes collected and not yet handed to the socket.
     size_t pending() const { return core_->out.size(); }
+    /// The bytes collecting for the next write, for an owner that frames straight into them;
+    /// only inside `collect` or while held, so that a flush follows.
+    std::vector<uint8_t>& collecting() { return core_->out; }
+    /// True once a socket write failed.
+    bool failed() const { return bool(core_->failed); }
     /// Called when a socket write fails; later writes fail with the same error.
     void on_error(std::function<void(const error_code&)> report) {
         core_->on_error = std::move(report);

@@ -101,7 +101,7 @@ class ClientHandshake final : public Handshake<T>,
                     if (self->response_[http::field::sec_websocket_protocol] != SUBPROTOCOL)
                         return self->fail("unsupported serializer: the server did not accept " +
                                           std::string(SUBPROTOCOL));
-                    self->complete_ws();
+                    self->complete_ws(Side::client);
                 });
         }
     }

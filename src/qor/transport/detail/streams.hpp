@@ -8,6 +8,7 @@
 #include <string>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/beast/http.hpp>
@@ -97,12 +98,15 @@ void with_stream(tcp::socket socket, Framing framing, TlsContext* tls, Start&& s
 /// accepts.
 std::shared_ptr<Channel> rawsocket_channel(std::unique_ptr<tcp::socket> stream, uint32_t max_in,
                                            uint32_t max_out);
-/// A WebSocket channel on a stream whose handshake is done.
-std::shared_ptr<Channel> websocket_channel(std::unique_ptr<WsPlain> stream);
+/// A WebSocket channel on a stream whose upgrade is done, playing `side`; `early` holds bytes
+/// that arrived behind the upgrade request.
+std::shared_ptr<Channel> websocket_channel(std::unique_ptr<WsPlain> stream, Side side,
+                                           uint32_t max_in, const std::vector<uint8_t>& early);
 #if QOR_HAVE_TLS
 std::shared_ptr<Channel> rawsocket_channel(std::unique_ptr<TlsStream> stream, uint32_t max_in,
                                            uint32_t max_out);
-std::shared_ptr<Channel> websocket_channel(std::unique_ptr<WsTls> stream);
+std::shared_ptr<Channel> websocket_channel(std::unique_ptr<WsTls> stream, Side side,
+                                           uint32_t max_in, const std::vector<uint8_t>& early);
 #endif
 
 /// One opening's handshake on a layered stream `T`, with what the client and the router
@@ -159,12 +163,12 @@ class Handshake : public Opening {
         }
     }
 
-    void complete_ws() {
+    void complete_ws(Side side, const std::vector<uint8_t>& early = {}) {
         if constexpr (is_ws<T>::value) {
             if (finished_) return;
             finished_ = true;
             auto done = std::move(done_);
-            done(websocket_channel(std::move(stream_)), "");
+            done(websocket_channel(std::move(stream_), side, max_in_, early), "");
         }
     }
 
