@@ -144,46 +144,77 @@ TEST(WebSocketFrames, ReaderWholeAndInEveryPieceSize) {
     }
 }
 
-TEST(WebSocketFrames, RouterEndsAPeerThatStopsInsideAFrame) {
+namespace {
+
+const std::string UPGRADE =
+    "GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+    "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n"
+    "Sec-WebSocket-Protocol: wamp.2.msgpack\r\n\r\n";
+
+// Connects to the router's WebSocket port, writes the upgrade and `frames` in one piece, and
+// returns the frame bytes that come back after the 101 answer, once the router closed (`closed`
+// true) or the first `want` of them arrived, or after 5 s.
+std::vector<uint8_t> exchange(uint16_t port, const std::vector<uint8_t>& frames, size_t want,
+                              bool& closed) {
     namespace asio = boost::asio;
+    asio::io_context io;
+    asio::ip::tcp::socket s(io);
+    s.connect({asio::ip::make_address("127.0.0.1"), port});
+    std::vector<uint8_t> out(UPGRADE.begin(), UPGRADE.end());
+    out.insert(out.end(), frames.begin(), frames.end());
+    asio::write(s, asio::buffer(out));
+    std::string in;
+    closed = false;
+    std::vector<char> chunk(4096);
+    auto after_101 = [&]() -> size_t {
+        const size_t end = in.find("\r\n\r\n");
+        return end == std::string::npos || in.rfind("HTTP/1.1 101", 0) != 0 ? in.npos : end + 4;
+    };
+    std::function<void()> next = [&] {
+        s.async_read_some(asio::buffer(chunk), [&](boost::system::error_code ec, size_t n) {
+            in.append(chunk.data(), n);
+            const size_t body = after_101();
+            if (ec) closed = true;
+            else if (want && body != in.npos && in.size() - body >= want) io.stop();
+            else next();
+        });
+    };
+    next();
+    io.run_for(std::chrono::seconds(5));
+    const size_t body = after_101();
+    if (body == in.npos) return {};
+    return std::vector<uint8_t>(in.begin() + long(body), in.end());
+}
+
+}  // namespace
+
+TEST(WebSocketFrames, RouterReadsFramesSentRightBehindTheUpgrade) {
+    transport_test::Router router;
+    // HELLO ["realm1", {}], masked with a zero key, in the same write as the upgrade request.
+    bool closed = false;
+    const std::vector<uint8_t> in =
+        exchange(router.server.websocket_port(),
+                 hex("82 8a 00 00 00 00 93 01 a6 72 65 61 6c 6d 31 80"), 6, closed);
+    // WELCOME: an unmasked binary frame starting [2, ...
+    ASSERT_GE(in.size(), 6u) << to_hex(in);
+    EXPECT_EQ(0x82, in[0]);
+    const size_t payload = (in[1] & 0x7f) == 126 ? 4 : 2;
+    EXPECT_EQ(to_hex(hex("93 02")), to_hex(in.data() + payload, 2)) << to_hex(in);
+}
+
+TEST(WebSocketFrames, RouterEndsAPeerThatStopsInsideAFrame) {
     using namespace std::chrono_literals;
     qor::router::ServerOptions options;
     options.opening_timeout = 60s;       // far beyond the receive time-out: only the frame's own
     options.frame_idle_timeout = 100ms;  // limit can end this connection in time
     transport_test::Router router(options);
-
-    asio::io_context io;
-    asio::ip::tcp::socket s(io);
-    s.connect({asio::ip::make_address("127.0.0.1"), router.server.websocket_port()});
-    const std::string upgrade =
-        "GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-        "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n"
-        "Sec-WebSocket-Protocol: wamp.2.msgpack\r\n\r\n";
-    // A masked binary frame announcing 1000 bytes, 10 of them sent, then nothing.
-    std::vector<uint8_t> out(upgrade.begin(), upgrade.end());
-    const std::vector<uint8_t> partial = hex("82 fe 03 e8 00 00 00 00") + std::vector<uint8_t>(10);
-    out.insert(out.end(), partial.begin(), partial.end());
-    asio::write(s, asio::buffer(out));
-
-    // Everything until the router closes, or a time-out that fails the test.
-    std::string in;
-    bool ended = false;
-    std::vector<char> chunk(4096);
-    std::function<void()> next = [&] {
-        s.async_read_some(asio::buffer(chunk), [&](boost::system::error_code ec, size_t n) {
-            in.append(chunk.data(), n);
-            if (ec) ended = true;
-            else next();
-        });
-    };
-    next();
-    io.run_for(5s);
-    ASSERT_TRUE(ended) << "the connection was not closed";
-    const size_t body = in.find("\r\n\r\n");
-    ASSERT_EQ(0u, in.find("HTTP/1.1 101")) << in;
-    // The answer, one close frame saying why: a protocol error (1002).
-    ASSERT_NE(std::string::npos, body);
-    EXPECT_EQ(to_hex(hex("88 02 03 ea")),
-              to_hex(reinterpret_cast<const uint8_t*>(in.data()) + body + 4, in.size() - body - 4));
+    // A masked binary frame announcing 1000 bytes, 10 of them sent, then nothing: the answer
+    // is one close frame saying why (a protocol error, 1002), then the end of the stream.
+    bool closed = false;
+    const std::vector<uint8_t> in = exchange(
+        router.server.websocket_port(), hex("82 fe 03 e8 00 00 00 00") + std::vector<uint8_t>(10),
+        0, closed);
+    ASSERT_TRUE(closed) << "the connection was not closed";
+    EXPECT_EQ(to_hex(hex("88 02 03 ea")), to_hex(in));
     EXPECT_TRUE(transport_test::poll_until([&] { return router.server.connections() == 0; }));
 }

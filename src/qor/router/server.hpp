@@ -44,9 +44,9 @@ struct ServerOptions {
     /// A peer that has not finished the opening (transport handshake to WELCOME) by then is
     /// dropped.
     std::chrono::milliseconds opening_timeout{10000};
-    /// RawSocket: a connection whose unfinished frame gets no byte for this long is dropped,
-    /// so a peer that announces a large frame and trickles it cannot hold the buffer. 0: no
-    /// limit.
+    /// A connection whose unfinished frame (WebSocket: or fragmented message) gets no byte for
+    /// this long is dropped, so a peer that announces a large frame and trickles it cannot hold
+    /// the buffer. 0: no limit.
     std::chrono::milliseconds frame_idle_timeout{3000};
     /// A session with more than this many bytes waiting to be sent (a peer that stopped
     /// reading) is dropped, with the reason logged, rather than growing without bound.

@@ -289,7 +289,7 @@ class WebSocketChannel final : public ChannelBase,
             if (ec) return;
             if (auto self = weak.lock()) self->finish(self->close_cause_, false);
         });
-        if (started_) read();
+        if (started_) resume();
     }
 
     void abort(const std::string& cause) override { finish(cause, false); }
@@ -434,15 +434,18 @@ class WebSocketChannel final : public ChannelBase,
         if (close_timer_) close_timer_->cancel();
         if (idle_timer_) idle_timer_->cancel();
         if (graceful && !layer_->failed()) {
-            // A peer that reads nothing more cannot hold the socket open for long.
-            auto linger = std::make_shared<asio::steady_timer>(layer_->get_executor(),
-                                                               std::chrono::seconds(2));
-            auto self = this->shared_from_this();
-            linger->async_wait([self](error_code ec) {
+            // The timer keeps this link alive until the bytes are out, and a peer that reads
+            // nothing more cannot hold the socket open for long. The layer holds its waiter
+            // weakly: it is part of this link.
+            linger_ = std::make_unique<asio::steady_timer>(layer_->get_executor(),
+                                                           std::chrono::seconds(2));
+            linger_->async_wait([self = this->shared_from_this()](error_code ec) {
                 if (!ec) close_socket(beast::get_lowest_layer(*self->layer_), false);
             });
-            layer_->when_drained([self, linger](error_code) {
-                linger->cancel();
+            layer_->when_drained([weak = this->weak_from_this()](error_code) {
+                auto self = weak.lock();
+                if (!self) return;
+                self->linger_->cancel();
                 close_socket(beast::get_lowest_layer(*self->layer_), true);
             });
         } else {
@@ -459,9 +462,13 @@ class WebSocketChannel final : public ChannelBase,
     std::chrono::milliseconds frame_idle_{0};
     std::unique_ptr<asio::steady_timer> idle_timer_;
     std::unique_ptr<asio::steady_timer> close_timer_;
+    std::unique_ptr<asio::steady_timer> linger_;
 };
 
-// The upgraded Beast stream is left behind; its layer below goes on carrying our frames.
+// The upgraded Beast stream is left behind; its layer below goes on carrying our frames. What
+// Beast read past the handshake's HTTP answer stays with it; a server sends nothing before
+// our HELLO, so nothing does. On the accepting side Beast read nothing: the request was read
+// into `early` and the Coalescing layer's read-ahead, both handed on.
 template <class S>
 std::shared_ptr<Channel> upgraded(std::unique_ptr<websocket::stream<Coalescing<S>>> ws, Side side,
                                   uint32_t max_in, const std::vector<uint8_t>& early) {

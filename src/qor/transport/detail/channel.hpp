@@ -61,8 +61,9 @@ class Channel {
     /// with. Checked against a frame's header, before its bytes are buffered: RawSocket
     /// reports it to `too_large`; WebSocket closes with 1009 (message too big).
     virtual void limit_incoming(uint32_t max) = 0;
-    /// RawSocket: a link whose unfinished frame receives no byte for `idle` ends ("unfinished
-    /// frame idle for N ms"), so a trickling peer cannot hold its buffer for long. 0: no limit.
+    /// A link whose unfinished frame (WebSocket: or fragmented message) receives no byte for
+    /// `idle` ends ("unfinished frame idle for N ms"), so a trickling peer cannot hold its
+    /// buffer for long. 0: no limit.
     virtual void limit_frame_idle(std::chrono::milliseconds idle) = 0;
     /// While paused nothing is read, so nothing is answered either.
     virtual void set_paused(bool paused) = 0;

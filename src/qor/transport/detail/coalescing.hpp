@@ -19,18 +19,17 @@ namespace beast = boost::beast;
 namespace websocket = beast::websocket;
 using error_code = boost::system::error_code;
 
-// The layer under a WebSocket stream. Beast writes each frame with its own write_some; here
-// those writes only append to memory. The owner flushes after each message: with the socket
-// idle that writes at once, and while a write is in flight everything collected meanwhile
-// leaves together in the next one. Each WAMP message stays its own frame, but a burst of
-// them costs one syscall, not one each. Frames Beast writes on its own (pong, close) get a
-// posted flush, so they go out even when nobody calls it. Beast reads small frames through
-// a buffer of about one TCP segment; here each socket read takes whatever has arrived (up to
-// READ_AHEAD) and hands it on in the pieces Beast asks for, so a burst of small messages costs
-// one read, and the answers to all of it leave in one write, when the socket is really next
-// waited on. Larger reads go straight to the caller's buffers. The socket lives in shared
-// state so that a write still in flight keeps it, and the bytes it sends, alive after the
-// channel is gone.
+// The layer under a WebSocket link. During the upgrade Beast writes through it; afterwards the
+// channel frames straight into its memory (`collecting`). Either way writes only append to
+// memory and the owner flushes after each pass: with the socket idle that writes at once, and
+// while a write is in flight everything collected meanwhile leaves together in the next one, so
+// a burst of messages costs one syscall, not one each. Bytes written outside a hold get a
+// posted flush, so they go out even when nobody calls it. Reads smaller than READ_AHEAD take
+// whatever has arrived into a buffer here and hand it on in the pieces asked for (the HTTP
+// parser asks for little); what is left after the upgrade goes to the channel's first reads.
+// Larger reads go straight to the caller's buffers, and every read that has to wait for the
+// peer flushes first, so answers never wait with it. The socket lives in shared state so that
+// a write still in flight keeps it, and the bytes it sends, alive after the channel is gone.
 template <class Next>
 class Coalescing {
     static constexpr size_t READ_AHEAD = 64 * 1024;
