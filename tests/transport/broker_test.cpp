@@ -2,12 +2,6 @@
 // each message and reads the answer, byte for byte. Expected bytes were written with an
 // independent MessagePack encoder.
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <sys/time.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -26,63 +20,43 @@ using namespace transport_test;
 using test_support::hex;
 using test_support::to_hex;
 
-// A blocking RawSocket peer on plain sockets; every read gives up after two seconds.
+// A RawSocket session driven by hand; every read gives up after two seconds.
 class RawSession {
   public:
-    explicit RawSession(uint16_t port) {
-        fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
-        timeval limit{2, 0};
-        ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(port);
-        connected_ = ::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    }
-    ~RawSession() { ::close(fd_); }
+    explicit RawSession(uint16_t port) : connection_(port) {}
 
     bool open() {
-        if (!connected_) return false;
+        if (!connection_.connected) return false;
         const auto hello = qor::transport::rawsocket::client_hello(
             qor::transport::rawsocket::exponent_for(1u << 24));
         std::vector<uint8_t> reply(4);
-        if (!write(hello.data(), 4) || !read(reply.data(), 4) || reply[1] >> 4 == 0) return false;
+        if (!connection_.send(hello.data(), 4) || !connection_.read(reply.data(), 4, 2s) ||
+            reply[1] >> 4 == 0)
+            return false;
         send(hex("93 01 A6 72 65 61 6C 6D 31 80"));  // HELLO "realm1"
         const std::vector<uint8_t> welcome = receive();
         return welcome.size() > 1 && welcome[1] == 0x02;
     }
 
     bool send(const std::vector<uint8_t>& message) {
-        const uint32_t n = uint32_t(message.size());
-        const uint8_t header[4] = {0, uint8_t(n >> 16), uint8_t(n >> 8), uint8_t(n)};
-        return write(header, 4) && write(message.data(), message.size());
+        std::vector<uint8_t> frame;
+        qor::transport::rawsocket::append_frame(frame,
+                                                qor::transport::rawsocket::FrameType::message,
+                                                message.data(), uint32_t(message.size()));
+        return connection_.send(frame);
     }
 
     /// The next message frame (pings are not sent by the router); empty when none came.
     std::vector<uint8_t> receive() {
         uint8_t header[4];
-        if (!read(header, 4)) return {};
+        if (!connection_.read(header, 4, 2s)) return {};
         std::vector<uint8_t> payload((header[1] << 16) | (header[2] << 8) | header[3]);
-        if (!read(payload.data(), payload.size())) return {};
+        if (!connection_.read(payload.data(), payload.size(), 2s)) return {};
         return payload;
     }
 
   private:
-    bool write(const uint8_t* data, size_t size) {
-        return ::send(fd_, data, size, MSG_NOSIGNAL) == ssize_t(size);
-    }
-    bool read(uint8_t* data, size_t size) {
-        size_t got = 0;
-        while (got < size) {
-            const ssize_t n = ::recv(fd_, data + got, size - got, 0);
-            if (n <= 0) return false;
-            got += size_t(n);
-        }
-        return true;
-    }
-
-    int fd_ = -1;
-    bool connected_ = false;
+    RawConnection connection_;
 };
 
 }  // namespace

@@ -1,13 +1,10 @@
 #pragma once
 
 // Shared pieces of the transport tests: the router's broker with a test dealer, a scripted
-// RawSocket peer on plain sockets, a pump loop and a self-signed certificate.
+// RawSocket peer and a hand-driven connection on plain blocking sockets (Asio's, so that the
+// suite builds for Windows as well), a pump loop and a self-signed certificate.
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
+#include <array>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -20,6 +17,18 @@
 #include <thread>
 #include <vector>
 
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/read.hpp>
+#include <boost/asio/write.hpp>
+
+// The options of a socket, asked of the system itself.
+#ifndef _WIN32
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#endif
+
 #include <qor/qor_client.hpp>
 #include <qor/router/broker.hpp>
 #include <qor/router/server.hpp>
@@ -27,9 +36,13 @@
 #include <qor/transport.hpp>
 #include <qor/wamp.hpp>
 
+#include "support/testing.hpp"
+
 namespace transport_test {
 
 namespace msgpack = qor::serialization::msgpack;
+namespace asio = boost::asio;
+using asio::ip::tcp;
 using namespace std::chrono_literals;
 
 inline msgpack::buffer packed(const std::string& text) {
@@ -180,45 +193,54 @@ class Router {
 /// A listening socket on a free 127.0.0.1 port that does whatever the test scripts.
 class RawPeer {
   public:
-    RawPeer() {
-        listener_ = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        ::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address);
-        ::listen(listener_, 4);
-        socklen_t length = sizeof address;
-        ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length);
-        port = ntohs(address.sin_port);
+    RawPeer() : acceptor_(io_, tcp::endpoint(asio::ip::address_v4::loopback(), 0)) {
+        port = acceptor_.local_endpoint().port();
     }
     ~RawPeer() {
-        ::shutdown(listener_, SHUT_RDWR);
-        if (connection_ >= 0) ::shutdown(connection_, SHUT_RDWR);
+        boost::system::error_code ignored;
+        bool waiting_in_accept = false;
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            stopping_ = true;
+            if (accepted_)
+                connection_.shutdown(tcp::socket::shutdown_both, ignored);
+            else
+                waiting_in_accept = thread_.joinable();
+        }
+        // A blocking accept is not woken by closing its socket everywhere; a connection is.
+        if (waiting_in_accept) {
+            tcp::socket poke(io_);
+            poke.connect(acceptor_.local_endpoint(), ignored);
+        }
         if (thread_.joinable()) thread_.join();
-        if (connection_ >= 0) ::close(connection_);
-        ::close(listener_);
     }
 
     /// In the background: accept one connection, read `read_first` bytes, write `reply`; then
     /// read one RawSocket frame (the HELLO) if `after_hello` is not empty and write it; then
-    /// hold the connection until the test ends.
+    /// hold the connection until the client closes it or the test ends.
     void script(size_t read_first, std::vector<uint8_t> reply, std::vector<uint8_t> after_hello) {
         thread_ = std::thread([=] {
-            connection_ = ::accept(listener_, nullptr, nullptr);
-            if (connection_ < 0) return;
+            boost::system::error_code ec;
+            tcp::socket accepted(io_);
+            acceptor_.accept(accepted, ec);
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                if (ec || stopping_) return;
+                connection_ = std::move(accepted);
+                accepted_ = true;
+            }
             std::vector<uint8_t> in(read_first);
             if (!read_exactly(in.data(), in.size())) return;
-            ::send(connection_, reply.data(), reply.size(), MSG_NOSIGNAL);
+            asio::write(connection_, asio::buffer(reply), ec);
             if (!after_hello.empty()) {
                 uint8_t header[4];
                 if (!read_exactly(header, 4)) return;
                 std::vector<uint8_t> hello((header[1] << 16) | (header[2] << 8) | header[3]);
                 if (!read_exactly(hello.data(), hello.size())) return;
-                ::send(connection_, after_hello.data(), after_hello.size(), MSG_NOSIGNAL);
+                asio::write(connection_, asio::buffer(after_hello), ec);
             }
             uint8_t sink[256];
-            while (::recv(connection_, sink, sizeof sink, 0) > 0) {
-            }
+            while (!ec) connection_.read_some(asio::buffer(sink), ec);
         });
     }
 
@@ -226,46 +248,122 @@ class RawPeer {
 
   private:
     bool read_exactly(uint8_t* data, size_t size) {
-        size_t got = 0;
-        while (got < size) {
-            const ssize_t n = ::recv(connection_, data + got, size - got, 0);
-            if (n <= 0) return false;
-            got += size_t(n);
-        }
-        return true;
+        boost::system::error_code ec;
+        asio::read(connection_, asio::buffer(data, size), ec);
+        return !ec;
     }
 
-    int listener_ = -1;
-    int connection_ = -1;
+    asio::io_context io_;
+    tcp::acceptor acceptor_;
+    tcp::socket connection_{io_};
+    std::mutex mutex_;
+    bool stopping_ = false;
+    bool accepted_ = false;
     std::thread thread_;
 };
+
+/// A plain connection to a port on 127.0.0.1, driven byte by byte by the test. Reads give up
+/// after their time limit, so that a peer that never answers fails the test instead of
+/// hanging it.
+class RawConnection {
+  public:
+    explicit RawConnection(uint16_t port) {
+        boost::system::error_code ec;
+        socket_.connect(tcp::endpoint(asio::ip::address_v4::loopback(), port), ec);
+        connected = !ec;
+    }
+
+    bool send(const uint8_t* data, size_t size) {
+        boost::system::error_code ec;
+        asio::write(socket_, asio::buffer(data, size), ec);
+        return !ec;
+    }
+    bool send(const std::vector<uint8_t>& bytes) { return send(bytes.data(), bytes.size()); }
+
+    /// Exactly `size` bytes; false when the connection ended or `limit` passed first.
+    bool read(uint8_t* data, size_t size, std::chrono::milliseconds limit = 20s) {
+        bool done = false;
+        asio::async_read(socket_, asio::buffer(data, size),
+                         [&](boost::system::error_code ec, size_t) { done = !ec; });
+        run(limit);
+        return done;
+    }
+
+    /// Everything the peer sends until it ends the connection (`closed` turns true) or
+    /// `limit` passes.
+    std::vector<uint8_t> read_to_end(bool& closed, std::chrono::milliseconds limit = 20s) {
+        std::vector<uint8_t> in;
+        std::array<uint8_t, 4096> chunk;
+        closed = false;
+        std::function<void()> next = [&] {
+            socket_.async_read_some(asio::buffer(chunk),
+                                    [&](boost::system::error_code ec, size_t n) {
+                                        in.insert(in.end(), chunk.begin(), chunk.begin() + long(n));
+                                        if (!ec) return next();
+                                        closed = ec != asio::error::operation_aborted;
+                                    });
+        };
+        next();
+        run(limit);
+        return in;
+    }
+
+    bool connected = false;
+
+  private:
+    // Runs the pending read to its end or, at `limit`, cancels it.
+    void run(std::chrono::milliseconds limit) {
+        io_.restart();
+        io_.run_for(limit);
+        if (io_.stopped()) return;
+        boost::system::error_code ignored;
+        socket_.cancel(ignored);
+        io_.restart();
+        io_.run();
+    }
+
+    asio::io_context io_;
+    tcp::socket socket_{io_};
+};
+
+/// Whether TCP_NODELAY is on for the socket of this process connected to 127.0.0.1:`port`,
+/// found by asking every descriptor (handle, on Windows) for its peer; nullopt when none is.
+inline std::optional<bool> nodelay_of_socket_to(uint16_t port) {
+#ifdef _WIN32
+    using Socket = SOCKET;
+    using Length = int;
+    const uintptr_t first = 4, last = 0x10000, step = 4;  // handles are multiples of 4
+#else
+    using Socket = int;
+    using Length = socklen_t;
+    const uintptr_t first = 0, last = 4096, step = 1;
+#endif
+    for (uintptr_t h = first; h < last; h += step) {
+        const Socket s = Socket(h);
+        sockaddr_in peer{};
+        Length length = sizeof peer;
+        if (::getpeername(s, reinterpret_cast<sockaddr*>(&peer), &length) != 0 ||
+            peer.sin_family != AF_INET || ntohs(peer.sin_port) != port)
+            continue;
+        int on = 0;
+        length = sizeof on;
+        if (::getsockopt(s, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<char*>(&on), &length) != 0)
+            return std::nullopt;
+        return on != 0;
+    }
+    return std::nullopt;
+}
 
 /// A self-signed certificate for 127.0.0.1 and localhost, made once per test program and
 /// removed at exit.
 struct Certificate {
-    std::filesystem::path folder;
-    std::string cert;
-    std::string key;
-    bool ok = false;
-
-    Certificate() {
-        folder = std::filesystem::temp_directory_path() /
-                 ("qor_transport_tls_" + std::to_string(::getpid()));
-        std::filesystem::create_directories(folder);
-        cert = (folder / "cert.pem").string();
-        key = (folder / "key.pem").string();
-        const std::string command =
-            "openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=localhost "
-            "-addext subjectAltName=IP:127.0.0.1,DNS:localhost -keyout '" +
-            key + "' -out '" + cert + "' >/dev/null 2>&1";
-        ok = std::system(command.c_str()) == 0;
-    }
-    ~Certificate() {
-        std::error_code ignored;
-        std::filesystem::remove_all(folder, ignored);
-    }
-    Certificate(const Certificate&) = delete;
-    Certificate& operator=(const Certificate&) = delete;
+    test_support::TempFolder folder;
+    std::string cert = (folder.path() / "cert.pem").string();
+    std::string key = (folder.path() / "key.pem").string();
+    bool ok = std::system(("openssl req -x509 -newkey rsa:2048 -nodes -days 1 -subj /CN=localhost "
+                           "-addext subjectAltName=IP:127.0.0.1,DNS:localhost -keyout '" +
+                           key + "' -out '" + cert + "' >/dev/null 2>&1")
+                              .c_str()) == 0;
 };
 
 inline const Certificate& certificate() {

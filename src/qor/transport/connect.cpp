@@ -393,8 +393,9 @@ struct Endpoint::Impl {
         }
         if (pass_due() || stage != before) return true;
         // Nothing to sleep on inside the io_context (no link, or its work ran out): the
-        // thread sleeps until the time-out or the timer that needs a pass.
-        std::this_thread::sleep_until(wake);
+        // thread sleeps until the time-out or the timer that needs a pass. A sleep can end up to
+        // a tick early where the system counts in milliseconds (Windows).
+        while (Clock::now() < wake) std::this_thread::sleep_until(wake);
         return wake < until;
     }
 
