@@ -14,7 +14,6 @@
 #include <dax/types/devices.hpp>
 #include <qor/sim/devices.hpp>
 
-#include "sim_test_util.hpp"
 #include "support/testing.hpp"
 
 namespace qor::sim::testing {

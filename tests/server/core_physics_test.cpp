@@ -8,7 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "sim_test_util.hpp"
+#include "support/testing.hpp"
 
 namespace qor::sim::testing {
 namespace {

@@ -19,7 +19,6 @@
 #include <qor/transport/connect.hpp>
 #include <rigid_body/components.hpp>
 
-#include "sim_test_util.hpp"
 #include "support/testing.hpp"
 
 namespace qor::sim::testing {

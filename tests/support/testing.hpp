@@ -2,11 +2,14 @@
 
 // What every test area shares: hex byte vectors in and out, the text of a thrown error, the
 // rule for tests that need a tool from outside the build (a Python peer, openssl), a captured
-// log and a peer whose server endpoint is an in-memory loopback.
+// log, a peer whose server endpoint is an in-memory loopback, records written and read, and,
+// where a test links the simulation core, its calls and scenes.
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -15,6 +18,8 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <thread>
+#include <type_traits>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -22,6 +27,7 @@
 #include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/ostream_sink.h>
 
+#include <dax/types.hpp>
 #include <qor/qor_client.hpp>
 #include <qor/serialization/msgpack/buffer.hpp>
 #include <qor/wamp.hpp>
@@ -181,6 +187,74 @@ struct LoopbackPeer {
     }
 };
 
+/// `value` as its record writer encodes it.
+template <class T>
+std::vector<uint8_t> encode(const T& value) {
+    std::vector<uint8_t> out;
+    dax::types::pack(out, value);
+    return out;
+}
+
+/// A whole T read from `bytes`; `consumed` receives the bytes the reader advanced over.
+template <class T>
+T decode(const std::vector<uint8_t>& bytes, uint64_t* consumed = nullptr) {
+    qor::serialization::msgpack::ReadBuffer in(bytes.data(), bytes.size());
+    T value;
+    dax::types::read(in, value);
+    if (consumed) *consumed = in.position;
+    return value;
+}
+
+/// The text of the error raised by reading `bytes` into `target`, or "" when none is raised.
+template <class T>
+std::string read_error(const std::vector<uint8_t>& bytes, T& target) {
+    qor::serialization::msgpack::ReadBuffer in(bytes.data(), bytes.size());
+    return error_of([&] { dax::types::read(in, target); });
+}
+template <class T>
+std::string read_error(const std::vector<uint8_t>& bytes) {
+    T target;
+    return read_error(bytes, target);
+}
+
+/// Field-wise equality of records; floating-point fields compare bitwise, so that signed
+/// zeros and NaN payloads count.
+template <class E>
+bool same(const std::vector<E>& a, const std::vector<E>& b);
+template <class T>
+bool same(const T& a, const T& b) {
+    if constexpr (dax::types::is_record_v<T>) {
+        return std::apply(
+            [&b](const auto&... fa) {
+                return std::apply([&fa...](const auto&... fb) { return (same(fa, fb) && ...); },
+                                  b.fields());
+            },
+            a.fields());
+    } else if constexpr (std::is_floating_point_v<T>) {
+        return std::memcmp(&a, &b, sizeof(T)) == 0;
+    } else {
+        return a == b;
+    }
+}
+template <class E>
+bool same(const std::vector<E>& a, const std::vector<E>& b) {
+    if (a.size() != b.size()) return false;
+    for (std::size_t i = 0; i < a.size(); ++i)
+        if (!same(a[i], b[i])) return false;
+    return true;
+}
+
+/// Waits up to `limit` for `done` to become true, checking every few milliseconds.
+inline bool eventually(const std::function<bool()>& done,
+                       std::chrono::milliseconds limit = std::chrono::milliseconds(10000)) {
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (std::chrono::steady_clock::now() < end) {
+        if (done()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return done();
+}
+
 /// True when the tests run under CI (env `CI` set and not empty), where every tool a test
 /// needs is installed by scripts/install-deps and a missing one is a failure, not a skip.
 inline bool in_ci() {
@@ -189,6 +263,97 @@ inline bool in_ci() {
 }
 
 }  // namespace test_support
+
+#if __has_include(<qor/sim/core.hpp>)
+#include <map>
+
+#include <qor/sim/core.hpp>
+#include <qor/sim/scene.hpp>
+
+namespace qor::sim::testing {
+
+using test_support::eventually;
+using test_support::TempFolder;
+namespace mp = serialization::msgpack;
+
+/// Calls "qor.server.operation.NAME", each argument packed as one value.
+template <class... A>
+CallResult run(SimulationCore& core, const std::string& name, const A&... args) {
+    std::vector<uint8_t> bytes;
+    const auto pack_one = [&bytes](const auto& v) {
+        using T = std::decay_t<decltype(v)>;
+        if constexpr (dax::types::is_record_v<T>) dax::types::pack(bytes, v);
+        else if constexpr (std::is_array_v<std::remove_reference_t<decltype(v)>>)
+            mp::pack(bytes, static_cast<const char*>(v));  // a string literal
+        else mp::pack(bytes, v);
+    };
+    (void)pack_one;  // unused when there are no arguments
+    (pack_one(args), ...);
+    return core.call("qor.server.operation." + name, bytes.data(), bytes.size(), sizeof...(A));
+}
+
+/// The one decoded value of a successful call; fails the test on an error.
+template <class T>
+T value_of(const CallResult& r) {
+    EXPECT_TRUE(r.ok) << r.error << ": " << r.message;
+    T out{};
+    if (!r.ok) return out;
+    mp::ReadBuffer in(r.value.data(), r.value.size());
+    if constexpr (dax::types::is_record_v<T>) dax::types::read(in, out);
+    else mp::read(in, out);
+    EXPECT_EQ(in.remaining(), 0u) << "result holds more than one value";
+    return out;
+}
+
+template <class T, class... A>
+T call_ok(SimulationCore& core, const std::string& name, const A&... args) {
+    return value_of<T>(run(core, name, args...));
+}
+
+inline Component ground(int64_t id) {
+    Component c{kGroundType, id, 0, {}};
+    encode(c.data, GroundData{});
+    return c;
+}
+
+inline Component body(int64_t id, Shape shape, Vec3 size, double mass, Vec3 at,
+                      int64_t mesh_id = 0) {
+    BodyData b;
+    b.shape = shape;
+    b.size = size;
+    b.mass = mass;
+    b.mesh_id = mesh_id;
+    b.pose.position = at;
+    Component c{kBodyType, id, 7, {}};
+    encode(c.data, b);
+    return c;
+}
+
+/// A sphere of radius 0.5 at height `z`.
+inline Component ball(int64_t id, double z) {
+    return body(id, Shape::sphere, {0.5, 0, 0}, 1.0, {0, 0, z});
+}
+
+inline mp::buffer scene_of(const std::vector<Component>& components) {
+    return mp::buffer(encode_scene(components));
+}
+
+/// The state map of a step result, decoded.
+inline std::map<int64_t, BodyState> states_of(const dax::types::integration_result_t& r) {
+    std::map<int64_t, BodyState> out;
+    mp::ReadBuffer in(r.states);
+    const uint64_t n = mp::read_map_header(in);
+    for (uint64_t i = 0; i < n; ++i) {
+        long long id = 0;
+        mp::read(in, id);
+        out[id] = read_state(in);
+    }
+    EXPECT_EQ(in.remaining(), 0u);
+    return out;
+}
+
+}  // namespace qor::sim::testing
+#endif
 
 /// Skips the current test when `available` is false, or fails it under CI. `what` names the
 /// missing tool; use it first thing in a TEST body or a fixture's SetUp.

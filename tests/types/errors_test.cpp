@@ -3,12 +3,13 @@
 
 #include <gtest/gtest.h>
 
-#include "record_testing.hpp"
+#include "support/testing.hpp"
 
 namespace {
 
 using namespace dax::types;
-using namespace record_testing;
+using namespace test_support;
+namespace mp = qor::serialization::msgpack;
 
 const std::string D0 = "CB 0000000000000000 ";
 const std::string D1 = "CB 3FF0000000000000 ";

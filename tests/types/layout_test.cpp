@@ -4,7 +4,7 @@
 
 #include <limits>
 
-#include "record_testing.hpp"
+#include "support/testing.hpp"
 
 namespace user_side {
 // Records declared outside dax::types, as an application or a plug-in would.
@@ -23,7 +23,8 @@ struct robot_t {
 namespace {
 
 using namespace dax::types;
-using namespace record_testing;
+using namespace test_support;
+namespace mp = qor::serialization::msgpack;
 
 // Float 64 bodies of the values used below.
 const std::string D0 = "CB 0000000000000000 ";

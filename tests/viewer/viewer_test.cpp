@@ -20,7 +20,7 @@
 #include <qor/viewer/scene_view.hpp>
 #include <qor/viewer/site.hpp>
 
-#include "../server/sim_test_util.hpp"
+#include "support/testing.hpp"
 
 namespace qor::viewer {
 namespace {

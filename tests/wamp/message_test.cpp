@@ -1,3 +1,6 @@
+// One message of every kind the client sends or receives, with the exact bytes each encodes to:
+// the serializer is checked against the bytes, the receive side against the messages.
+
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -6,14 +9,185 @@
 #include <string>
 #include <vector>
 
-#include "sample_messages.hpp"
+#include "support/testing.hpp"
 
 using namespace qor::wamp;
-using namespace wamp_test;
+using namespace test_support;
+namespace mp = qor::serialization::msgpack;
 
 namespace {
 
 const std::string clear_scene = "qor.server.operation.CLEAR_SCENE";
+
+struct SerializeRow {
+    const char* name;
+    std::function<Message()> build;
+    std::vector<uint8_t> expected;
+};
+
+Message with_args(Message m, std::vector<mp::buffer> args) {
+    m.args = std::move(args);
+    return m;
+}
+
+std::vector<SerializeRow> serialize_rows() {
+    auto msg = [](uint32_t type, std::function<void(Message&)> fill) {
+        return [type, fill] {
+            Message m(type);
+            fill(m);
+            return m;
+        };
+    };
+    return {
+        {"CALL without arguments",
+         [] { return Message(CALL, Id(7), "qor.server.operation.CLEAR_SCENE"); },
+         with(hex("94 30 07 80 D9 20"), "qor.server.operation.CLEAR_SCENE")},
+        {"CALL with arguments",
+         [] {
+             return with_args(Message(CALL, Id(7), "p"), {encoded(1), encoded(std::string("a"))});
+         },
+         hex("95 30 07 80 A1 70 92 01 A1 61")},
+        {"HELLO", msg(HELLO, [](Message& m) { m.realm = "realm1"; }),
+         with(hex("93 01 A6"), "realm1") + std::vector<uint8_t>{0x80}},
+        {"WELCOME", msg(WELCOME, [](Message& m) { m.session = Id(300); }),
+         hex("93 02 CD 01 2C 80")},
+        {"ABORT", msg(ABORT, [](Message& m) { m.reason = "r"; }), hex("93 03 80 A1 72")},
+        {"CHALLENGE", msg(CHALLENGE, [](Message& m) { m.authmethod = "ticket"; }),
+         with(hex("93 04 A6"), "ticket") + std::vector<uint8_t>{0x80}},
+        {"AUTHENTICATE", msg(AUTHENTICATE, [](Message& m) { m.signature = "s"; }),
+         hex("93 05 A1 73 80")},
+        {"GOODBYE", msg(GOODBYE, [](Message& m) { m.reason = "wamp.close.normal"; }),
+         with(hex("93 06 80 B1"), "wamp.close.normal")},
+        {"ERROR left as built keeps request type 3", [] { return Message(ERROR); },
+         hex("95 08 03 00 80 A0")},
+        {"ERROR of a CALL with arguments",
+         msg(ERROR,
+             [](Message& m) {
+                 m.request_type = 48;
+                 m.request = Id(5);
+                 m.error = "e";
+                 m.args = {encoded(1)};
+             }),
+         hex("96 08 30 05 80 A1 65 91 01")},
+        {"PUBLISH without arguments", [] { return Message(PUBLISH, Id(1), "t"); },
+         hex("94 10 01 80 A1 74")},
+        {"PUBLISH with one argument",
+         [] { return with_args(Message(PUBLISH, Id(1), "t"), {encoded(42)}); },
+         hex("95 10 01 80 A1 74 91 2A")},
+        {"PUBLISHED",
+         msg(PUBLISHED,
+             [](Message& m) {
+                 m.request = Id(1);
+                 m.publication = Id(2);
+             }),
+         hex("93 11 01 02")},
+        {"SUBSCRIBE", [] { return Message(SUBSCRIBE, Id(1), "t"); }, hex("94 20 01 80 A1 74")},
+        {"SUBSCRIBED",
+         msg(SUBSCRIBED,
+             [](Message& m) {
+                 m.request = Id(1);
+                 m.subscription = Id(65536);
+             }),
+         hex("93 21 01 CE 00 01 00 00")},
+        {"UNSUBSCRIBE",
+         msg(UNSUBSCRIBE,
+             [](Message& m) {
+                 m.request = Id(1);
+                 m.subscription = Id(2);
+             }),
+         hex("93 22 01 02")},
+        {"UNSUBSCRIBED", msg(UNSUBSCRIBED, [](Message& m) { m.request = Id(1); }), hex("92 23 01")},
+        {"EVENT",
+         msg(EVENT,
+             [](Message& m) {
+                 m.subscription = Id(2);
+                 m.publication = Id(3);
+                 m.args = {encoded(std::string("x"))};
+             }),
+         hex("95 24 02 03 80 91 A1 78")},
+        {"RESULT without arguments", msg(RESULT, [](Message& m) { m.request = Id(7); }),
+         hex("93 32 07 80")},
+        {"RESULT with arguments",
+         msg(RESULT,
+             [](Message& m) {
+                 m.request = Id(7);
+                 m.args = {encoded(true)};
+             }),
+         hex("94 32 07 80 91 C3")},
+        {"REGISTER", [] { return Message(REGISTER, Id(1), "p"); }, hex("94 40 01 80 A1 70")},
+        {"REGISTERED",
+         msg(REGISTERED,
+             [](Message& m) {
+                 m.request = Id(1);
+                 m.registration = Id(2);
+             }),
+         hex("93 41 01 02")},
+        {"UNREGISTER",
+         msg(UNREGISTER,
+             [](Message& m) {
+                 m.request = Id(1);
+                 m.registration = Id(2);
+             }),
+         hex("93 42 01 02")},
+        {"UNREGISTERED", msg(UNREGISTERED, [](Message& m) { m.request = Id(1); }), hex("92 43 01")},
+        {"INVOCATION",
+         msg(INVOCATION,
+             [](Message& m) {
+                 m.request = Id(1);
+                 m.registration = Id(2);
+                 m.args = {encoded(false)};
+             }),
+         hex("95 44 01 02 80 91 C2")},
+        {"YIELD", msg(YIELD, [](Message& m) { m.request = Id(1); }), hex("93 46 01 80")},
+        // Id forms: smallest unsigned form, up to uint 64 for 2^53.
+        {"id 127", [] { return Message(CALL, Id(127), "p"); }, hex("94 30 7F 80 A1 70")},
+        {"id 128", [] { return Message(CALL, Id(128), "p"); }, hex("94 30 CC 80 80 A1 70")},
+        {"id 255", [] { return Message(CALL, Id(255), "p"); }, hex("94 30 CC FF 80 A1 70")},
+        {"id 256", [] { return Message(CALL, Id(256), "p"); }, hex("94 30 CD 01 00 80 A1 70")},
+        {"id 65535", [] { return Message(CALL, Id(65535), "p"); }, hex("94 30 CD FF FF 80 A1 70")},
+        {"id 65536", [] { return Message(CALL, Id(65536), "p"); },
+         hex("94 30 CE 00 01 00 00 80 A1 70")},
+        {"id 4294967295", [] { return Message(CALL, Id(4294967295ULL), "p"); },
+         hex("94 30 CE FF FF FF FF 80 A1 70")},
+        {"id 4294967296", [] { return Message(CALL, Id(4294967296ULL), "p"); },
+         hex("94 30 CF 00 00 00 01 00 00 00 00 80 A1 70")},
+        {"id 2^53", [] { return Message(CALL, Id(max_id), "p"); },
+         hex("94 30 CF 00 20 00 00 00 00 00 00 80 A1 70")},
+        // request_type follows the signed integer rule, narrow negative bounds included.
+        {"request type 200", msg(ERROR, [](Message& m) { m.request_type = 200; }),
+         hex("95 08 CC C8 00 80 A0")},
+        {"request type -1", msg(ERROR, [](Message& m) { m.request_type = -1; }),
+         hex("95 08 FF 00 80 A0")},
+        {"request type -128", msg(ERROR, [](Message& m) { m.request_type = -128; }),
+         hex("95 08 D1 FF 80 00 80 A0")},
+        // details: keys in ascending order whatever the insertion order, values copied as held.
+        {"details in key order",
+         msg(HELLO,
+             [](Message& m) {
+                 m.realm = "r";
+                 m.details["b"] = encoded(2);
+                 m.details["a"] = encoded(std::string("x"));
+             }),
+         hex("93 01 A1 72 82 A1 61 A1 78 A1 62 02")},
+        {"details value copied unchanged",
+         msg(HELLO,
+             [](Message& m) {
+                 m.details["roles"] = mp::buffer(hex("81 A6 63 61 6C 6C 65 72 80").data(), 9);
+             }),
+         with(hex("93 01 A0 81 A5"), "roles") + hex("81 A6 63 61 6C 6C 65 72 80")},
+    };
+}
+
+Message parse(const std::vector<uint8_t>& bytes) {
+    return parse_message(mp::buffer(bytes.data(), bytes.size()));
+}
+
+// One sample of every kind, and of every form of each element.
+std::vector<Message> samples() {
+    std::vector<Message> out;
+    for (const SerializeRow& row : serialize_rows()) out.push_back(row.build());
+    return out;
+}
 
 }  // namespace
 
@@ -180,4 +354,144 @@ TEST(WampPrint, BoundedPrintRefusesCutAndRunawayValues) {
     }
     const std::vector<uint8_t> deep(100000, 0x91);
     EXPECT_EQ(error_of([&] { print(deep.data(), deep.size(), 0); }), "print : nesting too deep");
+}
+
+// ---- receive ------------------------------------------------------------------------------
+
+TEST(WampReceive, EveryKindParsesBackToWhatWasSerialized) {
+    for (const Message& sent : samples()) {
+        SCOPED_TRACE(type_name(sent.type));
+        const mp::buffer bytes = serialize(sent);
+        const Message got = parse_message(bytes);
+        EXPECT_EQ(got.type, sent.type);
+        EXPECT_EQ(got.raw, bytes);
+        EXPECT_EQ(got.realm, sent.realm);
+        EXPECT_EQ(got.session, sent.session);
+        EXPECT_EQ(got.request, sent.request);
+        EXPECT_EQ(got.authmethod, sent.authmethod);
+        EXPECT_EQ(got.signature, sent.signature);
+        EXPECT_EQ(got.request_type, sent.request_type);
+        EXPECT_EQ(got.error, sent.error);
+        EXPECT_EQ(got.reason, sent.reason);
+        EXPECT_EQ(got.topic, sent.topic);
+        EXPECT_EQ(got.publication, sent.publication);
+        EXPECT_EQ(got.subscription, sent.subscription);
+        EXPECT_EQ(got.procedure, sent.procedure);
+        EXPECT_EQ(got.registration, sent.registration);
+        EXPECT_EQ(got.details, sent.details);
+        EXPECT_EQ(got.args_count, sent.args.size());
+        // Received arguments stay in `raw`; the copies must be the bytes that were sent.
+        EXPECT_TRUE(got.args.empty());
+        EXPECT_EQ(received_args(got), sent.args);
+        // Serializing what was parsed, with its arguments, gives the same bytes again.
+        Message again = got;
+        again.args = received_args(got);
+        EXPECT_EQ(serialize(again), bytes);
+    }
+}
+
+TEST(WampReceive, ArgumentOffsetsPointIntoRaw) {
+    // [50, 7, {}, [1, "ab"]]
+    const Message m = parse(hex("94 32 07 80 92 01 A2 61 62"));
+    EXPECT_EQ(m.args_count, 2u);
+    EXPECT_EQ(m.args_offset, 5u);
+    EXPECT_EQ(m.args_end, 9u);
+    int number = 0;
+    std::string text;
+    IncomingMessage(m).fillArgsNS(number, text);
+    EXPECT_EQ(number, 1);
+    EXPECT_EQ(text, "ab");
+
+    const Message bare = parse(hex("93 32 07 80"));
+    EXPECT_EQ(bare.args_count, 0u);
+}
+
+TEST(WampReceive, ArgumentsKwAreKeptAsEncodedValues) {
+    // [36, 1, 2, {}, [], {"b": [1], "a": "x"}]
+    const Message m = parse(hex("96 24 01 02 80 90 82 A1 62 91 01 A1 61 A1 78"));
+    EXPECT_EQ(m.args_count, 0u);
+    ASSERT_EQ(m.arguments_kw.size(), 2u);
+    EXPECT_EQ(bytes_of(m.arguments_kw.at("a")), hex("A1 78"));
+    EXPECT_EQ(bytes_of(m.arguments_kw.at("b")), hex("91 01"));
+}
+
+TEST(WampReceive, AcceptsIdsInAnyNonNegativeIntegerForm) {
+    // Some peers write small unsigned numbers with the signed forms.
+    EXPECT_EQ(parse(hex("93 21 D0 05 D3 00 00 00 00 00 00 00 09")).subscription.value(), 9u);
+    EXPECT_EQ(parse(hex("93 21 CC 05 CF 00 20 00 00 00 00 00 00")).subscription.value(), max_id);
+}
+
+TEST(WampReceive, MalformedMessagesRaiseClearErrors) {
+    struct Row {
+        const char* why;
+        const char* bytes;
+        const char* error;
+    };
+    const Row rows[] = {
+        {"not an array", "81 A1 61 01",
+         "WAMP message: bad message: inconsistent data while parsing array"},
+        {"empty array", "90", "WAMP message: empty array"},
+        {"code as string", "92 A1 61 01",
+         "WAMP message: bad message type: expecting integer value"},
+        {"unknown code", "92 07 01", "WAMP message: unknown message type"},
+        {"CANCEL is not handled", "93 31 01 80", "WAMP message: unknown message type"},
+        {"negative code", "92 FF 01", "WAMP message: unknown message type"},
+        {"too few elements", "92 32 07", "WAMP message: wrong number of elements for RESULT"},
+        {"too many elements", "94 21 01 02 03",
+         "WAMP message: wrong number of elements for SUBSCRIBED"},
+        {"arguments where none may be", "95 20 01 80 A1 74 90",
+         "WAMP message: wrong number of elements for SUBSCRIBE"},
+        {"request as string", "93 32 A1 61 80",
+         "WAMP message: bad request: expecting integer value"},
+        {"request as float", "93 32 CB 3F F0 00 00 00 00 00 00 80",
+         "WAMP message: bad request: expecting integer value"},
+        {"negative request", "93 32 FF 80", "WAMP message: bad request: negative id"},
+        {"id above 2^53", "93 21 01 CF 00 20 00 00 00 00 00 01",
+         "WAMP message: bad subscription: WAMP id too big"},
+        {"details as array", "93 32 07 90",
+         "WAMP message: bad details: inconsistent data while parsing map"},
+        {"details key not a string", "93 32 07 81 01 02",
+         "WAMP message: bad details: inconsistent data while parsing string"},
+        {"procedure as bin", "94 30 07 80 C4 01 70",
+         "WAMP message: bad procedure: inconsistent data while parsing string"},
+        {"arguments as map", "94 32 07 80 80",
+         "WAMP message: bad arguments: inconsistent data while parsing array"},
+        {"keyword arguments as array", "95 32 07 80 90 90",
+         "WAMP message: bad keyword arguments: inconsistent data while parsing map"},
+        {"request type as string", "95 08 A1 61 01 80 A0",
+         "WAMP message: bad request type: expecting integer value"},
+        {"trailing bytes", "93 32 07 80 00", "WAMP message: trailing bytes after the message"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.why);
+        EXPECT_EQ(error_of([&] { parse(hex(row.bytes)); }), row.error);
+    }
+}
+
+TEST(WampReceive, HugeCountsAreRefusedBeforeAnythingIsAllocated) {
+    const char* rows[] = {
+        "DD FF FF FF FF 32",              // outer array of 4294967295 elements
+        "94 32 07 80 DD FF FF FF FF",     // 4294967295 arguments in a 9-byte message
+        "94 32 07 DF FF FF FF FF 90",     // details with 4294967295 entries
+        "95 32 07 80 90 DF 7F FF FF FF",  // ArgumentsKw with 2147483647 entries
+        "94 30 07 80 DB FF FF FF FF",     // a procedure of 4 GiB
+        "94 30 07 80 DB 00 00 00 05 61",  // a procedure cut short
+    };
+    for (const char* row : rows) {
+        SCOPED_TRACE(row);
+        EXPECT_THROW(parse(hex(row)), std::runtime_error);
+    }
+}
+
+TEST(WampReceive, EveryTruncationOfEveryKindIsRefused) {
+    for (const Message& sent : samples()) {
+        SCOPED_TRACE(type_name(sent.type));
+        const std::vector<uint8_t> whole = bytes_of(serialize(sent));
+        for (size_t cut = 0; cut < whole.size(); ++cut) {
+            SCOPED_TRACE(cut);
+            // Each cut copy lives in its own allocation so the sanitizer sees any overread.
+            const std::vector<uint8_t> part(whole.begin(), whole.begin() + cut);
+            EXPECT_THROW(parse(part), std::runtime_error);
+        }
+    }
 }
