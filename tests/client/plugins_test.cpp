@@ -13,8 +13,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <spdlog/sinks/ostream_sink.h>
-#include <spdlog/pattern_formatter.h>
 #include <spdlog/spdlog.h>
 
 #include <dax/client.hpp>
@@ -88,7 +86,7 @@ struct ProbeRun {
 };
 
 /// Copies the probe program into `folder` and runs it there.
-ProbeRun run_probe(const ScratchFolder& folder, const std::string& args = "--stderr-logger") {
+ProbeRun run_probe(const ScratchFolder& folder, const std::string& args) {
     const fs::path probe = folder.path() / fs::path(CLIENT_TEST_PROBE).filename();
     fs::copy_file(CLIENT_TEST_PROBE, probe, fs::copy_options::overwrite_existing);
     const std::string command = quoted(probe) + " " + args + " > " +
@@ -114,57 +112,31 @@ TEST(PluginFolders, PlatformNamingAndExecutableFolder) {
 TEST(PluginFolders, ListsOnlyMatchingLibrariesWithoutPrefixAndExtension) {
     ScratchFolder dir;
     for (const std::string& name :
-         {lib("qor_b_sdk_cpp"), lib("qor_sdk_cpp"), lib("qor_a_sdk_cpp"), lib("qor_c_sdk_cpp") + ".1",
-          lib("qor_d_sdk_cpp") + ".txt", lib("other_sdk_cpp"), "x" + lib("qor_e_sdk_cpp"),
-          lib("qor_f_sdk_cpp_x"), lib("QOR_g_sdk_cpp")}) {
+         {lib("qor_b_sdk_cpp"), lib("qor_sdk_cpp"), lib("qor_a_sdk_cpp"),
+          lib("qor_c_sdk_cpp") + ".1", lib("qor_d_sdk_cpp") + ".txt", lib("other_sdk_cpp"),
+          "x" + lib("qor_e_sdk_cpp"), lib("qor_f_sdk_cpp_x"), lib("QOR_g_sdk_cpp")}) {
         dir.touch(name);
     }
     fs::create_directory(dir.path() / lib("qor_dir_sdk_cpp"));  // a folder is no library
     EXPECT_EQ(dax::plugins::get_plugins(dir.path().string(), "qor_", "sdk_cpp"),
               (std::vector<std::string>{"qor_a_sdk_cpp", "qor_b_sdk_cpp", "qor_sdk_cpp"}));
-}
-
-TEST(PluginFolders, PrefixAndSuffixMayNotShareCharacters) {
-    ScratchFolder dir;
+    // Prefix and suffix may not share characters.
     dir.touch(lib("abc"));
     dir.touch(lib("abbc"));
-    EXPECT_EQ(dax::plugins::get_plugins(dir.path().string(), "ab", "bc"),
-              std::vector<std::string>{"abbc"});
-}
-
-TEST(PluginFolders, MissingOrEmptyFolderHoldsNothing) {
-    ScratchFolder dir;
-    EXPECT_THAT(dax::plugins::get_plugins(dir.path().string(), "qor_", "sdk_cpp"), IsEmpty());
-    EXPECT_THAT(dax::plugins::get_plugins((dir.path() / "absent").string(), "qor_", "sdk_cpp"),
-                IsEmpty());
+    EXPECT_EQ(dax::plugins::get_plugins(dir.str(), "ab", "bc"), std::vector<std::string>{"abbc"});
+    EXPECT_THAT(dax::plugins::get_plugins(dir.str(), "none_", "sdk_cpp"), IsEmpty());
+    EXPECT_THAT(dax::plugins::get_plugins(dir.str() + "/absent", "qor_", "sdk_cpp"), IsEmpty());
 }
 
 // ---- the handler on its own ----------------------------------------------------------------
 
-/// Registers "logger" writing bare lines into a string for the test's duration.
-class CapturedLogger {
-  public:
-    CapturedLogger() {
-        spdlog::drop("logger");
-        auto sink = std::make_shared<spdlog::sinks::ostream_sink_mt>(text_);
-        logger_ = std::make_shared<spdlog::logger>("logger", sink);
-        // Lines end in "\n" on every platform (spdlog ends them in "\r\n" on Windows).
-        logger_->set_formatter(std::make_unique<spdlog::pattern_formatter>(
-            "%l|%v", spdlog::pattern_time_type::local, std::string("\n")));
-        spdlog::register_logger(logger_);
-    }
-    ~CapturedLogger() { spdlog::drop("logger"); }
-    std::string lines() const { return text_.str(); }
-
-  private:
-    std::ostringstream text_;
-    std::shared_ptr<spdlog::logger> logger_;
-};
-
 using Handler = dax::plugins::PluginHandler<dax::client::IModuleFactory>;
 
 TEST(PluginHandler, ReportsEachFailureNamingTheFileOnly) {
-    CapturedLogger log;
+    // The handler reports through the logger named "logger".
+    test_support::CapturedLog log(spdlog::level::trace, "logger");
+    spdlog::drop("logger");
+    spdlog::register_logger(log.logger);
     ScratchFolder dir;
     dir.touch(lib("qor_broken_sdk_cpp"));
     dir.add_plugin(lib("qor_test_noinit_sdk_cpp"), lib("qor_noinit_sdk_cpp"));
@@ -174,12 +146,12 @@ TEST(PluginHandler, ReportsEachFailureNamingTheFileOnly) {
     std::string name = "stale";
 
     EXPECT_FALSE(handler.load(folder, "qor_missing_sdk_cpp", name));
-    EXPECT_EQ(log.lines(), "error|[Server] Could not find plugin " + lib("qor_missing_sdk_cpp") + "\n");
+    EXPECT_EQ(log.text(),
+              "error [Server] Could not find plugin " + lib("qor_missing_sdk_cpp") + "\n");
 
     EXPECT_FALSE(handler.load(folder, "qor_broken_sdk_cpp", name));
-    EXPECT_THAT(log.lines(),
-                HasSubstr("error|[Server] Failed to load plugin " + lib("qor_broken_sdk_cpp") + ": " +
-                          kNotALibraryCode));
+    EXPECT_THAT(log.text(), HasSubstr("error [Server] Failed to load plugin " +
+                                      lib("qor_broken_sdk_cpp") + ": " + kNotALibraryCode));
     EXPECT_EQ(handler.loaded_count(), 0u);
 
     ::testing::internal::CaptureStderr();
@@ -190,15 +162,15 @@ TEST(PluginHandler, ReportsEachFailureNamingTheFileOnly) {
     EXPECT_EQ(handler.loaded_count(), 1u);  // stays loaded until the end
 
     EXPECT_FALSE(handler.load(folder, "qor_noinit_sdk_cpp", name));
-    EXPECT_THAT(
-        log.lines(),
-        HasSubstr("error|[Server] Failed initializing plugin : " + lib("qor_noinit_sdk_cpp") + "\n"));
+    EXPECT_THAT(log.text(), HasSubstr("error [Server] Failed initializing plugin : " +
+                                      lib("qor_noinit_sdk_cpp") + "\n"));
     EXPECT_EQ(name, "twin");  // the name from "GetName" is kept
     EXPECT_EQ(handler.loaded_count(), 2u);
     EXPECT_TRUE(handler.factory_table().table().empty());
 
     handler.unload();
     EXPECT_EQ(handler.loaded_count(), 0u);
+    spdlog::drop("logger");
 }
 
 TEST(PluginHandler, GoodPluginRegistersItsCreatorUntilUnloaded) {
@@ -240,111 +212,123 @@ TEST(PluginHandler, GoodPluginRegistersItsCreatorUntilUnloaded) {
 
 // ---- whole constructions, each in a folder of its own ----------------------------------------
 
-TEST(ClientConstruction, FolderWithOnlyTheSdkPrintsTheTwoLinesAndSubscribes) {
-    ScratchFolder dir;
-    dir.add_sdk();  // skipped by name: as a plug-in it would be reported ("unknown plugin name")
-    const ProbeRun run = run_probe(dir);
-    EXPECT_EQ(run.status, 0);
-    EXPECT_EQ(run.out, kStart +
-                           "probe: factories=0 bindings=29 timeout=1000 version=-1\n"
-                           "[Client] Cleanup\n"
-                           "probe: peer bindings=0 pending=29\n");
-    EXPECT_EQ(run.err, "");
-}
-
-TEST(ClientConstruction, OnlyTheExactOwnNameIsSkipped) {
-    ScratchFolder dir;
-    dir.add_sdk();
-    dir.touch(lib("qor_xsdk_cpp"));
-    const ProbeRun run = run_probe(dir);
-    EXPECT_EQ(run.status, 0);
-    EXPECT_THAT(run.err,
-                HasSubstr("[Server] Failed to load plugin " + lib("qor_xsdk_cpp") + ": " +
-                          kNotALibraryCode));
-    EXPECT_THAT(run.err, ::testing::Not(HasSubstr(lib("qor_sdk_cpp"))));
-    EXPECT_THAT(run.out, HasSubstr("probe: factories=0 bindings=29 timeout=1000 version=-1\n"));
-}
-
-TEST(ClientConstruction, GoodPluginIsAnnouncedAndItsFactoriesUsed) {
-    ScratchFolder dir;
-    dir.add_sdk();
-    dir.add_plugin(lib("qor_test_good_sdk_cpp"), lib("qor_good_sdk_cpp"));
-    const ProbeRun run = run_probe(dir, "--stderr-logger --create Counter");
-    EXPECT_EQ(run.status, 0);
-    EXPECT_EQ(run.out, kStart +
-                           "[Client] * Loaded plugin test_good (Body and Counter)\n"
-                           "probe: factories=2 bindings=29 timeout=1000 version=-1\n"
-                           "probe: created Counter id=0\n"
-                           "[Client] Cleanup\n"
-                           "probe: peer bindings=0 pending=29\n");
-    EXPECT_EQ(run.err, "");
-}
-
-TEST(ClientConstruction, ThrowingPluginStopsTheSearchAndTheSubscriptions) {
-    ScratchFolder dir;
-    dir.add_plugin(lib("qor_test_throw_sdk_cpp"), lib("qor_1throw_sdk_cpp"));
-    dir.add_plugin(lib("qor_test_good_sdk_cpp"), lib("qor_2good_sdk_cpp"));
-    const ProbeRun run = run_probe(dir);
-    EXPECT_EQ(run.status, 0);
-    EXPECT_EQ(run.err, "[Client] * Failed to load plugin " + dir.path().string() +
-                           "/qor_1throw_sdk_cpp: test plugin refuses to load\n");
-    // The defaults hold from the start, so the early return leaves them in place.
-    EXPECT_EQ(run.out, kStart +
-                           "probe: factories=0 bindings=0 timeout=1000 version=-1\n"
-                           "[Client] Cleanup\n"
-                           "probe: peer bindings=0 pending=0\n");
-}
-
-TEST(ClientConstruction, NamelessPluginIsReportedAndTheSearchGoesOn) {
-    ScratchFolder dir;
-    dir.add_plugin(lib("qor_test_noname_sdk_cpp"), lib("qor_1noname_sdk_cpp"));
-    dir.add_plugin(lib("qor_test_good_sdk_cpp"), lib("qor_2good_sdk_cpp"));
-    const ProbeRun run = run_probe(dir);
-    EXPECT_EQ(run.status, 0);
-    EXPECT_EQ(run.err, "Failed initializing " + lib("qor_1noname_sdk_cpp") + ": unknown plugin name\n");
-    EXPECT_THAT(run.out, HasSubstr("[Client] * Loaded plugin test_good (Body and Counter)\n"));
-    EXPECT_THAT(run.out, HasSubstr("factories=2 bindings=29"));
-}
-
-TEST(ClientConstruction, PluginsSharingANameUseWhateverTheTableHoldsAtEachLoad) {
-    ScratchFolder dir;
-    dir.add_plugin(lib("qor_test_twin_a_sdk_cpp"), lib("qor_1twin_sdk_cpp"));
-    dir.add_plugin(lib("qor_test_noinit_sdk_cpp"), lib("qor_2twin_sdk_cpp"));
-    dir.add_plugin(lib("qor_test_twin_b_sdk_cpp"), lib("qor_3twin_sdk_cpp"));
-    const ProbeRun run = run_probe(dir);
-    EXPECT_EQ(run.status, 0);
-    // The second library has no "PluginInit", yet its name finds the first one's function.
-    EXPECT_EQ(run.out, kStart +
-                           "[Client] * Loaded plugin twin (first twin)\n"
-                           "[Client] * Loaded plugin twin (first twin)\n"
-                           "[Client] * Loaded plugin twin (second twin)\n"
-                           "probe: factories=0 bindings=29 timeout=1000 version=-1\n"
-                           "[Client] Cleanup\n"
-                           "probe: peer bindings=0 pending=29\n");
-    EXPECT_EQ(run.err, "[Server] Failed initializing plugin : " + lib("qor_2twin_sdk_cpp") + "\n");
-}
-
-TEST(ClientConstruction, ThrowFromRegisterFactoriesReleasesWhatWasGathered) {
-    ScratchFolder dir;
-    dir.add_plugin(lib("qor_test_throw_register_sdk_cpp"), lib("qor_bad_sdk_cpp"));
-    const ProbeRun run = run_probe(dir);
-    EXPECT_EQ(run.status, 0);
-    // Not the plug-in search's own failure: the exception leaves the constructor, and the
-    // factory appended before it is deleted while its library is still loaded.
-    EXPECT_EQ(run.out, kStart +
-                           "plugin: factory released\n"
-                           "probe: construction failed: test plugin cannot register\n"
-                           "probe: peer bindings=0 pending=0\n");
-    EXPECT_EQ(run.err, "");
-}
-
-TEST(ClientConstruction, FailureWithoutAnApplicationLoggerStillGetsReported) {
-    ScratchFolder dir;
-    dir.touch(lib("qor_broken_sdk_cpp"));
-    const ProbeRun run = run_probe(dir, "");
-    EXPECT_EQ(run.status, 0);
-    EXPECT_THAT(run.out, HasSubstr("[Server] Failed to load plugin " + lib("qor_broken_sdk_cpp")));
-    EXPECT_THAT(run.out, HasSubstr("probe: factories=0 bindings=29"));
+// Each row runs the probe in a folder of its own holding the plug-ins named (built as, copied
+// to); `out` and `err` are the whole output unless marked as a part of it. "{dir}" stands for
+// the folder.
+TEST(ClientConstruction, EachFolderGivesItsOutputAndSubscriptions) {
+    struct Row {
+        const char* name;
+        bool sdk;
+        std::vector<std::pair<std::string, std::string>> plugins;
+        std::vector<std::string> not_libraries;
+        std::string args, out, err;
+        bool out_part, err_part;
+    };
+    const std::string plain = "probe: factories=0 bindings=29 timeout=1000 version=-1\n";
+    const std::string ended = "[Client] Cleanup\nprobe: peer bindings=0 pending=29\n";
+    const std::string good = "[Client] * Loaded plugin test_good (Body and Counter)\n";
+    const Row rows[] = {
+        // Skipped by name: as a plug-in the SDK would be reported ("unknown plugin name").
+        {"only the SDK", true, {}, {}, "--stderr-logger", kStart + plain + ended, "", false, false},
+        {"only the exact own name is skipped",
+         true,
+         {},
+         {lib("qor_xsdk_cpp")},
+         "--stderr-logger",
+         plain,
+         "[Server] Failed to load plugin " + lib("qor_xsdk_cpp") + ": " + kNotALibraryCode,
+         true,
+         true},
+        {"a good plug-in",
+         true,
+         {{"qor_test_good_sdk_cpp", "qor_good_sdk_cpp"}},
+         {},
+         "--stderr-logger --create Counter",
+         kStart + good + "probe: factories=2 bindings=29 timeout=1000 version=-1\n" +
+             "probe: created Counter id=0\n" + ended,
+         "",
+         false,
+         false},
+        // The defaults hold from the start, so the early return leaves them in place.
+        {"a throwing plug-in stops the search and the subscriptions",
+         false,
+         {{"qor_test_throw_sdk_cpp", "qor_1throw_sdk_cpp"},
+          {"qor_test_good_sdk_cpp", "qor_2good_sdk_cpp"}},
+         {},
+         "--stderr-logger",
+         kStart + "probe: factories=0 bindings=0 timeout=1000 version=-1\n" +
+             "[Client] Cleanup\nprobe: peer bindings=0 pending=0\n",
+         "[Client] * Failed to load plugin {dir}/qor_1throw_sdk_cpp: test plugin refuses to load\n",
+         false,
+         false},
+        {"a nameless plug-in is reported and the search goes on",
+         false,
+         {{"qor_test_noname_sdk_cpp", "qor_1noname_sdk_cpp"},
+          {"qor_test_good_sdk_cpp", "qor_2good_sdk_cpp"}},
+         {},
+         "--stderr-logger",
+         good + "probe: factories=2 bindings=29",
+         "Failed initializing " + lib("qor_1noname_sdk_cpp") + ": unknown plugin name\n",
+         true,
+         false},
+        // The second library has no "PluginInit", yet its name finds the first one's function.
+        {"plug-ins sharing a name use whatever the table holds at each load",
+         false,
+         {{"qor_test_twin_a_sdk_cpp", "qor_1twin_sdk_cpp"},
+          {"qor_test_noinit_sdk_cpp", "qor_2twin_sdk_cpp"},
+          {"qor_test_twin_b_sdk_cpp", "qor_3twin_sdk_cpp"}},
+         {},
+         "--stderr-logger",
+         kStart + "[Client] * Loaded plugin twin (first twin)\n" +
+             "[Client] * Loaded plugin twin (first twin)\n" +
+             "[Client] * Loaded plugin twin (second twin)\n" + plain + ended,
+         "[Server] Failed initializing plugin : " + lib("qor_2twin_sdk_cpp") + "\n",
+         false,
+         false},
+        // Not the search's own failure: the exception leaves the constructor, and the factory
+        // appended before it is deleted while its library is still loaded.
+        {"a throw from registerFactories releases what was gathered",
+         false,
+         {{"qor_test_throw_register_sdk_cpp", "qor_bad_sdk_cpp"}},
+         {},
+         "--stderr-logger",
+         kStart + "plugin: factory released\n" +
+             "probe: construction failed: test plugin cannot register\n" +
+             "probe: peer bindings=0 pending=0\n",
+         "",
+         false,
+         false},
+        {"a failure without an application logger still gets reported",
+         false,
+         {},
+         {lib("qor_broken_sdk_cpp")},
+         "",
+         "[Server] Failed to load plugin " + lib("qor_broken_sdk_cpp"),
+         "",
+         true,
+         false},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        ScratchFolder dir;
+        if (row.sdk) dir.add_sdk();
+        for (const auto& [built, as] : row.plugins) dir.add_plugin(lib(built), lib(as));
+        for (const std::string& name : row.not_libraries) dir.touch(name);
+        const ProbeRun run = run_probe(dir, row.args);
+        EXPECT_EQ(run.status, 0);
+        if (row.out_part)
+            EXPECT_THAT(run.out, HasSubstr(row.out));
+        else
+            EXPECT_EQ(run.out, row.out);
+        std::string err = row.err;
+        const auto at = err.find("{dir}");
+        if (at != std::string::npos) err.replace(at, 5, dir.path().string());
+        if (row.err_part)
+            EXPECT_THAT(run.err, HasSubstr(err));
+        else
+            EXPECT_EQ(run.err, err);
+        EXPECT_THAT(run.err, ::testing::Not(HasSubstr(lib("qor_sdk_cpp"))));
+    }
 }
 
 }  // namespace

@@ -39,10 +39,10 @@ std::string read_error(const std::vector<uint8_t>& bytes) {
 
 struct IntegerRow {
     const char* bytes;
-    long long as_64;     // int64_t (long on Linux) and long long
-    int as_int;          // int: low 32 bits
-    uint32_t as_u32;     // uint32_t: low 32 bits
-    uint64_t as_u;       // uint64_t: all 64 bits
+    long long as_64;  // int64_t (long on Linux) and long long
+    int as_int;       // int: low 32 bits
+    uint32_t as_u32;  // uint32_t: low 32 bits
+    uint64_t as_u;    // uint64_t: all 64 bits
 };
 
 const IntegerRow integer_rows[] = {
@@ -165,32 +165,33 @@ TEST(ReadBinary, PayloadIsCopiedNotShared) {
 }
 
 TEST(ReadContainer, HeadersOfEveryFormAndTheirRefusals) {
-    const auto array16 = hex("dc 00 02 01 02");
-    msgpack::ReadBuffer a(array16.data(), array16.size());
-    EXPECT_EQ(msgpack::read_array_header(a), 2u);
-    EXPECT_EQ(a.position, 3u);
-
-    const auto map32 = hex("df 00 00 00 01 01 02");
-    msgpack::ReadBuffer m(map32.data(), map32.size());
-    EXPECT_EQ(msgpack::read_map_header(m), 1u);
-    EXPECT_EQ(m.position, 5u);
-
-    const auto fixmap = hex("80 90");
-    msgpack::ReadBuffer f(fixmap.data(), fixmap.size());
-    EXPECT_EQ(msgpack::read_map_header(f), 0u);
-    EXPECT_EQ(msgpack::read_array_header(f), 0u);
-    EXPECT_EQ(f.position, 2u);
-
-    const auto wrong = hex("81 01 01");
-    msgpack::ReadBuffer w(wrong.data(), wrong.size());
-    EXPECT_EQ(error_of([&] { msgpack::read_array_header(w); }),
-              "inconsistent data while parsing array");
-    EXPECT_EQ(w.position, 0u);
-    const auto wrong_map = hex("91 01");
-    msgpack::ReadBuffer wm(wrong_map.data(), wrong_map.size());
-    EXPECT_EQ(error_of([&] { msgpack::read_map_header(wm); }),
-              "inconsistent data while parsing map");
-    EXPECT_EQ(wm.position, 0u);
+    struct Row {
+        const char* bytes;
+        bool map;
+        uint64_t count, position;  // position 0: refused with `error`, nothing consumed
+        const char* error;
+    };
+    const Row rows[] = {
+        {"dc 00 02 01 02", false, 2, 3, ""},
+        {"df 00 00 00 01 01 02", true, 1, 5, ""},
+        {"80 90", true, 0, 1, ""},
+        {"90 80", false, 0, 1, ""},
+        {"81 01 01", false, 0, 0, "inconsistent data while parsing array"},
+        {"91 01", true, 0, 0, "inconsistent data while parsing map"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.bytes);
+        const auto bytes = hex(row.bytes);
+        msgpack::ReadBuffer in(bytes.data(), bytes.size());
+        uint64_t count = 0;
+        EXPECT_EQ(error_of([&] {
+                      count =
+                          row.map ? msgpack::read_map_header(in) : msgpack::read_array_header(in);
+                  }),
+                  row.error);
+        EXPECT_EQ(count, row.count);
+        EXPECT_EQ(in.position, row.position);
+    }
 }
 
 TEST(ReadContainer, VectorIsResizedToTheCountBeforeItsElementsAreRead) {
@@ -290,35 +291,33 @@ TEST(ReadRuns, VectorsOfNumbersAcceptEveryFormAndStopAtTheFailingValue) {
     EXPECT_EQ(longs, (std::vector<long long>{1, 0}));
 }
 
-TEST(ReadNumber, TakesIntegersAndBothFloatFormsAsDouble) {
+TEST(ReadNumber, TakesIntegersAndBothFloatFormsAsDoubleAndRefusesTheRest) {
     struct Row {
         const char* bytes;
         double expected;
+        const char* error;  // when refused; nothing is consumed
     };
     const Row rows[] = {
-        {"00", 0.0},
-        {"e0", -32.0},
-        {"cd 01 00", 256.0},
-        {"d3 ff ff ff ff ff ff ff fe", -2.0},
-        {"ca 3f c0 00 00", 1.5},
-        {"cb 3f b9 99 99 99 99 99 9a", 0.1},
+        {"00", 0.0, ""},
+        {"e0", -32.0, ""},
+        {"cd 01 00", 256.0, ""},
+        {"d3 ff ff ff ff ff ff ff fe", -2.0, ""},
+        {"ca 3f c0 00 00", 1.5, ""},
+        {"cb 3f b9 99 99 99 99 99 9a", 0.1, ""},
+        {"a1 41", 0, "expecting integer value"},
+        {"cb 3f f0", 0, "unexpected end of data"},
+        {"", 0, "unexpected end of data"},
     };
     for (const Row& row : rows) {
+        SCOPED_TRACE(row.bytes);
         const std::vector<uint8_t> bytes = hex(row.bytes);
         msgpack::ReadBuffer in(bytes.data(), bytes.size());
-        EXPECT_EQ(row.expected, msgpack::read_number(in)) << row.bytes;
-        EXPECT_EQ(bytes.size(), in.position) << row.bytes;
+        double value = 0;
+        EXPECT_EQ(error_of([&] { value = msgpack::read_number(in); }), row.error);
+        EXPECT_EQ(value, row.expected);
+        if (*row.error)
+            EXPECT_EQ(in.position, 0u);
+        else
+            EXPECT_EQ(in.position, bytes.size());
     }
-}
-
-TEST(ReadNumber, RefusesOtherFormsAndTruncation) {
-    const std::vector<uint8_t> text = hex("a1 41");
-    msgpack::ReadBuffer in(text.data(), text.size());
-    EXPECT_EQ("expecting integer value", error_of([&] { msgpack::read_number(in); }));
-    EXPECT_EQ(0u, in.position);
-    const std::vector<uint8_t> cut = hex("cb 3f f0");
-    msgpack::ReadBuffer short_in(cut.data(), cut.size());
-    EXPECT_EQ("unexpected end of data", error_of([&] { msgpack::read_number(short_in); }));
-    msgpack::ReadBuffer empty(cut.data(), 0);
-    EXPECT_EQ("unexpected end of data", error_of([&] { msgpack::read_number(empty); }));
 }

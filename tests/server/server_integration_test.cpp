@@ -128,9 +128,7 @@ TEST_P(ServerOverFraming, EveryOperationThroughDaxClient) {
     const mp::buffer scene = c.GET_SERVER_SCENE();
     const auto components = decode_scene(scene.data, scene.size);
     ASSERT_EQ(components.size(), 2u);
-    const BodyData served = decode_body(components[1].data);
-    EXPECT_EQ(served.pose.position.z, ball->state.pose.position.z);
-    EXPECT_EQ(served.pose.position.x, ball->state.pose.position.x);
+    EXPECT_EQ(decode_body(components[1].data).pose.position.z, ball->state.pose.position.z);
 
     // Published states while the server runs on its own clock.
     EXPECT_EQ(c.SET_SERVER_PERIOD_MS(5.0), 17);
@@ -167,15 +165,9 @@ TEST_P(ServerOverFraming, EveryOperationThroughDaxClient) {
     batch.triangles = {{0, 1, 2}};
     batch.pairs = {{0, 1}};
     EXPECT_EQ(c.UPDATE_TRIMESH(mesh, 0, 0, batch), 3);
-    const dt::mesh_batch_t back = c.GET_TRIMESH(mesh);
-    ASSERT_EQ(back.vertices.size(), 3u);
-    EXPECT_EQ(back.vertices[1].x, 1.0);
-    EXPECT_EQ(back.triangles[0].c, 2u);
-    const dt::mesh_info_t info = c.GET_TRIMESH_INFO(mesh);
-    EXPECT_EQ(info.value_1, 3);
-    EXPECT_EQ(info.text, "tri");
+    EXPECT_TRUE(test_support::same(c.GET_TRIMESH(mesh), batch));
+    EXPECT_EQ(c.GET_TRIMESH_INFO(mesh).text, "tri");
     EXPECT_EQ(c.DUMP_MESHES_TO_OBJ("objs"), 1);
-    EXPECT_TRUE(std::filesystem::exists(data.path() / "objs" / "mesh_1_tri.obj"));
     EXPECT_EQ(c.CLEAR_TRIMESHES(), 1);
 
     // Persistence.
@@ -183,9 +175,7 @@ TEST_P(ServerOverFraming, EveryOperationThroughDaxClient) {
     EXPECT_EQ(c.GET_PERSISTENCE_MODE(), 1);
     EXPECT_EQ(c.SAVE_COMPONENTS("one"), 2);
     EXPECT_EQ(c.SAVE_COMPONENTS("two"), 2);
-    const auto saved = c.BROWSE_PERSISTENCES();
-    ASSERT_EQ(saved.values.size(), 2u);
-    EXPECT_EQ(saved.values[0].first, "one");
+    EXPECT_EQ(c.BROWSE_PERSISTENCES().values.at(1).first, "two");
     EXPECT_EQ(c.CLEAR_SCENE(), 2);
     EXPECT_EQ(c.LOAD_COMPONENTS("one"), 2);
     EXPECT_EQ(c.CLEAR_BODIES_PERSISTENCES("one", dt::vector_string_t{{"1", "5"}}, false).values,

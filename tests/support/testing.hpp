@@ -44,10 +44,14 @@ inline std::vector<uint8_t> hex(std::string_view text) {
     for (const char c : text) {
         int v;
         if (c == ' ' || c == '\n' || c == '\t') continue;
-        if (c >= '0' && c <= '9') v = c - '0';
-        else if (c >= 'a' && c <= 'f') v = c - 'a' + 10;
-        else if (c >= 'A' && c <= 'F') v = c - 'A' + 10;
-        else throw std::invalid_argument("bad hex digit in test vector: " + std::string(text));
+        if (c >= '0' && c <= '9')
+            v = c - '0';
+        else if (c >= 'a' && c <= 'f')
+            v = c - 'a' + 10;
+        else if (c >= 'A' && c <= 'F')
+            v = c - 'A' + 10;
+        else
+            throw std::invalid_argument("bad hex digit in test vector: " + std::string(text));
         if (high < 0) {
             high = v;
         } else {
@@ -149,12 +153,12 @@ struct CapturedLog {
     std::ostringstream lines;
     std::shared_ptr<spdlog::logger> logger;
 
-    explicit CapturedLog(spdlog::level::level_enum level) {
+    explicit CapturedLog(spdlog::level::level_enum level, const std::string& name = "test") {
         auto sink = std::make_shared<spdlog::sinks::ostream_sink_mt>(lines);
         // Lines end in "\n" on every platform (spdlog ends them in "\r\n" on Windows).
         sink->set_formatter(std::make_unique<spdlog::pattern_formatter>(
             "%l %v", spdlog::pattern_time_type::local, std::string("\n")));
-        logger = std::make_shared<spdlog::logger>("test", sink);
+        logger = std::make_shared<spdlog::logger>(name, sink);
         logger->set_level(level);
     }
     std::string text() const { return lines.str(); }
@@ -282,10 +286,12 @@ CallResult run(SimulationCore& core, const std::string& name, const A&... args) 
     std::vector<uint8_t> bytes;
     const auto pack_one = [&bytes](const auto& v) {
         using T = std::decay_t<decltype(v)>;
-        if constexpr (dax::types::is_record_v<T>) dax::types::pack(bytes, v);
+        if constexpr (dax::types::is_record_v<T>)
+            dax::types::pack(bytes, v);
         else if constexpr (std::is_array_v<std::remove_reference_t<decltype(v)>>)
             mp::pack(bytes, static_cast<const char*>(v));  // a string literal
-        else mp::pack(bytes, v);
+        else
+            mp::pack(bytes, v);
     };
     (void)pack_one;  // unused when there are no arguments
     (pack_one(args), ...);
@@ -299,8 +305,10 @@ T value_of(const CallResult& r) {
     T out{};
     if (!r.ok) return out;
     mp::ReadBuffer in(r.value.data(), r.value.size());
-    if constexpr (dax::types::is_record_v<T>) dax::types::read(in, out);
-    else mp::read(in, out);
+    if constexpr (dax::types::is_record_v<T>)
+        dax::types::read(in, out);
+    else
+        mp::read(in, out);
     EXPECT_EQ(in.remaining(), 0u) << "result holds more than one value";
     return out;
 }
@@ -357,9 +365,9 @@ inline std::map<int64_t, BodyState> states_of(const dax::types::integration_resu
 
 /// Skips the current test when `available` is false, or fails it under CI. `what` names the
 /// missing tool; use it first thing in a TEST body or a fixture's SetUp.
-#define QOR_REQUIRE_TOOL(available, what)                                                  \
-    if (available) {                                                                       \
-    } else if (::test_support::in_ci()) {                                                  \
+#define QOR_REQUIRE_TOOL(available, what)                                                    \
+    if (available) {                                                                         \
+    } else if (::test_support::in_ci()) {                                                    \
         GTEST_FAIL() << what << " is missing; under CI scripts/install-deps must supply it"; \
-    } else                                                                                 \
+    } else                                                                                   \
         GTEST_SKIP() << what << " is missing"

@@ -29,7 +29,8 @@ struct Case {
     std::string message;
 };
 
-TEST(RecordErrors, FieldCountAtEveryLevel) {
+// The field count at every level, forms refused, and the count compared before the bytes left.
+TEST(RecordErrors, EachMalformedRecordGivesItsText) {
     const Case cases[] = {
         {"mesh batch", "92 90 90", read_error<mesh_batch_t>, count_error(2, 3)},
         {"vertex with two coordinates", "93 91 92 " + D1 + D1 + "90 90", read_error<mesh_batch_t>,
@@ -80,12 +81,6 @@ TEST(RecordErrors, FieldCountAtEveryLevel) {
          "95 00 90 90 90 91 96 00 " + POSE + D0 + "C2 00 91 94 " + POSE + D0 + "92 90 90",
          read_error<art_frame_t>, count_error(2, 1)},
         {"art body", "95 00 91 92 00 92 " + POSE + D0, read_error<art_frame_t>, count_error(2, 3)},
-    };
-    for (const Case& c : cases) EXPECT_EQ(c.reader(hex(c.bytes)), c.message) << c.what;
-}
-
-TEST(RecordErrors, FormsRefused) {
-    const Case cases[] = {
         {"states as str", "95 A2 0102 00 " + VEC3 + VEC3 + DETAILS,
          read_error<integration_result_t>, "inconsistent data while parsing binary data"},
         {"pose from integers", "97 01 02 03 01 00 00 00", read_error<pose7_t>,
@@ -106,6 +101,16 @@ TEST(RecordErrors, FormsRefused) {
          "inconsistent data while parsing string"},
         {"number as string", "91 91 92 A1 78 A1 79", read_error<vector_pair_string_double_t>,
          "expected double value"},
+        // A header announcing more fields than the bytes could hold is a wrong count first.
+        {"vertex header alone", "94", read_error<vec3d_t>, count_error(4, 3)},
+        {"moticon frame header alone", "93", read_error<moticon_frame_t>, count_error(3, 2)},
+        {"name and number", "91 91 93 A1 78", read_error<vector_pair_string_double_t>,
+         count_error(3, 2)},
+        {"vertex of array 32", "93 91 DD FFFFFFFF", read_error<mesh_batch_t>,
+         "reading struct : wrong number of fields. 4294967295 fields in message, 3 in struct"},
+        {"frame of array 16", "DC 0100 00", read_error<xsens_frame_t>, count_error(256, 1)},
+        // The right count with the fields cut short is the truncation it is.
+        {"vertex cut short", "93 CB 3FF0", read_error<vec3d_t>, "unexpected end of data"},
     };
     for (const Case& c : cases) EXPECT_EQ(c.reader(hex(c.bytes)), c.message) << c.what;
 }
@@ -125,22 +130,6 @@ TEST(RecordErrors, RefusedCountConsumesOnlyTheHeader) {
     mp::ReadBuffer in(data.data(), data.size());
     vector_bool_t flags;
     EXPECT_EQ(read_error(data, flags), count_error(3, 1));
-}
-
-TEST(RecordErrors, CountIsComparedBeforeTheBytesLeft) {
-    // A header announcing more fields than the bytes could hold is a wrong count first.
-    const Case cases[] = {
-        {"vertex header alone", "94", read_error<vec3d_t>, count_error(4, 3)},
-        {"moticon frame header alone", "93", read_error<moticon_frame_t>, count_error(3, 2)},
-        {"name and number", "91 91 93 A1 78", read_error<vector_pair_string_double_t>,
-         count_error(3, 2)},
-        {"vertex of array 32", "93 91 DD FFFFFFFF", read_error<mesh_batch_t>,
-         "reading struct : wrong number of fields. 4294967295 fields in message, 3 in struct"},
-        {"frame of array 16", "DC 0100 00", read_error<xsens_frame_t>, count_error(256, 1)},
-        // The right count with the fields cut short is the truncation it is.
-        {"vertex cut short", "93 CB 3FF0", read_error<vec3d_t>, "unexpected end of data"},
-    };
-    for (const Case& c : cases) EXPECT_EQ(c.reader(hex(c.bytes)), c.message) << c.what;
 }
 
 TEST(RecordErrors, TruncatedFixedRecordsInALongList) {

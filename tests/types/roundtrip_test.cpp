@@ -122,7 +122,6 @@ void ref_read(mp::ReadBuffer& in, T& v) {
     }
 }
 
-
 template <class T>
 class EveryRecord : public ::testing::Test {};
 
@@ -211,54 +210,6 @@ TEST(FixedSizeRecords, LongListsMatchTheReferenceBothWays) {
     // Inside records that are not fixed-size themselves.
     check(random_record<openvr_frame_t>(3));
     check(random_record<art_frame_t>(3));
-}
-
-TEST(FixedSizeRecords, ElementsInOtherFormsAnywhereInAList) {
-    // Each triangle index and each vertex coordinate is written either in the fixed form or in
-    // another accepted one (smallest integer, float 32); every element must read the same.
-    std::mt19937_64 rng(11);
-    std::vector<index_triple_t> triangles(400);
-    std::vector<vec3d_t> vertices(400);
-    std::vector<uint8_t> tri_bytes, vert_bytes;
-    mp::pack_array_header(tri_bytes, triangles.size());
-    mp::pack_array_header(vert_bytes, vertices.size());
-    for (std::size_t i = 0; i < triangles.size(); ++i) {
-        auto& t = triangles[i];
-        t = {static_cast<uint32_t>(rng() >> (rng() % 64)), static_cast<uint32_t>(rng() % 300),
-             static_cast<uint32_t>(rng())};
-        mp::pack_array_header(tri_bytes, 3);
-        for (uint32_t index : {t.a, t.b, t.c}) {
-            if (rng() % 4 == 0)
-                mp::pack(tri_bytes, static_cast<long long>(index));
-            else
-                mp::pack(tri_bytes, index);
-        }
-        auto& v = vertices[i];
-        mp::pack_array_header(vert_bytes, 3);
-        for (double* c : {&v.x, &v.y, &v.z}) {
-            if (rng() % 4 == 0) {
-                const float single = static_cast<float>(static_cast<int32_t>(rng())) / 1024.0f;
-                *c = single;
-                uint32_t bits;
-                std::memcpy(&bits, &single, 4);
-                vert_bytes.push_back(0xCA);
-                for (int s = 24; s >= 0; s -= 8)
-                    vert_bytes.push_back(static_cast<uint8_t>(bits >> s));
-            } else {
-                *c = random_bits_double(rng);
-                mp::pack(vert_bytes, *c);
-            }
-        }
-    }
-    std::vector<index_triple_t> tri_back;
-    std::vector<vec3d_t> vert_back;
-    uint64_t consumed = 0;
-    tri_back = decode<std::vector<index_triple_t>>(tri_bytes, &consumed);
-    EXPECT_EQ(consumed, tri_bytes.size());
-    vert_back = decode<std::vector<vec3d_t>>(vert_bytes, &consumed);
-    EXPECT_EQ(consumed, vert_bytes.size());
-    EXPECT_TRUE(same(tri_back, triangles));
-    EXPECT_TRUE(same(vert_back, vertices));
 }
 
 }  // namespace

@@ -81,9 +81,8 @@ TEST(WampCall, EachAnswerGivesItsValueErrorOrThrownText) {
         {"error", [](LoopbackPeer& p) { p.link.reply_last_error("qor.error.x"); }, true,
          "qor.error.x", ""},
         {"no arguments", [](LoopbackPeer& p) { p.link.reply_last_result(); }, false, "", ""},
-        {"does not decode",
-         [](LoopbackPeer& p) { p.link.reply_last_result(std::string("no")); }, false, "",
-         "inconsistent data while parsing array"},
+        {"does not decode", [](LoopbackPeer& p) { p.link.reply_last_result(std::string("no")); },
+         false, "", "inconsistent data while parsing array"},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);

@@ -73,14 +73,33 @@ TEST(WampPump, EmptyPeerDoesNothing) {
     EXPECT_TRUE(visits.empty());
 }
 
+// Each pass visits every endpoint in order, whatever the others return; an exception leaves
+// the pass at once.
 TEST(WampPump, EveryEndpointIsVisitedInOrderWhateverTheOthersReturn) {
+    const std::vector<std::string> all = {"first:first",   "server:first", "extra1:first",
+                                          "extra2:first",  "first:second", "server:second",
+                                          "extra1:second", "extra2:second"};
     struct Row {
         bool first, server, extra1, extra2, result;
+        bool first_endpoint, has_server, server_fails;
+        std::vector<std::string> visits;
     };
     const Row rows[] = {
-        {false, false, false, false, false}, {true, false, false, false, true},
-        {false, true, false, false, true},   {false, false, false, true, true},
-        {true, true, true, true, true},
+        {false, false, false, false, false, true, true, false, all},
+        {true, false, false, false, true, true, true, false, all},
+        {false, true, false, false, true, true, true, false, all},
+        {false, false, false, true, true, true, true, false, all},
+        {true, true, true, true, true, true, true, false, all},
+        {false,
+         false,
+         false,
+         true,
+         true,
+         false,
+         false,
+         false,
+         {"extra1:first", "extra2:first", "extra1:second", "extra2:second"}},
+        {false, false, false, false, false, true, true, true, {"first:first", "server:first"}},
     };
     for (const Row& row : rows) {
         ScriptedPeer p;
@@ -88,29 +107,19 @@ TEST(WampPump, EveryEndpointIsVisitedInOrderWhateverTheOthersReturn) {
         p.server.connection.busy = row.server;
         p.extra1.connection.busy = row.extra1;
         p.extra2.connection.busy = row.extra2;
-        EXPECT_EQ(p.peer.update_first(), row.result);
-        EXPECT_EQ(p.peer.update_second(), row.result);
-        EXPECT_EQ(p.visits,
-                  (std::vector<std::string>{"first:first", "server:first", "extra1:first",
-                                            "extra2:first", "first:second", "server:second",
-                                            "extra1:second", "extra2:second"}));
+        p.server.connection.fail = row.server_fails;
+        if (!row.first_endpoint) p.peer.first_endpoint = nullptr;
+        p.peer.has_server = row.has_server;
+        bool first = false, second = false;
+        const std::string error = error_of([&] {
+            first = p.peer.update_first();
+            second = p.peer.update_second();
+        });
+        EXPECT_EQ(error, row.server_fails ? "server failed" : "");
+        EXPECT_EQ(first, row.result);
+        EXPECT_EQ(second, row.result);
+        EXPECT_EQ(p.visits, row.visits);
     }
-}
-
-TEST(WampPump, WithoutServerFlagOrFirstEndpointTheRestStillRun) {
-    ScriptedPeer p;
-    p.peer.first_endpoint = nullptr;
-    p.peer.has_server = false;
-    p.extra2.connection.busy = true;
-    EXPECT_TRUE(p.peer.update_first());
-    EXPECT_EQ(p.visits, (std::vector<std::string>{"extra1:first", "extra2:first"}));
-}
-
-TEST(WampPump, AnExceptionLeavesThePassAtOnce) {
-    ScriptedPeer p;
-    p.server.connection.fail = true;
-    EXPECT_EQ(error_of([&] { p.peer.update_first(); }), "server failed");
-    EXPECT_EQ(p.visits, (std::vector<std::string>{"first:first", "server:first"}));
 }
 
 TEST(WampLoopback, DeliversInItsPassAndAnswersInjectedByHandlersWaitForTheNext) {
@@ -163,43 +172,50 @@ TEST(WampLoopback, GarbageFromThePeerRaisesInThePumpAndLeavesTheEndpointUsable) 
     EXPECT_EQ(results[0].value, 5);
 }
 
-TEST(WampSessionLog, TraceLineComesBeforeTheBytesAndOnlyAtTraceLevel) {
-    CapturedLog log(spdlog::level::trace);
-    Client client("server", log.logger.get());
-    std::string logged_before_write;
-    std::vector<uint8_t> written;
-    client.session.write = [&](const uint8_t* data, uint64_t size) {
-        logged_before_write = log.text();
-        written.assign(data, data + size);
+// What a send writes and logs; the trace line is logged before the bytes are written.
+TEST(WampSessionLog, TraceLinesAtTraceLevelOnlyShortenedByThePrintLimit) {
+    Message args(CALL, Id(7), "p");
+    args.args = {encoded(std::vector<int>{1, 2, 3})};
+    // Arguments are copied as they are: a str 32 header that promises 4 GiB cannot be printed.
+    Message bogus(CALL, Id(7), "p");
+    const std::vector<uint8_t> bogus_bytes = hex("DB FF FF FF FF");
+    bogus.args = {mp::buffer(bogus_bytes.data(), bogus_bytes.size())};
+    struct Row {
+        spdlog::level::level_enum level;
+        uint64_t limit;
+        Message message;
+        uint64_t written;  // 0: the send throws
+        std::string log;
     };
-    client.session.send(Message(CALL, Id(7), clear_scene));
-    EXPECT_EQ(logged_before_write,
-              "trace [server WAMP Out] [48, 7, {}, \"qor.server.operation.CLEAR_SCENE\"]\n");
-    EXPECT_EQ(written.size(), 38u);
-
-    CapturedLog quiet(spdlog::level::debug);
-    client.session.logger = quiet.logger.get();
-    written.clear();
-    client.session.send(Message(CALL, Id(7), clear_scene));
-    EXPECT_EQ(written.size(), 38u);
-    EXPECT_EQ(quiet.text(), "");
-}
-
-TEST(WampSessionLog, PrintLimitShortensTheTraceText) {
-    CapturedLog log(spdlog::level::trace);
-    Client client("s", log.logger.get());
-    client.session.write = [](const uint8_t*, uint64_t) {};
-    Message call(CALL, Id(7), "p");
-    call.args = {encoded(std::vector<int>{1, 2, 3})};
+    const Row rows[] = {
+        {spdlog::level::trace, print_limit, Message(CALL, Id(7), clear_scene), 38,
+         "trace [s WAMP Out] [48, 7, {}, \"qor.server.operation.CLEAR_SCENE\"]\n"},
+        {spdlog::level::debug, print_limit, Message(CALL, Id(7), clear_scene), 38, ""},
+        {spdlog::level::trace, 2, args, 11, "trace [s WAMP Out] [48, 7, ... (size=5)]\n"},
+        {spdlog::level::trace, 0, args, 11, "trace [s WAMP Out] [48, 7, {}, \"p\", [[1, 2, 3]]]\n"},
+        {spdlog::level::trace, print_limit, bogus, 12,
+         "trace [s WAMP Out] <unprintable: unexpected end of data>\n"},
+        {spdlog::level::trace, print_limit, Message(49), 0, ""},
+    };
     const uint64_t saved = print_limit;
-    print_limit = 2;
-    client.session.send(call);
-    print_limit = 0;
-    client.session.send(call);
-    print_limit = saved;
-    EXPECT_EQ(log.text(),
-              "trace [s WAMP Out] [48, 7, ... (size=5)]\n"
-              "trace [s WAMP Out] [48, 7, {}, \"p\", [[1, 2, 3]]]\n");
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.log);
+        CapturedLog log(row.level);
+        Client client("s", log.logger.get());
+        std::string logged_before_write;
+        uint64_t written = 0;
+        client.session.write = [&](const uint8_t*, uint64_t size) {
+            logged_before_write = log.text();
+            written = size;
+        };
+        print_limit = row.limit;
+        const std::string error = error_of([&] { client.session.send(row.message); });
+        print_limit = saved;
+        EXPECT_EQ(error.empty(), row.written != 0) << error;
+        EXPECT_EQ(written, row.written);
+        EXPECT_EQ(log.text(), row.log);
+        if (row.written != 0) EXPECT_EQ(logged_before_write, row.log);
+    }
 }
 
 TEST(WampSessionLog, CallAndSubscribeLinesUseTheEndpointName) {
@@ -215,28 +231,4 @@ TEST(WampSessionLog, CallAndSubscribeLinesUseTheEndpointName) {
         << text;
     // The CALL line comes before the message it announces.
     EXPECT_LT(text.find("CALL procedure"), text.find("WAMP Out] [48"));
-}
-
-TEST(WampSessionLog, SerializeFailureWritesAndLogsNothing) {
-    CapturedLog log(spdlog::level::trace);
-    Client client("s", log.logger.get());
-    int writes = 0;
-    client.session.write = [&writes](const uint8_t*, uint64_t) { ++writes; };
-    EXPECT_THROW(client.session.send(Message(49)), std::runtime_error);
-    EXPECT_EQ(writes, 0);
-    EXPECT_EQ(log.text(), "");
-}
-
-TEST(WampSessionLog, MessageThatCannotBePrintedIsStillWritten) {
-    CapturedLog log(spdlog::level::trace);
-    Client client("s", log.logger.get());
-    uint64_t written = 0;
-    client.session.write = [&written](const uint8_t*, uint64_t size) { written = size; };
-    // Arguments are copied as they are: a str 32 header that promises 4 GiB cannot be printed.
-    Message call(CALL, Id(7), "p");
-    const std::vector<uint8_t> bogus = hex("DB FF FF FF FF");
-    call.args = {mp::buffer(bogus.data(), bogus.size())};
-    client.session.send(call);
-    EXPECT_EQ(written, 12u);
-    EXPECT_EQ(log.text(), "trace [s WAMP Out] <unprintable: unexpected end of data>\n");
 }

@@ -62,10 +62,6 @@ TEST(WampSubscribe, OneSubscribePerTopicWithTheHandlerIdAsRequest) {
     EXPECT_EQ(
         bytes_of(p.link.written_bytes.back()),
         with(hex("94 20") + std::vector<uint8_t>{uint8_t(first)} + hex("80 B1"), update_topic));
-    const TopicEntry& topic = p.endpoint.subscriber.topics.at(update_topic);
-    EXPECT_EQ(topic.state, 0u);
-    EXPECT_EQ(topic.subscription.value(), 1u);
-    EXPECT_EQ(topic.handler_ids, (std::set<uint64_t>{first, second}));
 }
 
 TEST(WampSubscribe, StatusReachesPendingHandlersOnceAndLateJoinersAtOnce) {
@@ -80,10 +76,6 @@ TEST(WampSubscribe, StatusReachesPendingHandlersOnceAndLateJoinersAtOnce) {
     p.pump();
     EXPECT_EQ(a, (Status{{true, ""}}));
     EXPECT_EQ(b, (Status{{true, ""}}));
-    const TopicEntry& topic = p.endpoint.subscriber.topics.at(update_topic);
-    EXPECT_EQ(topic.state, 1u);
-    EXPECT_EQ(topic.subscription.value(), 5000u);
-    EXPECT_TRUE(p.endpoint.subscriber.pending_requests.empty());
 
     const size_t written = p.link.written.size();
     p.peer.bind_publish<types::integration_result_t>(update_topic, count_into(values), into(late));
@@ -102,10 +94,6 @@ TEST(WampSubscribe, FailureIsStoredAndToldToEveryHandler) {
     p.link.refuse_subscription(update_topic, "wamp.error.not_authorized");
     p.pump();
     EXPECT_EQ(a, (Status{{false, "wamp.error.not_authorized"}}));
-    const TopicEntry& topic = p.endpoint.subscriber.topics.at(update_topic);
-    EXPECT_NE(topic.state, 0u);
-    EXPECT_NE(topic.state, 1u);
-    EXPECT_EQ(topic.error, "wamp.error.not_authorized");
     p.peer.bind_publish<types::integration_result_t>(update_topic, count_into(values), into(late));
     EXPECT_EQ(late, (Status{{false, "wamp.error.not_authorized"}}));
 }
@@ -199,15 +187,10 @@ TEST(WampSubscribe, RefusedTopicRaisesAndLeavesItsEntriesBehind) {
               }),
               "wamp topic 'wamp.custom'invalid, cannot start with 'wamp'");
     EXPECT_TRUE(p.link.written.empty());
-    Subscriber& s = p.endpoint.subscriber;
-    ASSERT_EQ(s.handlers.size(), 1u);
-    EXPECT_EQ(s.handlers.begin()->second.topic, "wamp.custom");
-    ASSERT_EQ(s.topics.count("wamp.custom"), 1u);
-    EXPECT_EQ(s.topics.at("wamp.custom").state, 0u);
-    EXPECT_TRUE(s.topics.at("wamp.custom").handler_ids.empty());
-    EXPECT_EQ(s.pending_requests.size(), 1u);
-    // The leftover is not sent again after a reconnect.
-    EXPECT_NO_THROW(s.resubscribe());
+    // Its handler and request stay behind, and are not sent again after a reconnect.
+    EXPECT_EQ(p.endpoint.subscriber.handlers.size(), 1u);
+    EXPECT_EQ(p.endpoint.subscriber.pending_requests.size(), 1u);
+    EXPECT_NO_THROW(p.endpoint.subscriber.resubscribe());
     EXPECT_TRUE(p.link.written.empty());
 }
 
@@ -257,18 +240,12 @@ TEST(WampBindDevice, WaitsForAnEndpointThenSubscribesThere) {
     EXPECT_NE(b1, b2);
     EXPECT_TRUE(p.link.written.empty());
     EXPECT_TRUE(device_link.written.empty());
-    EXPECT_EQ(p.peer.pending_device_bindings.size(), 1u);
-    EXPECT_TRUE(p.peer.device_bindings.empty());
 
     p.peer.serve_topic("xsens_frame", &device);
-    EXPECT_TRUE(p.peer.pending_device_bindings.empty());
-    EXPECT_EQ(p.peer.topic_endpoints.at("xsens_frame"), &device);
     ASSERT_EQ(subscribes(device_link).size(), 1u);
     EXPECT_TRUE(p.link.written.empty());
     // Only the binder that waited last runs; it records its binding.
-    ASSERT_EQ(p.peer.device_bindings.count(b2), 1u);
-    EXPECT_EQ(p.peer.device_bindings.at(b2).first, &device);
-    EXPECT_EQ(p.peer.device_bindings.at(b2).second, subscribes(device_link)[0].request.value());
+    EXPECT_EQ(p.peer.device_bindings.count(b2), 1u);
 
     device_link.confirm_subscription("xsens_frame", Id(3));
     device_link.inject(hex("95 24 03 01 80 91 91 90"));  // one frame with no segments
