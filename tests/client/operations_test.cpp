@@ -217,7 +217,7 @@ TEST_F(OperationsTest, TimeoutTextNamesTheOperationAndTheLimitIsReadInEveryPass)
         uint64_t answer_pass;  // 0: nobody answers
         std::function<void(DaxClient&)> call;
         const char* operation;
-        uint64_t passes;  // 0: at least two
+        uint64_t passes;  // 0: at least one, as many as fit in the limit
     };
     const Row rows[] = {
         // Nobody answers: fails once a whole millisecond has passed.
@@ -242,7 +242,7 @@ TEST_F(OperationsTest, TimeoutTextNamesTheOperationAndTheLimitIsReadInEveryPass)
         EXPECT_EQ(error_of([&] { row.call(*client); }),
                   std::string("DaxClient: timeout during '") + row.operation + "' call");
         if (row.passes == 0)
-            EXPECT_GE(net.link.first_passes, 2u);
+            EXPECT_GE(net.link.first_passes, 1u);
         else
             EXPECT_EQ(net.link.first_passes, row.passes);
         EXPECT_EQ(net.link.queued(), 0u);  // a result was delivered in that pass, and dropped
