@@ -117,6 +117,40 @@ TEST(RawSocketFrames, ByteByByteThroughPrepareAndCommit) {
     EXPECT_EQ(hex("c2"), frames[1]);
 }
 
+// A message taken out part-way (to be gathered elsewhere) leaves the frames after it intact.
+TEST(RawSocketFrames, DetachedMessageLeavesTheStreamAfterIt) {
+    const auto stream = hex("00 00 00 04 a1 a2 a3 a4 00 00 00 01 c2");
+    const struct {
+        size_t received;  // bytes fed before detaching
+        bool partial;     // a message can be detached
+        const char* detached;
+    } rows[] = {
+        {3, false, ""},  // header incomplete
+        {4, true, ""},         {6, true, "a1 a2"},
+        {7, true, "a1 a2 a3"}, {8, false, ""},  // complete: `next` hands it out
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.received);
+        rs::Splitter splitter(16);
+        splitter.feed(stream.data(), row.received);
+        ASSERT_EQ(row.partial, splitter.partial_message());
+        if (!row.partial) continue;
+        std::vector<uint8_t> to(splitter.announced());
+        to.resize(splitter.detach(to.data()));
+        EXPECT_EQ(hex(row.detached), to);
+        EXPECT_EQ(0u, splitter.pending());
+        // The caller reads the rest of the payload itself; the next frame follows.
+        splitter.feed(stream.data() + 8, stream.size() - 8);
+        rs::Frame f;
+        ASSERT_TRUE(splitter.next(f));
+        EXPECT_EQ(hex("c2"), std::vector<uint8_t>(f.data, f.data + f.size));
+    }
+    const auto ping = hex("01 00 00 04 a1");
+    rs::Splitter splitter(16);
+    splitter.feed(ping.data(), ping.size());
+    EXPECT_FALSE(splitter.partial_message());  // only messages are gathered elsewhere
+}
+
 TEST(RawSocketFrames, RefusedFrames) {
     struct Row {
         const char* bytes;

@@ -158,6 +158,12 @@ struct Endpoint::Impl {
             awaiting_pong = false;
             inbox.emplace_back(data, size);
         };
+        // A large message arrives in a block of its own, which the inbox takes as it is.
+        handlers.owned_message = [this](msgpack::buffer&& bytes) {
+            last_heard = Clock::now();
+            awaiting_pong = false;
+            inbox.push_back(std::move(bytes));
+        };
         handlers.pong = [this] {
             last_heard = Clock::now();
             awaiting_pong = false;

@@ -99,6 +99,22 @@ uint32_t Splitter::announced() const {
     return (uint32_t(h[1]) << 16) | (uint32_t(h[2]) << 8) | uint32_t(h[3]);
 }
 
+bool Splitter::partial_message() const {
+    if (end_ - begin_ < 4) return false;
+    const uint8_t* h = bytes_.data() + begin_;
+    return (h[0] & 0x07) == static_cast<uint8_t>(FrameType::message) &&
+           end_ - begin_ - 4 < announced();
+}
+
+size_t Splitter::detach(uint8_t* to) {
+    if (!partial_message()) throw std::logic_error("rawsocket: no partial message to detach");
+    if (announced() > max_length_) throw std::runtime_error("rawsocket: frame too large");
+    const size_t held = end_ - begin_ - 4;
+    std::memcpy(to, bytes_.data() + begin_ + 4, held);
+    begin_ = end_;
+    return held;
+}
+
 bool Splitter::next(Frame& frame) {
     if (end_ - begin_ < 4) return false;
     const uint8_t* h = bytes_.data() + begin_;

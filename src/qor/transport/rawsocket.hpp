@@ -82,6 +82,14 @@ class Splitter {
     uint32_t announced() const;
     /// The frame length limit.
     uint32_t max_length() const { return max_length_; }
+    /// True when the next frame is a message whose header is complete and whose payload is not.
+    bool partial_message() const;
+    /// Takes the partial message (see `partial_message`) out of the splitter, so that its payload
+    /// can be gathered where it is wanted: copies the payload bytes received so far to `to`,
+    /// which has room for `announced()` bytes, drops them and the header, and returns how many
+    /// were copied. The caller reads the remaining payload itself; the splitter goes on with
+    /// the bytes after it. Throws like `next` for a length `next` refuses.
+    size_t detach(uint8_t* to);
 
   private:
     void compact();

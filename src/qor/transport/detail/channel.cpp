@@ -117,6 +117,15 @@ class RawSocketChannel final : public ChannelBase,
     void read() {
         if (paused_ || closed_ || reading_ || refused_) return;
         reading_ = true;
+        if (gathering_) {
+            // Only up to the message's end: what follows it goes through the splitter.
+            stream_->async_read_some(
+                asio::buffer(large_.data + large_filled_, large_.size - large_filled_),
+                [self = this->shared_from_this()](error_code ec, size_t n) {
+                    self->on_gathered(ec, n);
+                });
+            return;
+        }
         // The rest of a frame whose header has come is read in one go, into room taken once:
         // a large message neither grows the buffer step by step nor costs a read per chunk.
         // A length above the limit takes no room: the frame is refused by its header.
@@ -148,8 +157,35 @@ class RawSocketChannel final : public ChannelBase,
                     handlers_.pong();
                 }
             }
+            // A message larger than a read is gathered in a block of its own size, which
+            // then moves to the receiver: the splitter's buffer neither grows to hold it nor
+            // is it copied out of there, and a small message never pins a large block.
+            if (!closed_ && !paused_ && !refused_ && handlers_.owned_message &&
+                splitter_.partial_message() && splitter_.announced() > READ_CHUNK) {
+                large_ = serialization::msgpack::buffer(uint64_t(splitter_.announced()));
+                large_filled_ = splitter_.detach(large_.data);
+                gathering_ = true;
+            }
         } catch (const std::exception& e) {
             return finish(e.what(), false);
+        }
+        flush();
+        watch_partial();
+        read();
+    }
+
+    void on_gathered(error_code ec, size_t n) {
+        reading_ = false;
+        if (closed_) return;
+        if (ec) return finish(cause_of(ec), false);
+        large_filled_ += n;
+        if (large_filled_ == large_.size) {
+            gathering_ = false;
+            try {
+                handlers_.owned_message(std::move(large_));
+            } catch (const std::exception& e) {
+                return finish(e.what(), false);
+            }
         }
         flush();
         watch_partial();
@@ -171,7 +207,7 @@ class RawSocketChannel final : public ChannelBase,
     void watch_partial() {
         if (frame_idle_.count() == 0 || closed_ || refused_) return;
         // Paused, the bytes wait for us, not for the peer.
-        if (splitter_.pending() == 0 || paused_) {
+        if ((splitter_.pending() == 0 && !gathering_) || paused_) {
             if (idle_timer_) idle_timer_->cancel();
             return;
         }
@@ -215,6 +251,9 @@ class RawSocketChannel final : public ChannelBase,
 
     std::unique_ptr<Stream> stream_;
     rawsocket::Splitter splitter_;
+    bool gathering_ = false;                // reading a large message into `large_`
+    serialization::msgpack::buffer large_;  // that message, sized by its header
+    size_t large_filled_ = 0;               // bytes of it received so far
     uint32_t limit_;        // incoming frames above this are refused by their header
     bool refused_ = false;  // a frame was refused: nothing more is read
     std::chrono::milliseconds frame_idle_{0};

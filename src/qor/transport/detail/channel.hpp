@@ -12,6 +12,8 @@
 #include <boost/asio/ssl/context.hpp>
 #endif
 
+#include <qor/serialization/msgpack/buffer.hpp>
+
 // Message-oriented links over RawSocket or WebSocket, plain or TLS, on one io_context. The
 // client and the router side share them; everything here runs on the thread that runs the
 // io_context, and nothing here is thread-safe.
@@ -39,7 +41,11 @@ class Channel {
   public:
     struct Handlers {
         std::function<void(const uint8_t*, size_t)>
-            message;                 ///< one whole message, bytes valid during the call
+            message;  ///< one whole message, bytes valid during the call
+        /// Optional. RawSocket: a message larger than one read is gathered in storage of its
+        /// own, sized to the message, and handed over with it here rather than copied out of
+        /// the read buffer through `message`; smaller ones still take `message`.
+        std::function<void(serialization::msgpack::buffer&&)> owned_message;
         std::function<void()> pong;  ///< a keepalive ping was answered
         std::function<void(const std::string&)> closed;  ///< the link ended (cause); at most once
         /// RawSocket: a frame announced `size` bytes, more than `limit_incoming` allows; it is
