@@ -2,13 +2,13 @@
 
 #include <algorithm>
 #include <atomic>
-#include <map>
 #include <mutex>
 #include <optional>
 #include <set>
 #include <stdexcept>
 #include <thread>
 #include <unordered_map>
+#include <utility>
 
 #if defined(__GLIBC__)
 #include <malloc.h>
@@ -17,9 +17,9 @@
 #include <spdlog/spdlog.h>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/post.hpp>
-#include <boost/asio/steady_timer.hpp>
 
 #include <qor/router/detail/accept.hpp>
+#include <qor/router/detail/peer.hpp>
 #include <qor/serialization/msgpack.hpp>
 #include <qor/transport/detail/channel.hpp>
 #include <qor/wamp/message.hpp>
@@ -31,18 +31,12 @@ namespace asio = boost::asio;
 namespace msgpack = serialization::msgpack;
 using transport::detail::tcp;
 using error_code = boost::system::error_code;
-
-namespace {
-
-void release_free_memory() {
-#if defined(__GLIBC__)
-    malloc_trim(0);
-#endif
-}
+using detail::Peer;
+using detail::Stage;
 
 // CANCEL [49, request, options]: a caller giving up on an answer. It is outside the message
 // model (a client's subset), so it is recognised from its first two elements.
-bool is_cancel(const uint8_t* data, size_t size) {
+static bool is_cancel(const uint8_t* data, size_t size) {
     msgpack::ReadBuffer in(data, size);
     try {
         if (msgpack::read_array_header(in) < 2) return false;
@@ -53,23 +47,6 @@ bool is_cancel(const uint8_t* data, size_t size) {
         return false;
     }
 }
-
-// Where one accepted connection stands: the transport opening, the WAMP opening, use.
-enum class Stage { transport, opening, joined, closing, closed };
-
-struct Peer {
-    explicit Peer(asio::io_context& io) : timer(io) {}
-    std::shared_ptr<transport::detail::Opening> opening;
-    std::shared_ptr<transport::detail::Channel> channel;
-    asio::steady_timer timer;
-    Stage stage = Stage::transport;
-    bool refused_full = false;  // over the connection limit: only told so, then closed
-    SessionInfo info;
-    std::optional<wamp::RouterOpening> wamp_opening;  // while stage is opening
-    std::string leave_reason;
-};
-
-}  // namespace
 
 struct Server::Impl : std::enable_shared_from_this<Impl> {
     ServerOptions options;
@@ -108,25 +85,6 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
     }
 
     bool on_io_thread() { return io.get_executor().running_in_this_thread(); }
-
-    void listen(std::unique_ptr<tcp::acceptor>& acceptor, uint16_t port,
-                std::atomic<uint16_t>& bound) {
-        error_code ec;
-        const auto address = asio::ip::make_address(options.host, ec);
-        if (ec)
-            throw std::runtime_error("transport server: invalid listening address '" +
-                                     options.host + "'");
-        const tcp::endpoint endpoint(address, port);
-        acceptor = std::make_unique<tcp::acceptor>(io);
-        acceptor->open(endpoint.protocol(), ec);
-        if (!ec) acceptor->set_option(tcp::acceptor::reuse_address(true), ec);
-        if (!ec) acceptor->bind(endpoint, ec);
-        if (!ec) acceptor->listen(asio::socket_base::max_listen_connections, ec);
-        if (ec)
-            throw std::runtime_error("transport server: cannot listen on " + options.host + ":" +
-                                     std::to_string(port) + ": " + ec.message());
-        bound = acceptor->local_endpoint().port();
-    }
 
     void accept(tcp::acceptor& acceptor, transport::detail::Framing framing) {
         acceptor.async_accept(
@@ -421,7 +379,9 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
         // peak since the last time has gone, so one burst does not raise the footprint for good.
         if (trim_mark >= 16 && peers.size() <= trim_mark / 2) {
             trim_mark = peers.size();
-            release_free_memory();
+#if defined(__GLIBC__)
+            malloc_trim(0);
+#endif
         }
     }
 
@@ -493,8 +453,13 @@ void Server::start() {
                                            s.options.tls_private_key_file, cause);
         if (!s.tls) throw std::runtime_error("transport server: " + cause);
     }
-    if (s.options.rawsocket) s.listen(s.rs_acceptor, s.options.rawsocket_port, s.rs_port);
-    if (s.options.websocket) s.listen(s.ws_acceptor, s.options.websocket_port, s.ws_port);
+    // Both listen before either accepts: a port that cannot be had leaves nothing running.
+    if (s.options.rawsocket)
+        s.rs_acceptor = detail::listen(s.io, s.options.host, s.options.rawsocket_port);
+    if (s.options.websocket)
+        s.ws_acceptor = detail::listen(s.io, s.options.host, s.options.websocket_port);
+    if (s.rs_acceptor) s.rs_port = s.rs_acceptor->local_endpoint().port();
+    if (s.ws_acceptor) s.ws_port = s.ws_acceptor->local_endpoint().port();
     if (s.rs_acceptor) s.accept(*s.rs_acceptor, transport::detail::Framing::rawsocket);
     if (s.ws_acceptor) s.accept(*s.ws_acceptor, transport::detail::Framing::websocket);
     s.work.emplace(s.io.get_executor());
@@ -553,20 +518,15 @@ bool Server::send(uint64_t session, const wamp::Message& message) {
 }
 
 bool Server::send_encoded(uint64_t session, const serialization::msgpack::buffer& encoded) {
+    if (!impl_->on_io_thread()) return send_encoded(session, msgpack::buffer(encoded));
     auto peer = impl_->find(session);
     if (!peer) return false;
-    if (impl_->on_io_thread()) {
-        impl_->deliver(peer, encoded.data, encoded.size);
-        return true;
-    }
-    asio::post(impl_->io, [impl = impl_, peer, bytes = encoded] {
-        if (peer->stage == Stage::joined) impl->deliver(peer, bytes.data, bytes.size);
-    });
+    impl_->deliver(peer, encoded.data, encoded.size);
     return true;
 }
 
 bool Server::send_encoded(uint64_t session, serialization::msgpack::buffer&& encoded) {
-    if (impl_->on_io_thread()) return send_encoded(session, encoded);
+    if (impl_->on_io_thread()) return send_encoded(session, std::as_const(encoded));
     auto peer = impl_->find(session);
     if (!peer) return false;
     asio::post(impl_->io, [impl = impl_, peer, bytes = std::move(encoded)] {

@@ -208,6 +208,23 @@ class ServerHandshake final : public Handshake<T>,
 
 }  // namespace
 
+std::unique_ptr<tcp::acceptor> listen(boost::asio::io_context& io, const std::string& host,
+                                      uint16_t port) {
+    boost::system::error_code ec;
+    const auto address = boost::asio::ip::make_address(host, ec);
+    if (ec) throw std::runtime_error("transport server: invalid listening address '" + host + "'");
+    const tcp::endpoint endpoint(address, port);
+    auto acceptor = std::make_unique<tcp::acceptor>(io);
+    acceptor->open(endpoint.protocol(), ec);
+    if (!ec) acceptor->set_option(tcp::acceptor::reuse_address(true), ec);
+    if (!ec) acceptor->bind(endpoint, ec);
+    if (!ec) acceptor->listen(boost::asio::socket_base::max_listen_connections, ec);
+    if (ec)
+        throw std::runtime_error("transport server: cannot listen on " + host + ":" +
+                                 std::to_string(port) + ": " + ec.message());
+    return acceptor;
+}
+
 std::shared_ptr<Opening> accept_server(tcp::socket socket, const AcceptSettings& settings,
                                        Done done) {
     error_code ignored;

@@ -41,6 +41,11 @@ inline constexpr const char* kRefusedFull = "handshake refused: maximum connecti
 /// The cause an accepted opening reports when it answered a plain HTTP request instead.
 inline constexpr const char* kServedHttp = "served a plain HTTP request";
 
+/// An acceptor listening on `host`:`port` (0: a free port), or throws "transport server: invalid
+/// listening address '…'" / "transport server: cannot listen on HOST:PORT: cause".
+std::unique_ptr<tcp::acceptor> listen(boost::asio::io_context& io, const std::string& host,
+                                      uint16_t port);
+
 /// Runs TLS and the framing handshake on an accepted socket (TCP_NODELAY set), then calls
 /// `done` with the channel, or with null and the cause.
 std::shared_ptr<Opening> accept_server(
