@@ -19,162 +19,112 @@ namespace {
 
 const std::string clear_scene = "qor.server.operation.CLEAR_SCENE";
 
-struct SerializeRow {
-    const char* name;
-    std::function<Message()> build;
-    std::vector<uint8_t> expected;
+using M = Message;
+using Args = std::vector<mp::buffer>;
+
+template <class T>
+struct same {
+    using type = T;
 };
 
-Message with_args(Message m, std::vector<mp::buffer> args) {
+// A message of `type` with each named field set: a row shows only the fields its kind carries.
+Message make(uint32_t type) {
+    return Message(type);
+}
+template <class T, class... Rest>
+Message make(uint32_t type, T M::*field, typename same<T>::type value, Rest... rest) {
+    Message m = make(type, rest...);
+    m.*field = std::move(value);
+    return m;
+}
+
+Message with_args(Message m, Args args) {
     m.args = std::move(args);
     return m;
 }
 
+struct SerializeRow {
+    const char* name;
+    Message message;
+    std::vector<uint8_t> expected;
+};
+
 std::vector<SerializeRow> serialize_rows() {
-    auto msg = [](uint32_t type, std::function<void(Message&)> fill) {
-        return [type, fill] {
-            Message m(type);
-            fill(m);
-            return m;
-        };
-    };
+    const std::vector<uint8_t> roles = hex("81 A6 63 61 6C 6C 65 72 80");
     return {
-        {"CALL without arguments",
-         [] { return Message(CALL, Id(7), "qor.server.operation.CLEAR_SCENE"); },
+        {"CALL without arguments", Message(CALL, Id(7), "qor.server.operation.CLEAR_SCENE"),
          with(hex("94 30 07 80 D9 20"), "qor.server.operation.CLEAR_SCENE")},
         {"CALL with arguments",
-         [] {
-             return with_args(Message(CALL, Id(7), "p"), {encoded(1), encoded(std::string("a"))});
-         },
+         with_args(Message(CALL, Id(7), "p"), {encoded(1), encoded(std::string("a"))}),
          hex("95 30 07 80 A1 70 92 01 A1 61")},
-        {"HELLO", msg(HELLO, [](Message& m) { m.realm = "realm1"; }),
-         with(hex("93 01 A6"), "realm1") + std::vector<uint8_t>{0x80}},
-        {"WELCOME", msg(WELCOME, [](Message& m) { m.session = Id(300); }),
-         hex("93 02 CD 01 2C 80")},
-        {"ABORT", msg(ABORT, [](Message& m) { m.reason = "r"; }), hex("93 03 80 A1 72")},
-        {"CHALLENGE", msg(CHALLENGE, [](Message& m) { m.authmethod = "ticket"; }),
-         with(hex("93 04 A6"), "ticket") + std::vector<uint8_t>{0x80}},
-        {"AUTHENTICATE", msg(AUTHENTICATE, [](Message& m) { m.signature = "s"; }),
-         hex("93 05 A1 73 80")},
-        {"GOODBYE", msg(GOODBYE, [](Message& m) { m.reason = "wamp.close.normal"; }),
+        {"HELLO", make(HELLO, &M::realm, "realm1"), with(hex("93 01 A6"), "realm1") + hex("80")},
+        {"WELCOME", make(WELCOME, &M::session, Id(300)), hex("93 02 CD 01 2C 80")},
+        {"ABORT", make(ABORT, &M::reason, "r"), hex("93 03 80 A1 72")},
+        {"CHALLENGE", make(CHALLENGE, &M::authmethod, "ticket"),
+         with(hex("93 04 A6"), "ticket") + hex("80")},
+        {"AUTHENTICATE", make(AUTHENTICATE, &M::signature, "s"), hex("93 05 A1 73 80")},
+        {"GOODBYE", make(GOODBYE, &M::reason, "wamp.close.normal"),
          with(hex("93 06 80 B1"), "wamp.close.normal")},
-        {"ERROR left as built keeps request type 3", [] { return Message(ERROR); },
-         hex("95 08 03 00 80 A0")},
+        {"ERROR left as built keeps request type 3", Message(ERROR), hex("95 08 03 00 80 A0")},
         {"ERROR of a CALL with arguments",
-         msg(ERROR,
-             [](Message& m) {
-                 m.request_type = 48;
-                 m.request = Id(5);
-                 m.error = "e";
-                 m.args = {encoded(1)};
-             }),
+         make(ERROR, &M::request_type, 48, &M::request, Id(5), &M::error, "e", &M::args,
+              Args{encoded(1)}),
          hex("96 08 30 05 80 A1 65 91 01")},
-        {"PUBLISH without arguments", [] { return Message(PUBLISH, Id(1), "t"); },
-         hex("94 10 01 80 A1 74")},
-        {"PUBLISH with one argument",
-         [] { return with_args(Message(PUBLISH, Id(1), "t"), {encoded(42)}); },
+        {"PUBLISH without arguments", Message(PUBLISH, Id(1), "t"), hex("94 10 01 80 A1 74")},
+        {"PUBLISH with one argument", with_args(Message(PUBLISH, Id(1), "t"), {encoded(42)}),
          hex("95 10 01 80 A1 74 91 2A")},
-        {"PUBLISHED",
-         msg(PUBLISHED,
-             [](Message& m) {
-                 m.request = Id(1);
-                 m.publication = Id(2);
-             }),
+        {"PUBLISHED", make(PUBLISHED, &M::request, Id(1), &M::publication, Id(2)),
          hex("93 11 01 02")},
-        {"SUBSCRIBE", [] { return Message(SUBSCRIBE, Id(1), "t"); }, hex("94 20 01 80 A1 74")},
-        {"SUBSCRIBED",
-         msg(SUBSCRIBED,
-             [](Message& m) {
-                 m.request = Id(1);
-                 m.subscription = Id(65536);
-             }),
+        {"SUBSCRIBE", Message(SUBSCRIBE, Id(1), "t"), hex("94 20 01 80 A1 74")},
+        {"SUBSCRIBED", make(SUBSCRIBED, &M::request, Id(1), &M::subscription, Id(65536)),
          hex("93 21 01 CE 00 01 00 00")},
-        {"UNSUBSCRIBE",
-         msg(UNSUBSCRIBE,
-             [](Message& m) {
-                 m.request = Id(1);
-                 m.subscription = Id(2);
-             }),
+        {"UNSUBSCRIBE", make(UNSUBSCRIBE, &M::request, Id(1), &M::subscription, Id(2)),
          hex("93 22 01 02")},
-        {"UNSUBSCRIBED", msg(UNSUBSCRIBED, [](Message& m) { m.request = Id(1); }), hex("92 23 01")},
+        {"UNSUBSCRIBED", make(UNSUBSCRIBED, &M::request, Id(1)), hex("92 23 01")},
         {"EVENT",
-         msg(EVENT,
-             [](Message& m) {
-                 m.subscription = Id(2);
-                 m.publication = Id(3);
-                 m.args = {encoded(std::string("x"))};
-             }),
+         make(EVENT, &M::subscription, Id(2), &M::publication, Id(3), &M::args,
+              Args{encoded(std::string("x"))}),
          hex("95 24 02 03 80 91 A1 78")},
-        {"RESULT without arguments", msg(RESULT, [](Message& m) { m.request = Id(7); }),
-         hex("93 32 07 80")},
-        {"RESULT with arguments",
-         msg(RESULT,
-             [](Message& m) {
-                 m.request = Id(7);
-                 m.args = {encoded(true)};
-             }),
+        {"RESULT without arguments", make(RESULT, &M::request, Id(7)), hex("93 32 07 80")},
+        {"RESULT with arguments", make(RESULT, &M::request, Id(7), &M::args, Args{encoded(true)}),
          hex("94 32 07 80 91 C3")},
-        {"REGISTER", [] { return Message(REGISTER, Id(1), "p"); }, hex("94 40 01 80 A1 70")},
-        {"REGISTERED",
-         msg(REGISTERED,
-             [](Message& m) {
-                 m.request = Id(1);
-                 m.registration = Id(2);
-             }),
+        {"REGISTER", Message(REGISTER, Id(1), "p"), hex("94 40 01 80 A1 70")},
+        {"REGISTERED", make(REGISTERED, &M::request, Id(1), &M::registration, Id(2)),
          hex("93 41 01 02")},
-        {"UNREGISTER",
-         msg(UNREGISTER,
-             [](Message& m) {
-                 m.request = Id(1);
-                 m.registration = Id(2);
-             }),
+        {"UNREGISTER", make(UNREGISTER, &M::request, Id(1), &M::registration, Id(2)),
          hex("93 42 01 02")},
-        {"UNREGISTERED", msg(UNREGISTERED, [](Message& m) { m.request = Id(1); }), hex("92 43 01")},
+        {"UNREGISTERED", make(UNREGISTERED, &M::request, Id(1)), hex("92 43 01")},
         {"INVOCATION",
-         msg(INVOCATION,
-             [](Message& m) {
-                 m.request = Id(1);
-                 m.registration = Id(2);
-                 m.args = {encoded(false)};
-             }),
+         make(INVOCATION, &M::request, Id(1), &M::registration, Id(2), &M::args,
+              Args{encoded(false)}),
          hex("95 44 01 02 80 91 C2")},
-        {"YIELD", msg(YIELD, [](Message& m) { m.request = Id(1); }), hex("93 46 01 80")},
+        {"YIELD", make(YIELD, &M::request, Id(1)), hex("93 46 01 80")},
         // Id forms: smallest unsigned form, up to uint 64 for 2^53.
-        {"id 127", [] { return Message(CALL, Id(127), "p"); }, hex("94 30 7F 80 A1 70")},
-        {"id 128", [] { return Message(CALL, Id(128), "p"); }, hex("94 30 CC 80 80 A1 70")},
-        {"id 255", [] { return Message(CALL, Id(255), "p"); }, hex("94 30 CC FF 80 A1 70")},
-        {"id 256", [] { return Message(CALL, Id(256), "p"); }, hex("94 30 CD 01 00 80 A1 70")},
-        {"id 65535", [] { return Message(CALL, Id(65535), "p"); }, hex("94 30 CD FF FF 80 A1 70")},
-        {"id 65536", [] { return Message(CALL, Id(65536), "p"); },
-         hex("94 30 CE 00 01 00 00 80 A1 70")},
-        {"id 4294967295", [] { return Message(CALL, Id(4294967295ULL), "p"); },
+        {"id 127", Message(CALL, Id(127), "p"), hex("94 30 7F 80 A1 70")},
+        {"id 128", Message(CALL, Id(128), "p"), hex("94 30 CC 80 80 A1 70")},
+        {"id 255", Message(CALL, Id(255), "p"), hex("94 30 CC FF 80 A1 70")},
+        {"id 256", Message(CALL, Id(256), "p"), hex("94 30 CD 01 00 80 A1 70")},
+        {"id 65535", Message(CALL, Id(65535), "p"), hex("94 30 CD FF FF 80 A1 70")},
+        {"id 65536", Message(CALL, Id(65536), "p"), hex("94 30 CE 00 01 00 00 80 A1 70")},
+        {"id 4294967295", Message(CALL, Id(4294967295ULL), "p"),
          hex("94 30 CE FF FF FF FF 80 A1 70")},
-        {"id 4294967296", [] { return Message(CALL, Id(4294967296ULL), "p"); },
+        {"id 4294967296", Message(CALL, Id(4294967296ULL), "p"),
          hex("94 30 CF 00 00 00 01 00 00 00 00 80 A1 70")},
-        {"id 2^53", [] { return Message(CALL, Id(max_id), "p"); },
+        {"id 2^53", Message(CALL, Id(max_id), "p"),
          hex("94 30 CF 00 20 00 00 00 00 00 00 80 A1 70")},
         // request_type follows the signed integer rule, narrow negative bounds included.
-        {"request type 200", msg(ERROR, [](Message& m) { m.request_type = 200; }),
-         hex("95 08 CC C8 00 80 A0")},
-        {"request type -1", msg(ERROR, [](Message& m) { m.request_type = -1; }),
-         hex("95 08 FF 00 80 A0")},
-        {"request type -128", msg(ERROR, [](Message& m) { m.request_type = -128; }),
-         hex("95 08 D1 FF 80 00 80 A0")},
-        // details: keys in ascending order whatever the insertion order, values copied as held.
+        {"request type 200", make(ERROR, &M::request_type, 200), hex("95 08 CC C8 00 80 A0")},
+        {"request type -1", make(ERROR, &M::request_type, -1), hex("95 08 FF 00 80 A0")},
+        {"request type -128", make(ERROR, &M::request_type, -128), hex("95 08 D1 FF 80 00 80 A0")},
+        // details: keys in ascending order whatever the order given, values copied as held.
         {"details in key order",
-         msg(HELLO,
-             [](Message& m) {
-                 m.realm = "r";
-                 m.details["b"] = encoded(2);
-                 m.details["a"] = encoded(std::string("x"));
-             }),
+         make(HELLO, &M::realm, "r", &M::details,
+              std::map<std::string, mp::buffer>{{"b", encoded(2)},
+                                                {"a", encoded(std::string("x"))}}),
          hex("93 01 A1 72 82 A1 61 A1 78 A1 62 02")},
         {"details value copied unchanged",
-         msg(HELLO,
-             [](Message& m) {
-                 m.details["roles"] = mp::buffer(hex("81 A6 63 61 6C 6C 65 72 80").data(), 9);
-             }),
-         with(hex("93 01 A0 81 A5"), "roles") + hex("81 A6 63 61 6C 6C 65 72 80")},
+         make(HELLO, &M::details, std::map<std::string, mp::buffer>{{"roles", mp::buffer(roles)}}),
+         with(hex("93 01 A0 81 A5"), "roles") + roles},
     };
 }
 
@@ -185,7 +135,7 @@ Message parse(const std::vector<uint8_t>& bytes) {
 // One sample of every kind, and of every form of each element.
 std::vector<Message> samples() {
     std::vector<Message> out;
-    for (const SerializeRow& row : serialize_rows()) out.push_back(row.build());
+    for (const SerializeRow& row : serialize_rows()) out.push_back(row.message);
     return out;
 }
 
@@ -196,10 +146,6 @@ TEST(WampId, AcceptsUpToTwoToThe53AndRefusesAbove) {
     EXPECT_EQ(Id(9007199254740992ULL).value(), 9007199254740992ULL);
     EXPECT_EQ(error_of([] { Id(9007199254740993ULL); }), "WAMP id too big");
     EXPECT_EQ(error_of([] { Id(~0ULL); }), "WAMP id too big");
-    Message fresh(CALL);
-    EXPECT_EQ(fresh.request.value(), 0u);
-    EXPECT_EQ(fresh.session.value(), 0u);
-    EXPECT_EQ(fresh.subscription.value(), 0u);
 }
 
 TEST(WampId, RandomStaysInOneToTwoToThe53AndVaries) {
@@ -223,13 +169,9 @@ TEST(WampMessage, UriConstructorRefusesKindsWithoutAUri) {
 TEST(WampSerialize, EveryKindAndFormIsExact) {
     for (const SerializeRow& row : serialize_rows()) {
         SCOPED_TRACE(row.name);
-        const mp::buffer out = serialize(row.build());
+        const mp::buffer out = serialize(row.message);
         EXPECT_EQ(bytes_of(out), row.expected);
     }
-}
-
-TEST(WampSerialize, CallExampleIsThirtyEightBytes) {
-    EXPECT_EQ(serialize(Message(CALL, Id(7), clear_scene)).size, 38u);
 }
 
 TEST(WampSerialize, StringAndContainerHeadersSwitchFormAtTheirBounds) {
@@ -401,9 +343,6 @@ TEST(WampReceive, ArgumentOffsetsPointIntoRaw) {
     IncomingMessage(m).fillArgsNS(number, text);
     EXPECT_EQ(number, 1);
     EXPECT_EQ(text, "ab");
-
-    const Message bare = parse(hex("93 32 07 80"));
-    EXPECT_EQ(bare.args_count, 0u);
 }
 
 TEST(WampReceive, ArgumentsKwAreKeptAsEncodedValues) {
