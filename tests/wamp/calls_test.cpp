@@ -32,11 +32,7 @@ struct Counted {
     Counted() = default;
     Counted(const Counted& other) : copies(other.copies + 1), value(other.value) {}
     Counted(Counted&&) = default;
-    Counted& operator=(const Counted& other) {
-        copies = other.copies + 1;
-        value = other.value;
-        return *this;
-    }
+    Counted& operator=(const Counted&) = delete;  // a copy by assignment does not build
     Counted& operator=(Counted&&) = default;
 };
 void read(mp::ReadBuffer& in, Counted& c) {

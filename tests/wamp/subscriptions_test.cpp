@@ -30,6 +30,13 @@ std::function<void(types::integration_result_t)> count_into(std::vector<int>& va
     return [&values](types::integration_result_t r) { values.push_back(r.value_int); };
 }
 
+/// Binds a handler of the update topic that appends each value to `values`.
+uint64_t bind_values(qor::QorClient& peer, std::vector<int>& values,
+                     std::function<void(bool, std::string)> status = {}) {
+    return peer.bind_publish<types::integration_result_t>(update_topic, count_into(values),
+                                                          std::move(status));
+}
+
 types::integration_result_t step(int value) {
     types::integration_result_t r;
     r.value_int = value;
@@ -49,10 +56,8 @@ std::vector<Message> subscribes(const LoopbackConnection& link) {
 TEST(WampSubscribe, OneSubscribePerTopicWithTheHandlerIdAsRequest) {
     LoopbackPeer p;
     std::vector<int> values;
-    const uint64_t first =
-        p.peer.bind_publish<types::integration_result_t>(update_topic, count_into(values), {});
-    const uint64_t second =
-        p.peer.bind_publish<types::integration_result_t>(update_topic, count_into(values), {});
+    const uint64_t first = bind_values(p.peer, values);
+    const uint64_t second = bind_values(p.peer, values);
     EXPECT_GT(second, first);
     const std::vector<Message> sent = subscribes(p.link);
     ASSERT_EQ(sent.size(), 1u);
@@ -64,52 +69,43 @@ TEST(WampSubscribe, OneSubscribePerTopicWithTheHandlerIdAsRequest) {
         with(hex("94 20") + std::vector<uint8_t>{uint8_t(first)} + hex("80 B1"), update_topic));
 }
 
-TEST(WampSubscribe, StatusReachesPendingHandlersOnceAndLateJoinersAtOnce) {
-    LoopbackPeer p;
-    Status a, b, late;
-    std::vector<int> values;
-    p.peer.bind_publish<types::integration_result_t>(update_topic, count_into(values), into(a));
-    p.peer.bind_publish<types::integration_result_t>(update_topic, count_into(values), into(b));
-    EXPECT_TRUE(a.empty() && b.empty()) << "a pending topic tells nobody yet";
+// The answer, confirmation or refusal, is kept: pending handlers hear it once, later ones at once.
+TEST(WampSubscribe, AnswerReachesPendingHandlersOnceAndLateJoinersAtOnce) {
+    for (const bool confirmed : {true, false}) {
+        SCOPED_TRACE(confirmed);
+        LoopbackPeer p;
+        Status a, b, late;
+        std::vector<int> values;
+        bind_values(p.peer, values, into(a));
+        bind_values(p.peer, values, into(b));
+        EXPECT_TRUE(a.empty() && b.empty()) << "a pending topic tells nobody yet";
 
-    p.link.confirm_subscription(update_topic, Id(5000));
-    p.pump();
-    EXPECT_EQ(a, (Status{{true, ""}}));
-    EXPECT_EQ(b, (Status{{true, ""}}));
+        if (confirmed)
+            p.link.confirm_subscription(update_topic, Id(5000));
+        else
+            p.link.refuse_subscription(update_topic, "wamp.error.not_authorized");
+        p.pump();
+        const Status told = {{confirmed, confirmed ? "" : "wamp.error.not_authorized"}};
+        EXPECT_EQ(a, told);
+        EXPECT_EQ(b, told);
 
-    const size_t written = p.link.written.size();
-    p.peer.bind_publish<types::integration_result_t>(update_topic, count_into(values), into(late));
-    EXPECT_EQ(late, (Status{{true, ""}}));
-    EXPECT_NO_THROW(
-        p.peer.bind_publish<types::integration_result_t>(update_topic, count_into(values), {}));
-    EXPECT_EQ(p.link.written.size(), written) << "a known topic is not subscribed again";
-    EXPECT_EQ(a.size(), 1u);
-}
-
-TEST(WampSubscribe, FailureIsStoredAndToldToEveryHandler) {
-    LoopbackPeer p;
-    Status a, late;
-    std::vector<int> values;
-    p.peer.bind_publish<types::integration_result_t>(update_topic, count_into(values), into(a));
-    p.link.refuse_subscription(update_topic, "wamp.error.not_authorized");
-    p.pump();
-    EXPECT_EQ(a, (Status{{false, "wamp.error.not_authorized"}}));
-    p.peer.bind_publish<types::integration_result_t>(update_topic, count_into(values), into(late));
-    EXPECT_EQ(late, (Status{{false, "wamp.error.not_authorized"}}));
+        const size_t written = p.link.written.size();
+        bind_values(p.peer, values, into(late));
+        EXPECT_EQ(late, told);
+        EXPECT_NO_THROW(bind_values(p.peer, values));
+        EXPECT_EQ(p.link.written.size(), written) << "a known topic is not subscribed again";
+        EXPECT_EQ(a.size(), 1u);
+    }
 }
 
 TEST(WampSubscribe, StatusCallbackThatSubscribesAgainIsToldOnlyOnce) {
     LoopbackPeer p;
     Status outer, inner;
     std::vector<int> values;
-    p.peer.bind_publish<types::integration_result_t>(
-        update_topic, count_into(values), [&](bool ok, std::string text) {
-            outer.emplace_back(ok, text);
-            if (outer.size() == 1) {
-                p.peer.bind_publish<types::integration_result_t>(update_topic, count_into(values),
-                                                                 into(inner));
-            }
-        });
+    bind_values(p.peer, values, [&](bool ok, std::string text) {
+        outer.emplace_back(ok, text);
+        if (outer.size() == 1) bind_values(p.peer, values, into(inner));
+    });
     p.link.confirm_subscription(update_topic, Id(9));
     p.pump();
     EXPECT_EQ(outer.size(), 1u);
@@ -137,7 +133,7 @@ TEST(WampEvent, OnlyAConfirmedSubscriptionIdMatches) {
     CapturedLog log(spdlog::level::debug);
     LoopbackPeer p(log.logger.get());
     std::vector<int> values;
-    p.peer.bind_publish<types::integration_result_t>(update_topic, count_into(values), {});
+    bind_values(p.peer, values);
     // A pending topic still holds its placeholder id 1: an event for 1 is not its own.
     p.link.publish_event(Id(1), step(1));
     p.pump();
@@ -156,7 +152,7 @@ TEST(WampEvent, OnlyAConfirmedSubscriptionIdMatches) {
 TEST(WampEvent, WrongArgumentCountLeavesThroughThePumpWithoutCallingTheHandler) {
     LoopbackPeer p;
     std::vector<int> values;
-    p.peer.bind_publish<types::integration_result_t>(update_topic, count_into(values), {});
+    bind_values(p.peer, values);
     p.link.confirm_subscription(update_topic, Id(2));
     p.pump();
 
@@ -198,8 +194,7 @@ TEST(WampSubscribe, ResubscribeSendsEveryTopicAgainAndKeepsHandlers) {
     LoopbackPeer p;
     std::vector<int> values;
     Status status;
-    const uint64_t id = p.peer.bind_publish<types::integration_result_t>(
-        update_topic, count_into(values), into(status));
+    const uint64_t id = bind_values(p.peer, values, into(status));
     p.endpoint.subscriber.subscribe("other", [](const Message&) {}, {});
     p.link.confirm_subscription(update_topic, Id(10));
     p.link.refuse_subscription("other", "wamp.error.x");
@@ -292,18 +287,10 @@ TEST(WampSubscribe, RefusedBeforeTheServerIsConnected) {
     const std::string text = "qor client cannot call operations before server is connected";
     qor::QorClient bare;  // no server endpoint at all
     std::vector<int> values;
-    EXPECT_EQ(error_of([&] {
-                  bare.bind_publish<types::integration_result_t>(update_topic, count_into(values),
-                                                                 {});
-              }),
-              text);
+    EXPECT_EQ(error_of([&] { bind_values(bare, values); }), text);
     LoopbackPeer p;
     p.peer.server_connected = false;
-    EXPECT_EQ(error_of([&] {
-                  p.peer.bind_publish<types::integration_result_t>(update_topic, count_into(values),
-                                                                   {});
-              }),
-              text);
+    EXPECT_EQ(error_of([&] { bind_values(p.peer, values); }), text);
     EXPECT_TRUE(p.link.written.empty());
     EXPECT_TRUE(p.endpoint.subscriber.handlers.empty());
 }
