@@ -45,12 +45,6 @@ namespace asio = boost::asio;
 using asio::ip::tcp;
 using namespace std::chrono_literals;
 
-inline msgpack::buffer packed(const std::string& text) {
-    std::vector<uint8_t> out;
-    msgpack::pack(out, text);
-    return msgpack::buffer(out);
-}
-
 inline std::string text_of(const msgpack::buffer& value) {
     msgpack::ReadBuffer in(value);
     std::string text;

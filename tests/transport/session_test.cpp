@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <optional>
@@ -492,43 +493,32 @@ TEST(ConnectFailures, EachStepNamesUrlAndCause) {
     struct Row {
         const char* scheme;
         Peer peer;
-        std::vector<uint8_t> handshake;
-        std::vector<uint8_t> after_hello;
+        const char* handshake;    // the scripted peer's answer to the handshake, hex
+        const char* after_hello;  // and to the HELLO
         const char* error;
         bool whole;  // the whole text, not its start
     };
-    const std::vector<uint8_t> ok = {0x7F, 0xF2, 0, 0};
     const Row rows[] = {
-        {"rs", Peer::none, {}, {}, "connection refused", true},
-        {"rs", Peer::mute, {}, {}, "timed out after 1000 ms", true},
-        {"ws", Peer::mute, {}, {}, "timed out after 1000 ms", true},
-        {"rs", Peer::scripted, {}, {}, "timed out after 1000 ms", true},  // no reply at all
-        {"rs",
-         Peer::scripted,
-         {0x7F, 0x40, 0, 0},
-         {},
-         "handshake refused: maximum connection count reached",
+        {"rs", Peer::none, "", "", "connection refused", true},
+        {"rs", Peer::mute, "", "", "timed out after 1000 ms", true},
+        {"ws", Peer::mute, "", "", "timed out after 1000 ms", true},
+        {"rs", Peer::scripted, "", "", "timed out after 1000 ms", true},  // no reply at all
+        {"rs", Peer::scripted, "7F 40 00 00", "",
+         "handshake refused: maximum connection count reached", true},
+        {"rs", Peer::scripted, "7F F1 00 00", "", "handshake refused: unsupported serializer 1",
          true},
-        {"rs",
-         Peer::scripted,
-         {0x7F, 0xF1, 0, 0},
-         {},
-         "handshake refused: unsupported serializer 1",
-         true},
-        {"rs",
-         Peer::scripted,
-         {'H', 'T', 'T', 'P'},
-         {},
-         "bad handshake: rawsocket: bad handshake magic byte",
-         true},
-        {"rs", Peer::scripted, ok, {0, 0xFF, 0xFF, 0xFF}, "rawsocket: frame too large", false},
-        {"rs", Peer::scripted, ok, {0, 0, 0, 3, 0x92, 0x06, 0x80}, "protocol error: ", false},
+        {"rs", Peer::scripted, "48 54 54 50", "",
+         "bad handshake: rawsocket: bad handshake magic byte", true},
+        {"rs", Peer::scripted, "7F F2 00 00", "00 FF FF FF", "rawsocket: frame too large", false},
+        {"rs", Peer::scripted, "7F F2 00 00", "00 00 00 03 92 06 80", "protocol error: ", false},
     };
     for (const Row& row : rows) {
         std::optional<RawPeer> listening(std::in_place);
         const uint16_t port = listening->port;
         if (row.peer == Peer::none) listening.reset();  // a port that was just free
-        if (row.peer == Peer::scripted) listening->script(4, row.handshake, row.after_hello);
+        if (row.peer == Peer::scripted)
+            listening->script(4, test_support::hex(row.handshake),
+                              test_support::hex(row.after_hello));
         ConnectOptions options;
         options.connect_timeout = 1000ms;
         options.max_message_size = 64 * 1024;
@@ -584,24 +574,40 @@ TEST(ConnectFailures, GarbageAfterWelcomeIsALinkLoss) {
     EXPECT_EQ(0u, endpoint.last_error().find("protocol error: ")) << endpoint.last_error();
 }
 
-TEST(Server, GoodbyeFromTheServerEndsTheSessionAndDevicesSourcesServeTopics) {
+// Topics the server relays are declared on connect, a device source serves its own, and a
+// GOODBYE from the server ends only the session it names.
+TEST(Server, DeviceTopicsFindTheirEndpointAndGoodbyeEndsOneSession) {
     Router router;
     qor::QorClient peer;
-    const std::string url = "rs://127.0.0.1:" + std::to_string(router.server.rawsocket_port());
-    auto& server_link = qor::transport::connect(peer, url);
     std::vector<std::string> frames;
-    peer.pending_device_bindings["kinect_frame_0"] = [&](qor::wamp::Client* c) {
-        c->subscriber.subscribe("kinect_frame_0", strings_into(frames), nullptr);
-    };
-    auto& device = qor::transport::connect_device_source(peer, url, {"kinect_frame_0"});
+    for (const char* topic : {"xsens_frame", "kinect_frame_0"})
+        peer.pending_device_bindings[topic] = [&frames, topic](qor::wamp::Client* c) {
+            c->subscriber.subscribe(topic, strings_into(frames), nullptr);
+        };
+    ConnectOptions options;
+    options.served_topics = {"xsens_frame", "art_frame"};
+    auto& server_link = qor::transport::connect(
+        peer, "ws://127.0.0.1:" + std::to_string(router.server.websocket_port()), options);
+    EXPECT_EQ(&server_link.client(), peer.topic_endpoints["xsens_frame"]);
+    EXPECT_EQ(&server_link.client(), peer.topic_endpoints["art_frame"]);
+    EXPECT_TRUE(peer.extra_endpoints.empty());
+    auto& device = qor::transport::connect_device_source(
+        peer, "rs://127.0.0.1:" + std::to_string(router.server.rawsocket_port()),
+        {"kinect_frame_0"});
     ASSERT_EQ(1u, peer.extra_endpoints.size());
     EXPECT_EQ(&device.client(), peer.extra_endpoints[0]);
     EXPECT_EQ(&device.client(), peer.topic_endpoints["kinect_frame_0"]);
     EXPECT_TRUE(peer.pending_device_bindings.empty());
-    ASSERT_TRUE(router.wait([&] { return router.subscriptions.size() == 1; }));
-    EXPECT_EQ(device.session_id(), router.subscriptions[0].session);
+    ASSERT_TRUE(router.wait([&] { return router.subscriptions.size() == 2; }));
+    for (const auto& subscription : router.subscriptions)
+        EXPECT_EQ(
+            subscription.topic == "kinect_frame_0" ? device.session_id() : server_link.session_id(),
+            subscription.session);
+    router.publish("xsens_frame", "segments");
     router.publish("kinect_frame_0", "frame");
-    ASSERT_TRUE(pump_until(peer, [&] { return frames.size() == 1; }));
+    ASSERT_TRUE(pump_until(peer, [&] { return frames.size() == 2; }));
+    std::sort(frames.begin(), frames.end());
+    EXPECT_EQ((std::vector<std::string>{"frame", "segments"}), frames);
 
     router.server.close(server_link.session_id(), "wamp.close.system_shutdown");
     ASSERT_TRUE(pump_until(peer, [&] { return !peer.server_connected; }));
@@ -609,27 +615,6 @@ TEST(Server, GoodbyeFromTheServerEndsTheSessionAndDevicesSourcesServeTopics) {
     EXPECT_TRUE(device.connected());
     ASSERT_TRUE(router.wait([&] { return router.leaves.size() == 1; }));
     EXPECT_EQ("wamp.close.system_shutdown", router.leaves[0].second);
-}
-
-TEST(Server, TopicsTheServerRelaysAreDeclaredOnConnect) {
-    Router router;
-    qor::QorClient peer;
-    std::vector<std::string> frames;
-    peer.pending_device_bindings["xsens_frame"] = [&](qor::wamp::Client* c) {
-        c->subscriber.subscribe("xsens_frame", strings_into(frames), nullptr);
-    };
-    ConnectOptions options;
-    options.served_topics = {"xsens_frame", "art_frame"};
-    auto& link = qor::transport::connect(
-        peer, "ws://127.0.0.1:" + std::to_string(router.server.websocket_port()), options);
-    EXPECT_EQ(&link.client(), peer.topic_endpoints["xsens_frame"]);
-    EXPECT_EQ(&link.client(), peer.topic_endpoints["art_frame"]);
-    EXPECT_TRUE(peer.pending_device_bindings.empty());
-    EXPECT_TRUE(peer.extra_endpoints.empty());
-    ASSERT_TRUE(router.wait([&] { return router.subscriptions.size() == 1; }));
-    router.publish("xsens_frame", "segments");
-    ASSERT_TRUE(pump_until(peer, [&] { return frames.size() == 1; }));
-    EXPECT_EQ("segments", frames[0]);
 }
 
 TEST(Server, SubscriberThatStopsReadingIsDroppedWithTheReason) {
@@ -714,29 +699,33 @@ TEST(Server, UnfinishedFrameThatStallsEndsTheConnection) {
     EXPECT_TRUE(poll_until([&] { return router.server.connections() == 0; }));
 }
 
+// Pumps until the link gives up: a loss it will not retry.
+bool pump_until_given_up(qor::QorClient& peer, const std::vector<LinkEvent>& events) {
+    return pump_until(peer, [&] {
+        return !events.empty() && events.back().state == LinkState::disconnected &&
+               !events.back().will_retry;
+    });
+}
+
 TEST(ReconnectPolicy, StopsAfterMaxRetries) {
     auto router = std::make_unique<Router>();
     const std::string url = "rs://127.0.0.1:" + std::to_string(router->server.rawsocket_port());
-    qor::transport::ConnectOptions options;
+    ConnectOptions options;
     options.reconnect.enabled = true;
     options.reconnect.initial_delay = 10ms;
     options.reconnect.jitter = 0;
     options.reconnect.max_retries = 2;
     qor::QorClient peer;
     auto& link = qor::transport::connect(peer, url, options);
-    std::vector<qor::transport::LinkEvent> events;
-    link.on_state_change([&](const qor::transport::LinkEvent& e) { events.push_back(e); });
+    std::vector<LinkEvent> events;
+    link.on_state_change([&](const LinkEvent& e) { events.push_back(e); });
 
     // Nobody listening: the loss and two failed attempts, the last without a retry.
     router.reset();
-    ASSERT_TRUE(pump_until(peer, [&] {
-        return !events.empty() && events.back().state == qor::transport::LinkState::disconnected &&
-               !events.back().will_retry;
-    }));
+    ASSERT_TRUE(pump_until_given_up(peer, events));
     std::vector<std::pair<int, bool>> seen;  // (attempt, will_retry) of each disconnection
     for (const auto& e : events)
-        if (e.state == qor::transport::LinkState::disconnected)
-            seen.emplace_back(e.attempt, e.will_retry);
+        if (e.state == LinkState::disconnected) seen.emplace_back(e.attempt, e.will_retry);
     EXPECT_EQ((std::vector<std::pair<int, bool>>{{0, true}, {1, true}, {2, false}}), seen);
     EXPECT_EQ(10ms, events.front().delay);  // no jitter: the initial delay exactly
     EXPECT_EQ(20ms, events[2].delay);       // then times the growth
@@ -751,12 +740,11 @@ TEST(ReconnectPolicy, NeverRetriesARefusedLogin) {
     qor::router::Credential alice;
     alice.authid = "alice";
     alice.ticket = "first";
-    qor::router::ServerOptions so;
+    ServerOptions so;
     so.credentials = {alice};
     auto router = std::make_unique<Router>(so);
     so.rawsocket_port = router->server.rawsocket_port();
-    const std::string url = "rs://127.0.0.1:" + std::to_string(so.rawsocket_port);
-    qor::transport::ConnectOptions options;
+    ConnectOptions options;
     options.authid = "alice";
     options.authmethods = {"ticket"};
     options.ticket = "first";
@@ -764,18 +752,16 @@ TEST(ReconnectPolicy, NeverRetriesARefusedLogin) {
     options.reconnect.initial_delay = 10ms;
     options.reconnect.max_retries = 0;  // no limit: only the refusal can stop it
     qor::QorClient peer;
-    auto& link = qor::transport::connect(peer, url, options);
-    std::vector<qor::transport::LinkEvent> events;
-    link.on_state_change([&](const qor::transport::LinkEvent& e) { events.push_back(e); });
+    auto& link = qor::transport::connect(
+        peer, "rs://127.0.0.1:" + std::to_string(so.rawsocket_port), options);
+    std::vector<LinkEvent> events;
+    link.on_state_change([&](const LinkEvent& e) { events.push_back(e); });
 
     // The server comes back with another ticket.
     router.reset();
     so.credentials[0].ticket = "second";
     router = std::make_unique<Router>(so);
-    ASSERT_TRUE(pump_until(peer, [&] {
-        return !events.empty() && events.back().state == qor::transport::LinkState::disconnected &&
-               !events.back().will_retry;
-    }));
+    ASSERT_TRUE(pump_until_given_up(peer, events));
     EXPECT_EQ("session refused: wamp.error.authentication_failed (wrong ticket secret for 'alice')",
               events.back().reason);
     events.clear();
@@ -783,7 +769,7 @@ TEST(ReconnectPolicy, NeverRetriesARefusedLogin) {
         peer, [] { return false; }, 100ms);
     EXPECT_TRUE(events.empty());
     EXPECT_FALSE(peer.server_connected);
-    EXPECT_EQ(qor::transport::LinkState::disconnected, link.state());
+    EXPECT_EQ(LinkState::disconnected, link.state());
 }
 
 }  // namespace
