@@ -681,24 +681,6 @@ TEST(Server, OversizedHelloIsRefusedByItsHeader) {
     EXPECT_TRUE(router.joins.empty());
 }
 
-TEST(Server, UnfinishedFrameThatStallsEndsTheConnection) {
-    ServerOptions options;
-    options.opening_timeout = 60s;       // far beyond the receive time-out: only the frame's own
-    options.frame_idle_timeout = 100ms;  // limit can end this connection in time
-    Router router(options);
-    RawConnection connection(router.server.rawsocket_port());
-    ASSERT_TRUE(connection.connected);
-    // A frame of 1000 bytes announced, 10 of them sent, then nothing.
-    std::vector<uint8_t> out = {0x7F, 0xF2, 0, 0, 0x00, 0x00, 0x03, 0xE8};
-    out.resize(out.size() + 10, 0x93);
-    ASSERT_TRUE(connection.send(out));
-    // The handshake's answer, then the end of the connection.
-    bool closed = false;
-    EXPECT_EQ(4u, connection.read_to_end(closed).size());
-    EXPECT_TRUE(closed) << "the connection was not closed";
-    EXPECT_TRUE(poll_until([&] { return router.server.connections() == 0; }));
-}
-
 // Pumps until the link gives up: a loss it will not retry.
 bool pump_until_given_up(qor::QorClient& peer, const std::vector<LinkEvent>& events) {
     return pump_until(peer, [&] {

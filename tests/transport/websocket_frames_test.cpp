@@ -1,5 +1,5 @@
 // WebSocket framing byte by byte (the examples of RFC 6455 section 5.7 among the rows), and
-// the router's rule for a WebSocket peer that stops in the middle of a frame.
+// the router's rule for a peer that stops in the middle of a frame.
 
 #include <gtest/gtest.h>
 
@@ -7,12 +7,6 @@
 #include <cstdint>
 #include <string>
 #include <vector>
-
-#include <boost/asio/connect.hpp>
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/read.hpp>
-#include <boost/asio/write.hpp>
 
 #include <qor/router/server.hpp>
 #include <qor/transport/websocket.hpp>
@@ -68,13 +62,13 @@ TEST(WebSocketFrames, Writer) {
               frame_hex(ws::Opcode::pong, HELLO, KEY));
     // The length forms at their edges: 125 in the first byte, 126 and 65535 in 16 bits, 65536
     // in 64.
-    for (const auto& [size, header] : std::vector<std::pair<size_t, std::string>>{
-             {125, "82 7d"},
-             {126, "82 7e 00 7e"},
-             {65535, "82 7e ff ff"},
-             {65536, "82 7f 00 00 00 00 00 01 00 00"}}) {
-        const std::string out = frame_hex(ws::Opcode::binary, std::vector<uint8_t>(size, 0xAB),
-                                          nullptr);
+    for (const auto& [size, header] :
+         std::vector<std::pair<size_t, std::string>>{{125, "82 7d"},
+                                                     {126, "82 7e 00 7e"},
+                                                     {65535, "82 7e ff ff"},
+                                                     {65536, "82 7f 00 00 00 00 00 01 00 00"}}) {
+        const std::string out =
+            frame_hex(ws::Opcode::binary, std::vector<uint8_t>(size, 0xAB), nullptr);
         EXPECT_EQ(to_hex(hex(header)), out.substr(0, to_hex(hex(header)).size())) << size;
     }
     std::vector<uint8_t> out;
@@ -126,7 +120,9 @@ TEST(WebSocketFrames, ReaderWholeAndInEveryPieceSize) {
         {"82 00", true, 64, {"1002 websocket: unmasked client frame"}},
         {"82 80 00 00 00 00", false, 64, {"1002 websocket: masked server frame"}},
         {"82 7e 00 7d", false, 1000, {"1002 websocket: length not minimally encoded"}},
-        {"82 7f 00 00 00 00 00 00 ff ff", false, 1u << 20,
+        {"82 7f 00 00 00 00 00 00 ff ff",
+         false,
+         1u << 20,
          {"1002 websocket: length not minimally encoded"}},
         {"82 7f 80 00 00 00 00 00 00 00", false, 64, {"1002 websocket: length above 2^63"}},
         {"09 00", false, 64, {"1002 websocket: fragmented control frame"}},
@@ -151,70 +147,56 @@ const std::string UPGRADE =
     "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n"
     "Sec-WebSocket-Protocol: wamp.2.msgpack\r\n\r\n";
 
-// Connects to the router's WebSocket port, writes the upgrade and `frames` in one piece, and
-// returns the frame bytes that come back after the 101 answer, once the router closed (`closed`
-// true) or the first `want` of them arrived, or after 5 s.
-std::vector<uint8_t> exchange(uint16_t port, const std::vector<uint8_t>& frames, size_t want,
-                              bool& closed) {
-    namespace asio = boost::asio;
-    asio::io_context io;
-    asio::ip::tcp::socket s(io);
-    s.connect({asio::ip::make_address("127.0.0.1"), port});
-    std::vector<uint8_t> out(UPGRADE.begin(), UPGRADE.end());
-    out.insert(out.end(), frames.begin(), frames.end());
-    asio::write(s, asio::buffer(out));
-    std::string in;
-    closed = false;
-    std::vector<char> chunk(4096);
-    auto after_101 = [&]() -> size_t {
-        const size_t end = in.find("\r\n\r\n");
-        return end == std::string::npos || in.rfind("HTTP/1.1 101", 0) != 0 ? in.npos : end + 4;
-    };
-    std::function<void()> next = [&] {
-        s.async_read_some(asio::buffer(chunk), [&](boost::system::error_code ec, size_t n) {
-            in.append(chunk.data(), n);
-            const size_t body = after_101();
-            if (ec) closed = true;
-            else if (want && body != in.npos && in.size() - body >= want) io.stop();
-            else next();
-        });
-    };
-    next();
-    io.run_for(std::chrono::seconds(5));
-    const size_t body = after_101();
-    if (body == in.npos) return {};
-    return std::vector<uint8_t>(in.begin() + long(body), in.end());
+// Reads the answer to the upgrade up to its blank line; true when it is a 101.
+bool upgraded(transport_test::RawConnection& connection) {
+    std::string head;
+    uint8_t byte = 0;
+    while (head.size() < 4 || head.compare(head.size() - 4, 4, "\r\n\r\n") != 0) {
+        if (!connection.read(&byte, 1, std::chrono::seconds(5))) return false;
+        head += char(byte);
+    }
+    return head.rfind("HTTP/1.1 101", 0) == 0;
 }
 
 }  // namespace
 
 TEST(WebSocketFrames, RouterReadsFramesSentRightBehindTheUpgrade) {
     transport_test::Router router;
+    transport_test::RawConnection connection(router.server.websocket_port());
     // HELLO ["realm1", {}], masked with a zero key, in the same write as the upgrade request.
-    bool closed = false;
-    const std::vector<uint8_t> in =
-        exchange(router.server.websocket_port(),
-                 hex("82 8a 00 00 00 00 93 01 a6 72 65 61 6c 6d 31 80"), 6, closed);
+    ASSERT_TRUE(connection.send(test_support::with({}, UPGRADE) +
+                                hex("82 8a 00 00 00 00 93 01 a6 72 65 61 6c 6d 31 80")));
+    ASSERT_TRUE(upgraded(connection));
     // WELCOME: an unmasked binary frame starting [2, ...
-    ASSERT_GE(in.size(), 6u) << to_hex(in);
+    uint8_t in[6];
+    ASSERT_TRUE(connection.read(in, sizeof in));
     EXPECT_EQ(0x82, in[0]);
     const size_t payload = (in[1] & 0x7f) == 126 ? 4 : 2;
-    EXPECT_EQ(to_hex(hex("93 02")), to_hex(in.data() + payload, 2)) << to_hex(in);
+    EXPECT_EQ(to_hex(hex("93 02")), to_hex(in + payload, 2)) << to_hex(in, sizeof in);
 }
 
-TEST(WebSocketFrames, RouterEndsAPeerThatStopsInsideAFrame) {
+// A frame announcing 1000 bytes, 10 of them sent, then nothing. Over WebSocket the answer is
+// one close frame saying why (a protocol error, 1002); RawSocket has none. Then the stream ends.
+TEST(WebSocketFrames, RouterEndsAPeerThatStopsInsideAFrameOverEitherFraming) {
     using namespace std::chrono_literals;
     qor::router::ServerOptions options;
     options.opening_timeout = 60s;       // far beyond the receive time-out: only the frame's own
     options.frame_idle_timeout = 100ms;  // limit can end this connection in time
     transport_test::Router router(options);
-    // A masked binary frame announcing 1000 bytes, 10 of them sent, then nothing: the answer
-    // is one close frame saying why (a protocol error, 1002), then the end of the stream.
-    bool closed = false;
-    const std::vector<uint8_t> in = exchange(
-        router.server.websocket_port(), hex("82 fe 03 e8 00 00 00 00") + std::vector<uint8_t>(10),
-        0, closed);
-    ASSERT_TRUE(closed) << "the connection was not closed";
-    EXPECT_EQ(to_hex(hex("88 02 03 ea")), to_hex(in));
-    EXPECT_TRUE(transport_test::poll_until([&] { return router.server.connections() == 0; }));
+    for (const bool websocket : {true, false}) {
+        SCOPED_TRACE(websocket ? "websocket" : "rawsocket");
+        transport_test::RawConnection connection(websocket ? router.server.websocket_port()
+                                                           : router.server.rawsocket_port());
+        const std::vector<uint8_t> start =
+            websocket ? test_support::with({}, UPGRADE) + hex("82 fe 03 e8 00 00 00 00")
+                      : hex("7f f2 00 00 00 00 03 e8");
+        ASSERT_TRUE(connection.send(start + std::vector<uint8_t>(10)));
+        uint8_t accepted[4];
+        ASSERT_TRUE(websocket ? upgraded(connection) : connection.read(accepted, 4));
+        bool closed = false;
+        const std::vector<uint8_t> in = connection.read_to_end(closed);
+        ASSERT_TRUE(closed) << "the connection was not closed";
+        EXPECT_EQ(websocket ? "88 02 03 ea" : "", to_hex(in));
+        EXPECT_TRUE(transport_test::poll_until([&] { return router.server.connections() == 0; }));
+    }
 }
