@@ -35,12 +35,9 @@ TEST(RawSocketHandshake, BytesAndLengths) {
     EXPECT_EQ(hex("7f 10 00 00"), bytes(rs::server_refuse(1)));
     EXPECT_EQ(512u, rs::max_length_of(0));
     EXPECT_EQ(1u << 24, rs::max_length_of(15));
-    EXPECT_EQ(0, rs::exponent_for(1));
-    EXPECT_EQ(0, rs::exponent_for(512));
-    EXPECT_EQ(1, rs::exponent_for(513));
-    EXPECT_EQ(7, rs::exponent_for(65536));
-    EXPECT_EQ(15, rs::exponent_for(16u * 1024 * 1024));
-    EXPECT_EQ(15, rs::exponent_for(0xFFFFFFFFu));
+    for (const auto& [length, exponent] : std::vector<std::pair<uint32_t, int>>{
+             {1, 0}, {512, 0}, {513, 1}, {65536, 7}, {16u << 20, 15}, {0xFFFFFFFFu, 15}})
+        EXPECT_EQ(exponent, rs::exponent_for(length)) << length;
 
     const auto accepted = rs::parse_handshake(hex("7f 72 00 00").data());
     EXPECT_EQ(7, accepted.exponent);
@@ -227,4 +224,3 @@ TEST(Url, RefusedFormsNameTheReason) {
     for (const auto& [text, error] : rows)
         EXPECT_EQ(error, error_of([&] { qor::transport::parse_url(text); })) << text;
 }
-

@@ -113,7 +113,6 @@ class Router {
     void handle(uint64_t session, const qor::wamp::Message& m) {
         {
             std::lock_guard<std::mutex> lock(mutex);
-            received.push_back(m.type);
             if (m.type == qor::wamp::CALL) calls.push_back(m.procedure);
             changed.notify_all();
         }
@@ -151,7 +150,6 @@ class Router {
     std::condition_variable changed;
     std::vector<qor::router::SessionInfo> joins;
     std::vector<std::pair<uint64_t, std::string>> leaves;
-    std::vector<uint32_t> received;
     std::vector<std::string> calls;
     std::vector<Subscription> subscriptions;
 

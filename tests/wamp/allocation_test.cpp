@@ -62,37 +62,32 @@ using namespace qor::wamp;
 using namespace test_support;
 namespace mp = qor::serialization::msgpack;
 
-TEST(WampAllocation, SerializeAllocatesOneBlockOfExactlyTheMessageSize) {
+// Serializing takes one block of exactly the message's size; a send below the trace level
+// takes nothing more.
+TEST(WampAllocation, SerializeAndSendAllocateOneBlockOfExactlyTheMessageSize) {
     Message call(CALL, Id(123456789), "qor.server.operation.SEND_SCENE");
     call.args = {encoded(std::string(300, 's')), encoded(42), encoded(2.5)};
     call.details["timeout"] = encoded(1000);
-    size_t count = 0, size = 0;
-    uint64_t encoded_size = 0;
-    {
-        Counting scope;
-        const mp::buffer bytes = serialize(call);
-        count = allocations;
-        size = last_size;
-        encoded_size = bytes.size;
-    }
-    EXPECT_EQ(count, 1u);
-    EXPECT_EQ(size, encoded_size);
-}
-
-TEST(WampAllocation, SendWithoutTraceDoesNotPrint) {
     CapturedLog log(spdlog::level::debug);
     Client client("server", log.logger.get());
     uint64_t written = 0;
     client.session.write = [&written](const uint8_t*, uint64_t size) { written = size; };
-    const Message call(CALL, Id(7), "qor.server.operation.CLEAR_SCENE");
-    size_t count = 0;
+    size_t serialized = 0, serialized_size = 0, sent = 0;
+    uint64_t encoded_size = 0;
     {
         Counting scope;
+        const mp::buffer bytes = serialize(call);
+        serialized = allocations;
+        serialized_size = last_size;
+        encoded_size = bytes.size;
+        allocations = 0;
         client.session.send(call);
-        count = allocations;
+        sent = allocations;
     }
-    EXPECT_EQ(written, 38u);
-    EXPECT_EQ(count, 1u);
+    EXPECT_EQ(serialized, 1u);
+    EXPECT_EQ(serialized_size, encoded_size);
+    EXPECT_EQ(sent, 1u);
+    EXPECT_EQ(written, encoded_size);
 }
 
 // A RESULT whose one argument is an array of one nil per byte left: the count passes every

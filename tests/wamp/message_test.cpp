@@ -7,6 +7,7 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/testing.hpp"
@@ -130,6 +131,13 @@ std::vector<SerializeRow> serialize_rows() {
 
 Message parse(const std::vector<uint8_t>& bytes) {
     return parse_message(mp::buffer(bytes.data(), bytes.size()));
+}
+
+// Every field a message kind may carry, but its arguments.
+auto fields(const Message& m) {
+    return std::tie(m.type, m.realm, m.session, m.request, m.authmethod, m.signature,
+                    m.request_type, m.error, m.reason, m.topic, m.publication, m.subscription,
+                    m.procedure, m.registration, m.details);
 }
 
 // One sample of every kind, and of every form of each element.
@@ -305,22 +313,8 @@ TEST(WampReceive, EveryKindParsesBackToWhatWasSerialized) {
         SCOPED_TRACE(type_name(sent.type));
         const mp::buffer bytes = serialize(sent);
         const Message got = parse_message(bytes);
-        EXPECT_EQ(got.type, sent.type);
         EXPECT_EQ(got.raw, bytes);
-        EXPECT_EQ(got.realm, sent.realm);
-        EXPECT_EQ(got.session, sent.session);
-        EXPECT_EQ(got.request, sent.request);
-        EXPECT_EQ(got.authmethod, sent.authmethod);
-        EXPECT_EQ(got.signature, sent.signature);
-        EXPECT_EQ(got.request_type, sent.request_type);
-        EXPECT_EQ(got.error, sent.error);
-        EXPECT_EQ(got.reason, sent.reason);
-        EXPECT_EQ(got.topic, sent.topic);
-        EXPECT_EQ(got.publication, sent.publication);
-        EXPECT_EQ(got.subscription, sent.subscription);
-        EXPECT_EQ(got.procedure, sent.procedure);
-        EXPECT_EQ(got.registration, sent.registration);
-        EXPECT_EQ(got.details, sent.details);
+        EXPECT_TRUE(fields(got) == fields(sent));
         EXPECT_EQ(got.args_count, sent.args.size());
         // Received arguments stay in `raw`; the copies must be the bytes that were sent.
         EXPECT_TRUE(got.args.empty());
