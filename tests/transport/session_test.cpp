@@ -501,8 +501,6 @@ TEST(ConnectFailures, EachStepNamesUrlAndCause) {
         {"rs", Peer::mute, "", "", "timed out after 1000 ms", true},
         {"ws", Peer::mute, "", "", "timed out after 1000 ms", true},
         {"rs", Peer::scripted, "", "", "timed out after 1000 ms", true},  // no reply at all
-        {"rs", Peer::scripted, "7F 40 00 00", "",
-         "handshake refused: maximum connection count reached", true},
         {"rs", Peer::scripted, "7F F1 00 00", "", "handshake refused: unsupported serializer 1",
          true},
         {"rs", Peer::scripted, "48 54 54 50", "",

@@ -61,9 +61,7 @@ TEST(WampSubscribe, OneSubscribePerTopicWithTheHandlerIdAsRequest) {
     EXPECT_GT(second, first);
     const std::vector<Message> sent = subscribes(p.link);
     ASSERT_EQ(sent.size(), 1u);
-    EXPECT_EQ(sent[0].request.value(), first);
-    EXPECT_EQ(sent[0].topic, update_topic);
-    EXPECT_TRUE(sent[0].details.empty());
+    ASSERT_LT(first, 128u);  // one byte in the expected SUBSCRIBE
     EXPECT_EQ(
         bytes_of(p.link.written_bytes.back()),
         with(hex("94 20") + std::vector<uint8_t>{uint8_t(first)} + hex("80 B1"), update_topic));
