@@ -73,8 +73,8 @@ TEST(Autobahn, ParsesEverythingOurClientSends) {
         std::string method;
     };
     const Way ways[] = {
-        {"rs://127.0.0.1:" + std::to_string(router.server.rawsocket_port()), "alice", "ticket"},
-        {"ws://127.0.0.1:" + std::to_string(router.server.websocket_port()), "bob", "wampcra"},
+        {url_of("rs", router.server), "alice", "ticket"},
+        {url_of("ws", router.server), "bob", "wampcra"},
     };
     for (const Way& way : ways) {
         qor::QorClient peer;

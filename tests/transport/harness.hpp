@@ -182,6 +182,12 @@ class Router {
     }
 };
 
+/// "<scheme>://127.0.0.1:<port>", the port of `server` for that framing (ws, wss: WebSocket).
+inline std::string url_of(const std::string& scheme, const qor::router::Server& server) {
+    const uint16_t port = scheme[0] == 'w' ? server.websocket_port() : server.rawsocket_port();
+    return scheme + "://127.0.0.1:" + std::to_string(port);
+}
+
 /// A listening socket on a free 127.0.0.1 port that does whatever the test scripts.
 class RawPeer {
   public:
