@@ -60,18 +60,15 @@ class Transport : public ::testing::TestWithParam<Scheme> {
 
     std::string url(const Router& router) const { return url_for(GetParam(), router.server); }
 
-    template <class T>
+    template <class T, class... Args>
     std::optional<qor::wamp::RpcResult<T>> call_and_wait(qor::QorClient& peer,
                                                          const std::string& procedure,
-                                                         const std::string& arg) {
+                                                         const Args&... args) {
         std::optional<qor::wamp::RpcResult<T>> got;
         std::function<void(qor::wamp::RpcResult<T>)> done = [&](qor::wamp::RpcResult<T> r) {
             got = r;
         };
-        if (arg.empty())
-            peer.call<T>(done, procedure);
-        else
-            peer.call<T>(done, procedure, arg);
+        peer.call<T>(done, procedure, args...);
         pump_until(peer, [&] { return got.has_value(); });
         return got;
     }
@@ -99,19 +96,19 @@ TEST_P(Transport, OpensCallsSubscribesAndReceivesEvents) {
               nodelay_of_socket_to(GetParam().websocket ? server.websocket_port()
                                                         : server.rawsocket_port()));
 
-    auto echoed = call_and_wait<std::string>(peer, "echo", "hello");
+    auto echoed = call_and_wait<std::string>(peer, "echo", std::string("hello"));
     ASSERT_TRUE(echoed);
     EXPECT_FALSE(echoed->isError);
     EXPECT_EQ("hello", echoed->value);
 
-    auto failed = call_and_wait<std::string>(peer, "fail", "");
+    auto failed = call_and_wait<std::string>(peer, "fail");
     ASSERT_TRUE(failed);
     EXPECT_TRUE(failed->isError);
     EXPECT_EQ("app.error.failed", failed->error);
 
     // A call past its limit ends; the router takes the CANCEL and the session goes on.
     endpoint.client().caller.call_limit = 50ms;
-    auto never = call_and_wait<std::string>(peer, "never", "");  // left unanswered
+    auto never = call_and_wait<std::string>(peer, "never");  // left unanswered
     ASSERT_TRUE(never.has_value());
     EXPECT_TRUE(never->isError);
     EXPECT_EQ("qor.error.call_timeout", never->error);
@@ -166,7 +163,7 @@ TEST_P(Transport, BurstWithALargeMessageArrivesInOrderAndIntact) {
         ASSERT_TRUE(sent[i] == values[i]) << "answer " << i;
     }
     // The link is still usable after the burst.
-    auto echoed = call_and_wait<std::string>(peer, "echo", "after");
+    auto echoed = call_and_wait<std::string>(peer, "echo", std::string("after"));
     ASSERT_TRUE(echoed);
     EXPECT_EQ("after", echoed->value);
 }
@@ -275,16 +272,12 @@ TEST_P(Transport, MessagesOverALimit) {
         auto options = client_options();
         options.max_message_size = 64 * 1024;
         auto& endpoint = qor::transport::connect(peer, url(router), options);
-        std::optional<qor::wamp::RpcResult<msgpack::buffer>> got;
-        std::function<void(qor::wamp::RpcResult<msgpack::buffer>)> done =
-            [&](qor::wamp::RpcResult<msgpack::buffer> r) { got = r; };
-        peer.call<msgpack::buffer>(done, "big", 1000LL);
-        ASSERT_TRUE(pump_until(peer, [&] { return got.has_value(); }));
+        auto got = call_and_wait<msgpack::buffer>(peer, "big", 1000LL);
+        ASSERT_TRUE(got);
         EXPECT_FALSE(got->isError);
         EXPECT_EQ(1000u, got->value.size);
-        got.reset();
-        peer.call<msgpack::buffer>(done, "big", 200000LL);
-        ASSERT_TRUE(pump_until(peer, [&] { return got.has_value(); }));
+        got = call_and_wait<msgpack::buffer>(peer, "big", 200000LL);
+        ASSERT_TRUE(got);
         EXPECT_TRUE(got->isError);
         EXPECT_EQ(ends ? "qor.error.connection_lost" : "wamp.error.payload_size_exceeded",
                   got->error);
