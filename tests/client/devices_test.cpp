@@ -8,10 +8,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "client_fixture.hpp"
+#include "support/testing.hpp"
 
 namespace client_test {
 namespace {
+
+using namespace test_support;
 
 using ::testing::ElementsAre;
 namespace types = dax::types;

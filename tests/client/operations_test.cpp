@@ -9,10 +9,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "client_fixture.hpp"
+#include "support/testing.hpp"
 
 namespace client_test {
 namespace {
+
+using namespace test_support;
 
 using dax::client::DaxClient;
 using qor::serialization::msgpack::buffer;
@@ -107,24 +109,6 @@ TEST_F(OperationsTest, EveryOperationSendsItsUriAndArgumentsInOrder) {
         EXPECT_EQ(args_hex(call), to_hex(hex(row.args)));
         // Without arguments the CALL stops after the URI: four elements instead of five.
         EXPECT_EQ(call.raw.data[0], row.count == 0 ? 0x94 : 0x95);
-    }
-}
-
-TEST_F(OperationsTest, SendSceneSwitchesBinaryFormAtItsBounds) {
-    struct Case {
-        uint64_t size;
-        const char* header;
-    };
-    const Case cases[] = {
-        {0, "c400"}, {255, "c4ff"}, {256, "c50100"}, {65535, "c5ffff"}, {65536, "c600010000"}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.size);
-        net.link.clear_written();
-        std::vector<uint8_t> payload(c.size, 0x5a);
-        client->SEND_SCENE(buffer(payload), [](RpcResult<int>) {});
-        std::string expected = to_hex(hex(c.header));
-        for (uint64_t i = 0; i < c.size; ++i) expected += " 5a";
-        EXPECT_EQ(args_hex(net.link.last_call()), expected);
     }
 }
 

@@ -212,118 +212,101 @@ TEST(PluginHandler, GoodPluginRegistersItsCreatorUntilUnloaded) {
 
 // ---- whole constructions, each in a folder of its own ----------------------------------------
 
-// Each row runs the probe in a folder of its own holding the plug-ins named (built as, copied
-// to); `out` and `err` are the whole output unless marked as a part of it. "{dir}" stands for
-// the folder.
+// Each row runs the probe in a folder of its own holding the plug-ins named ("built>as", names
+// without the platform's prefix and extension) and files that are no library ("!name");
+// "sdk" puts the SDK's own library there. `out` and `err` are the whole output, or a part of it
+// when the row says so. "{dir}" stands for the folder.
 TEST(ClientConstruction, EachFolderGivesItsOutputAndSubscriptions) {
+    enum Match { whole, out_part, err_part, both_parts };
     struct Row {
         const char* name;
-        bool sdk;
-        std::vector<std::pair<std::string, std::string>> plugins;
-        std::vector<std::string> not_libraries;
+        std::vector<std::string> files;
         std::string args, out, err;
-        bool out_part, err_part;
+        Match match;
     };
     const std::string plain = "probe: factories=0 bindings=29 timeout=1000 version=-1\n";
     const std::string ended = "[Client] Cleanup\nprobe: peer bindings=0 pending=29\n";
     const std::string good = "[Client] * Loaded plugin test_good (Body and Counter)\n";
+    const std::string logger = "--stderr-logger";
     const Row rows[] = {
         // Skipped by name: as a plug-in the SDK would be reported ("unknown plugin name").
-        {"only the SDK", true, {}, {}, "--stderr-logger", kStart + plain + ended, "", false, false},
+        {"only the SDK", {"sdk"}, logger, kStart + plain + ended, "", whole},
         {"only the exact own name is skipped",
-         true,
-         {},
-         {lib("qor_xsdk_cpp")},
-         "--stderr-logger",
+         {"sdk", "!qor_xsdk_cpp"},
+         logger,
          plain,
          "[Server] Failed to load plugin " + lib("qor_xsdk_cpp") + ": " + kNotALibraryCode,
-         true,
-         true},
+         both_parts},
         {"a good plug-in",
-         true,
-         {{"qor_test_good_sdk_cpp", "qor_good_sdk_cpp"}},
-         {},
-         "--stderr-logger --create Counter",
+         {"sdk", "qor_test_good_sdk_cpp>qor_good_sdk_cpp"},
+         logger + " --create Counter",
          kStart + good + "probe: factories=2 bindings=29 timeout=1000 version=-1\n" +
              "probe: created Counter id=0\n" + ended,
          "",
-         false,
-         false},
+         whole},
         // The defaults hold from the start, so the early return leaves them in place.
         {"a throwing plug-in stops the search and the subscriptions",
-         false,
-         {{"qor_test_throw_sdk_cpp", "qor_1throw_sdk_cpp"},
-          {"qor_test_good_sdk_cpp", "qor_2good_sdk_cpp"}},
-         {},
-         "--stderr-logger",
+         {"qor_test_throw_sdk_cpp>qor_1throw_sdk_cpp", "qor_test_good_sdk_cpp>qor_2good_sdk_cpp"},
+         logger,
          kStart + "probe: factories=0 bindings=0 timeout=1000 version=-1\n" +
              "[Client] Cleanup\nprobe: peer bindings=0 pending=0\n",
          "[Client] * Failed to load plugin {dir}/qor_1throw_sdk_cpp: test plugin refuses to load\n",
-         false,
-         false},
+         whole},
         {"a nameless plug-in is reported and the search goes on",
-         false,
-         {{"qor_test_noname_sdk_cpp", "qor_1noname_sdk_cpp"},
-          {"qor_test_good_sdk_cpp", "qor_2good_sdk_cpp"}},
-         {},
-         "--stderr-logger",
+         {"qor_test_noname_sdk_cpp>qor_1noname_sdk_cpp", "qor_test_good_sdk_cpp>qor_2good_sdk_cpp"},
+         logger,
          good + "probe: factories=2 bindings=29",
          "Failed initializing " + lib("qor_1noname_sdk_cpp") + ": unknown plugin name\n",
-         true,
-         false},
+         out_part},
         // The second library has no "PluginInit", yet its name finds the first one's function.
         {"plug-ins sharing a name use whatever the table holds at each load",
-         false,
-         {{"qor_test_twin_a_sdk_cpp", "qor_1twin_sdk_cpp"},
-          {"qor_test_noinit_sdk_cpp", "qor_2twin_sdk_cpp"},
-          {"qor_test_twin_b_sdk_cpp", "qor_3twin_sdk_cpp"}},
-         {},
-         "--stderr-logger",
+         {"qor_test_twin_a_sdk_cpp>qor_1twin_sdk_cpp", "qor_test_noinit_sdk_cpp>qor_2twin_sdk_cpp",
+          "qor_test_twin_b_sdk_cpp>qor_3twin_sdk_cpp"},
+         logger,
          kStart + "[Client] * Loaded plugin twin (first twin)\n" +
              "[Client] * Loaded plugin twin (first twin)\n" +
              "[Client] * Loaded plugin twin (second twin)\n" + plain + ended,
          "[Server] Failed initializing plugin : " + lib("qor_2twin_sdk_cpp") + "\n",
-         false,
-         false},
+         whole},
         // Not the search's own failure: the exception leaves the constructor, and the factory
         // appended before it is deleted while its library is still loaded.
         {"a throw from registerFactories releases what was gathered",
-         false,
-         {{"qor_test_throw_register_sdk_cpp", "qor_bad_sdk_cpp"}},
-         {},
-         "--stderr-logger",
+         {"qor_test_throw_register_sdk_cpp>qor_bad_sdk_cpp"},
+         logger,
          kStart + "plugin: factory released\n" +
              "probe: construction failed: test plugin cannot register\n" +
              "probe: peer bindings=0 pending=0\n",
          "",
-         false,
-         false},
+         whole},
         {"a failure without an application logger still gets reported",
-         false,
-         {},
-         {lib("qor_broken_sdk_cpp")},
+         {"!qor_broken_sdk_cpp"},
          "",
          "[Server] Failed to load plugin " + lib("qor_broken_sdk_cpp"),
          "",
-         true,
-         false},
+         out_part},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         ScratchFolder dir;
-        if (row.sdk) dir.add_sdk();
-        for (const auto& [built, as] : row.plugins) dir.add_plugin(lib(built), lib(as));
-        for (const std::string& name : row.not_libraries) dir.touch(name);
+        for (const std::string& file : row.files) {
+            const auto arrow = file.find('>');
+            if (file == "sdk")
+                dir.add_sdk();
+            else if (file[0] == '!')
+                dir.touch(lib(file.substr(1)));
+            else
+                dir.add_plugin(lib(file.substr(0, arrow)), lib(file.substr(arrow + 1)));
+        }
         const ProbeRun run = run_probe(dir, row.args);
         EXPECT_EQ(run.status, 0);
-        if (row.out_part)
+        if (row.match == out_part || row.match == both_parts)
             EXPECT_THAT(run.out, HasSubstr(row.out));
         else
             EXPECT_EQ(run.out, row.out);
         std::string err = row.err;
         const auto at = err.find("{dir}");
         if (at != std::string::npos) err.replace(at, 5, dir.path().string());
-        if (row.err_part)
+        if (row.match == err_part || row.match == both_parts)
             EXPECT_THAT(run.err, HasSubstr(err));
         else
             EXPECT_EQ(run.err, err);

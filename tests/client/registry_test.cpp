@@ -9,11 +9,13 @@
 
 #include <dax/plugins/plugin_handler.hpp>
 
-#include "client_fixture.hpp"
+#include "support/testing.hpp"
 #include "test_components.hpp"
 
 namespace client_test {
 namespace {
+
+using namespace test_support;
 
 using dax::client::DaxClient;
 using dax::client::IClientComponent;

@@ -1,4 +1,4 @@
-// Scene records both ways, per-step state, sync_step, and the whole path beside a real plug-in.
+// Scene records both ways, per-step state and sync_step.
 
 #include <cstdint>
 #include <stdexcept>
@@ -11,11 +11,13 @@
 
 #include <qor/serialization/msgpack/pack.hpp>
 
-#include "client_fixture.hpp"
+#include "support/testing.hpp"
 #include "test_components.hpp"
 
 namespace client_test {
 namespace {
+
+using namespace test_support;
 
 using dax::client::DaxClient;
 using qor::serialization::msgpack::buffer;
@@ -78,7 +80,8 @@ TEST_F(SceneTest, IdsAndClientIdsUseTheCompactIntegerForm) {
         client->Clear();
         client->Create("Body", row.id, row.client_id);
         client->send_scene_to_server();
-        EXPECT_EQ(sent_scene(), to_hex(hex(std::string("91 94 a4 426f6479 ") + row.encoded + " c0")));
+        EXPECT_EQ(sent_scene(),
+                  to_hex(hex(std::string("91 94 a4 426f6479 ") + row.encoded + " c0")));
     }
 }
 
@@ -354,42 +357,6 @@ TEST_F(SceneTest, SyncStepKeepsOtherHandlersErrorsAndLetsItsOwnThrough) {
     net.on_pass(net.link.first_passes + 1, [&] { net.link.reply_last_result(7); });
     EXPECT_EQ(error_of([&] { client->sync_step(); }), "inconsistent data while parsing array");
     EXPECT_EQ(client->handler_errors, 1u);
-}
-
-// ---- the whole path, beside a real plug-in ------------------------------------------------
-
-TEST_F(SceneTest, PluginComponentsGoToTheServerStepAndFollowPublishedState) {
-    std::vector<int64_t> status;
-    client->init("demo", [&](int64_t ok, std::string) { status.push_back(ok); });
-    net.link.confirm_subscription("qor.server.update", qor::wamp::Id(77));
-
-    auto* ball = client->Create("Body");
-    auto* score = static_cast<Counter*>(client->Create("Counter"));
-    score->value = 3;
-    client->send_scene_to_server();
-    EXPECT_EQ(sent_scene(),
-              to_hex(hex("92 94 a4 426f6479 00 00 c0 94 a7 436f756e746572 01 00 03")));
-    net.link.reply_last_result(0);
-
-    net.on_pass(2, [&] {
-        net.link.reply_last_result(
-            step_result("82 00 93 cb3ff0000000000000 cb4000000000000000 cb4008000000000000 01 04"));
-    });
-    client->sync_step();
-    EXPECT_EQ(status, std::vector<int64_t>{1});
-    EXPECT_THAT(static_cast<Body*>(ball)->position, ::testing::ElementsAre(1.0, 2.0, 3.0));
-    EXPECT_EQ(score->value, 4);
-    EXPECT_EQ(client->getSceneStateVersion(), 0);
-
-    net.link.publish_event(qor::wamp::Id(77), step_result("81 01 05"));
-    EXPECT_TRUE(client->full_update());
-    EXPECT_EQ(score->value, 5);
-    EXPECT_EQ(client->getSceneStateVersion(), 1);
-
-    // A published state that names a component we do not have surfaces through the pump.
-    net.link.publish_event(qor::wamp::Id(77), step_result("81 07 05"));
-    EXPECT_EQ(error_of([&] { client->full_update(); }),
-              "update_scene_state: component not found id=7");
 }
 
 }  // namespace

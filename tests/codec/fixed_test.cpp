@@ -10,20 +10,6 @@ namespace msgpack = qor::serialization::msgpack;
 using test_support::hex;
 using test_support::to_hex;
 
-TEST(FixedWriters, BigEndianPrimitives) {
-    uint8_t bytes[16] = {};
-    uint8_t* p = bytes;
-    p = msgpack::put_u8(p, 0xAB);
-    p = msgpack::put_be16(p, 0x0102);
-    p = msgpack::put_be32(p, 0x03040506);
-    p = msgpack::put_be64(p, 0x0708090A0B0C0D0Eull);
-    EXPECT_EQ(p - bytes, 15);
-    EXPECT_EQ(to_hex({bytes, bytes + 15}), "ab 01 02 03 04 05 06 07 08 09 0a 0b 0c 0d 0e");
-    EXPECT_EQ(msgpack::get_be16(bytes + 1), 0x0102);
-    EXPECT_EQ(msgpack::get_be32(bytes + 3), 0x03040506u);
-    EXPECT_EQ(msgpack::get_be64(bytes + 7), 0x0708090A0B0C0D0Eull);
-}
-
 TEST(FixedWriters, RecordsMatchTheGeneralWriters) {
     std::vector<uint8_t> general;
     msgpack::pack_array_header(general, 3);

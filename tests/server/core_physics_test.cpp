@@ -4,6 +4,7 @@
 #include <fstream>
 #include <mutex>
 #include <sstream>
+#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -291,6 +292,12 @@ TEST_F(CoreTest, ClockPublishesWhileRunningAndStopsWhenPaused) {
         std::lock_guard<std::mutex> lock(m);
         return published.size();
     };
+    // Waits up to ten seconds for `n` publications.
+    const auto reached = [&](size_t n) {
+        for (int i = 0; i < 2000 && count() < n; ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        return count() >= n;
+    };
     // A static box never changes, so with compression it is published once only.
     call_ok<int>(
         *core, "SEND_SCENE",
@@ -300,14 +307,14 @@ TEST_F(CoreTest, ClockPublishesWhileRunningAndStopsWhenPaused) {
     call_ok<int>(*core, "SET_PUBLISH_PERIOD_MS", 10.0);
     EXPECT_EQ(run(*core, "PAUSE_SIMULATION").error, "qor.error.invalid_state");
     EXPECT_EQ(call_ok<int>(*core, "START_SIMULATION"), 1);
-    ASSERT_TRUE(eventually([&] { return count() >= 5; }));
+    ASSERT_TRUE(reached(5));
     EXPECT_EQ(call_ok<int>(*core, "PAUSE_SIMULATION"), 2);
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     const size_t frozen = count();
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_EQ(count(), frozen) << "nothing is published while paused";
     EXPECT_EQ(call_ok<int>(*core, "RESUME_SIMULATION"), 1);
-    ASSERT_TRUE(eventually([&] { return count() >= frozen + 3; }));
+    ASSERT_TRUE(reached(frozen + 3));
     EXPECT_EQ(call_ok<int>(*core, "STOP_SIMULATION"), 0);
 
     std::lock_guard<std::mutex> lock(m);

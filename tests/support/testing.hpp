@@ -6,6 +6,7 @@
 // where a test links the simulation core, its calls and scenes.
 
 #include <atomic>
+#include <cctype>
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
@@ -38,28 +39,18 @@ namespace test_support {
 /// "cc 80", "cc80" or "CC 80" -> {0xCC, 0x80}. Blanks are ignored so that rows can group bytes
 /// by field; anything else that is not a hex digit is a mistake in the test and throws.
 inline std::vector<uint8_t> hex(std::string_view text) {
-    std::vector<uint8_t> out;
-    out.reserve(text.size() / 2);
-    int high = -1;
+    std::string digits;
     for (const char c : text) {
-        int v;
         if (c == ' ' || c == '\n' || c == '\t') continue;
-        if (c >= '0' && c <= '9')
-            v = c - '0';
-        else if (c >= 'a' && c <= 'f')
-            v = c - 'a' + 10;
-        else if (c >= 'A' && c <= 'F')
-            v = c - 'A' + 10;
-        else
+        if (!std::isxdigit(static_cast<unsigned char>(c)))
             throw std::invalid_argument("bad hex digit in test vector: " + std::string(text));
-        if (high < 0) {
-            high = v;
-        } else {
-            out.push_back(static_cast<uint8_t>(high << 4 | v));
-            high = -1;
-        }
+        digits += c;
     }
-    if (high >= 0) throw std::invalid_argument("odd number of hex digits in test vector");
+    if (digits.size() % 2 != 0)
+        throw std::invalid_argument("odd number of hex digits in test vector");
+    std::vector<uint8_t> out;
+    for (std::size_t i = 0; i < digits.size(); i += 2)
+        out.push_back(static_cast<uint8_t>(std::stoi(digits.substr(i, 2), nullptr, 16)));
     return out;
 }
 
@@ -248,25 +239,25 @@ bool same(const std::vector<E>& a, const std::vector<E>& b) {
     return true;
 }
 
-/// Waits up to `limit` for `done` to become true, checking every few milliseconds.
-inline bool eventually(const std::function<bool()>& done,
-                       std::chrono::milliseconds limit = std::chrono::milliseconds(10000)) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < end) {
-        if (done()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return done();
-}
+}  // namespace test_support
 
-/// True when the tests run under CI (env `CI` set and not empty), where every tool a test
-/// needs is installed by scripts/install-deps and a missing one is a failure, not a skip.
-inline bool in_ci() {
-    const char* ci = std::getenv("CI");
-    return ci != nullptr && *ci != '\0';
-}
+#if __has_include(<dax/client.hpp>)
+#include <dax/client.hpp>
+
+namespace test_support {
+
+/// A DaxClient on a loopback peer, beside the test plug-in where the program has one: what the
+/// client sends is recorded by the loopback, and the test answers, confirms and publishes
+/// through it.
+class ClientTest : public ::testing::Test {
+  protected:
+    LoopbackPeer net;
+    std::unique_ptr<dax::client::DaxClient> client =
+        std::make_unique<dax::client::DaxClient>(&net.peer);
+};
 
 }  // namespace test_support
+#endif
 
 #if __has_include(<qor/sim/core.hpp>)
 #include <map>
@@ -276,7 +267,6 @@ inline bool in_ci() {
 
 namespace qor::sim::testing {
 
-using test_support::eventually;
 using test_support::TempFolder;
 namespace mp = serialization::msgpack;
 
@@ -363,11 +353,12 @@ inline std::map<int64_t, BodyState> states_of(const dax::types::integration_resu
 }  // namespace qor::sim::testing
 #endif
 
-/// Skips the current test when `available` is false, or fails it under CI. `what` names the
+/// Skips the current test when `available` is false, or fails it under CI (env `CI` set and not
+/// empty), where scripts/install-deps supplies every tool a test needs. `what` names the
 /// missing tool; use it first thing in a TEST body or a fixture's SetUp.
 #define QOR_REQUIRE_TOOL(available, what)                                                    \
     if (available) {                                                                         \
-    } else if (::test_support::in_ci()) {                                                    \
+    } else if (const char* ci = std::getenv("CI"); ci != nullptr && *ci != '\0') {           \
         GTEST_FAIL() << what << " is missing; under CI scripts/install-deps must supply it"; \
     } else                                                                                   \
         GTEST_SKIP() << what << " is missing"

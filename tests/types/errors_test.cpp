@@ -129,7 +129,8 @@ TEST(RecordErrors, RefusedCountConsumesOnlyTheHeader) {
     const auto data = hex("93 00 00 00");
     mp::ReadBuffer in(data.data(), data.size());
     vector_bool_t flags;
-    EXPECT_EQ(read_error(data, flags), count_error(3, 1));
+    EXPECT_EQ(error_of([&] { read(in, flags); }), count_error(3, 1));
+    EXPECT_EQ(in.position, 1u);
 }
 
 TEST(RecordErrors, TruncatedFixedRecordsInALongList) {

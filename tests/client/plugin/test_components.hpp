@@ -25,7 +25,6 @@ class Body : public dax::client::IClientComponent {
         std::vector<double> xyz;
         msgpack::read(in, xyz);
         if (xyz.size() == 3) position = {xyz[0], xyz[1], xyz[2]};
-        ++updates;
     }
     void extension1() override {}
     void extension2() override {}
@@ -36,11 +35,7 @@ class Body : public dax::client::IClientComponent {
     }
     void onSceneLoaded() override { ++scene_loaded; }
 
-    const std::string& first_text() const { return data_first; }
-    const std::string& second_text() const { return data_second; }
-
     std::array<double, 3> position{};
-    int updates = 0;
     int deserialized = 0;
     int scene_loaded = 0;
 };
