@@ -103,12 +103,6 @@ const std::string kStart = "Create the client \n[Client] Search plugins: \n";
 
 // ---- folder helpers ----------------------------------------------------------------------
 
-TEST(PluginFolders, PlatformNamingAndExecutableFolder) {
-    EXPECT_EQ(dax::plugins::get_lib_prefix(), kLibPrefix);
-    EXPECT_EQ(dax::plugins::get_lib_ext(), kLibExt);
-    EXPECT_TRUE(fs::equivalent(dax::plugins::get_executable_folder(), CLIENT_TEST_RUN_DIR));
-}
-
 TEST(PluginFolders, ListsOnlyMatchingLibrariesWithoutPrefixAndExtension) {
     ScratchFolder dir;
     for (const std::string& name :
