@@ -106,7 +106,7 @@ void QorClient::call(const std::function<void(wamp::RpcResult<T>)>& cb,
         // `cb`, so a large decoded value (millions of strings) is never held twice.
         cb(std::move(const_cast<wamp::RpcResult<T>&>(result)));
     };
-    server_endpoint->caller.call(rpc);
+    server_endpoint->caller.call(std::move(rpc));
 }
 
 template <class T>

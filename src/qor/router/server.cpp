@@ -165,7 +165,11 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
         std::weak_ptr<Peer> weak = peer;
         transport::detail::Channel::Handlers handlers;
         handlers.message = [this, weak](const uint8_t* data, size_t size) {
-            if (auto p = weak.lock()) received(p, data, size);
+            if (auto p = weak.lock()) received(p, msgpack::buffer(data, size));
+        };
+        // A large message arrives in a block of its own, which becomes the message's bytes.
+        handlers.owned_message = [this, weak](msgpack::buffer&& bytes) {
+            if (auto p = weak.lock()) received(p, std::move(bytes));
         };
         handlers.closed = [this, weak](const std::string& cause) {
             if (auto p = weak.lock()) closed(p, cause);
@@ -233,13 +237,13 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
                           std::to_string(options.max_opening_message_size) + " are accepted");
     }
 
-    void received(const std::shared_ptr<Peer>& peer, const uint8_t* data, size_t size) {
-        if (options.tap) options.tap(data, size);
+    void received(const std::shared_ptr<Peer>& peer, msgpack::buffer bytes) {
+        if (options.tap) options.tap(bytes.data, bytes.size);
         // Calls run to completion here; the caller has stopped waiting and drops the answer.
-        if (peer->stage == Stage::joined && is_cancel(data, size)) return;
+        if (peer->stage == Stage::joined && is_cancel(bytes.data, bytes.size)) return;
         std::optional<wamp::Message> parsed;
         try {
-            parsed.emplace(wamp::parse_message(msgpack::buffer(data, size)));
+            parsed.emplace(wamp::parse_message(std::move(bytes)));
         } catch (const std::exception& e) {
             log_warn("[transport server] bad message from {}: {}", peer->info.peer, e.what());
             // Opening or open, the peer is told why before the link closes.

@@ -77,6 +77,10 @@ struct Endpoint::Impl {
             if (!tls) throw std::runtime_error("cannot connect to '" + url_text + "': " + cause);
         }
         client->session.write = [this](const uint8_t* data, uint64_t size) { write(data, size); };
+        client->session.write_in_place = [this](uint64_t size,
+                                                const std::function<void(uint8_t*)>& fill) {
+            return channel && stage == Stage::established && channel->send_in_place(size, fill);
+        };
     }
 
     ~Impl() {
@@ -85,7 +89,10 @@ struct Endpoint::Impl {
         // Let the cancelled operations finish before their sockets go away.
         io.restart();
         io.poll();
-        if (client) client->session.write = nullptr;
+        if (client) {
+            client->session.write = nullptr;
+            client->session.write_in_place = nullptr;
+        }
     }
 
     template <class... Args>

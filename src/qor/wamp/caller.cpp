@@ -6,11 +6,18 @@
 
 namespace qor::wamp {
 
+Id Caller::register_call(std::function<void(const Message&)> handler) {
+    const Id request = Id::Random();
+    last_request = request.value();
+    pending.insert_or_assign(request.value(), std::move(handler));
+    return request;
+}
+
 void Caller::send_call(Id request, const std::string& procedure,
-                       const std::vector<serialization::msgpack::buffer>& args) {
+                       std::vector<serialization::msgpack::buffer> args) {
     if (logger != nullptr) logger->trace("[{}] CALL procedure '{}'", name, procedure);
     Message message(CALL, request, procedure);
-    message.args = args;
+    message.args = std::move(args);
     try {
         session->send(message);
     } catch (...) {
@@ -19,6 +26,8 @@ void Caller::send_call(Id request, const std::string& procedure,
         pending.erase(request.value());
         throw;
     }
+    if (call_limit.count() > 0)
+        deadlines[request.value()] = std::chrono::steady_clock::now() + call_limit;
 }
 
 bool Caller::handle(const Message& answer) {

@@ -41,6 +41,10 @@ class Caller {
     /// and sends the CALL. A RESULT without arguments yields a value-initialised value.
     template <class T>
     void call(const RPC<T>& rpc);
+    /// The same, taking the RPC's handler and encoded arguments instead of copying them: a
+    /// large argument goes out without a copy of its own.
+    template <class T>
+    void call(RPC<T>&& rpc);
 
     /// Runs and removes the handler of a RESULT or ERROR; an unknown request is logged and
     /// dropped. Returns whether a handler ran.
@@ -55,18 +59,23 @@ class Caller {
     void fail_all(const std::string& error);
 
   private:
+    // The handler of one call's answer, around the result handler it owns.
+    template <class T>
+    static std::function<void(const Message&)> answer_handler(
+        std::function<void(const RpcResult<T>&)> on_result);
+    Id register_call(std::function<void(const Message&)> handler);
     void send_call(Id request, const std::string& procedure,
-                   const std::vector<serialization::msgpack::buffer>& args);
+                   std::vector<serialization::msgpack::buffer> args);
 };
 
 // ERROR is a macro of <windows.h>; see message.hpp.
 #pragma push_macro("ERROR")
 #undef ERROR
 template <class T>
-void Caller::call(const RPC<T>& rpc) {
-    const Id request = Id::Random();
-    last_request = request.value();
-    pending.insert_or_assign(request.value(), [rpc](const Message& answer) {
+std::function<void(const Message&)> Caller::answer_handler(
+    std::function<void(const RpcResult<T>&)> on_result) {
+    // Only the result handler is kept: the arguments are not needed once the CALL is out.
+    return [on_result = std::move(on_result)](const Message& answer) {
         RpcResult<T> result;  // not const: the handler may move the value out
         if (answer.type == ERROR) {
             result.error = answer.error;
@@ -76,11 +85,19 @@ void Caller::call(const RPC<T>& rpc) {
             using serialization::msgpack::read;
             read(in, result.value);
         }
-        rpc.onResult(result);
-    });
-    send_call(request, rpc.procedure, rpc.args);
-    if (call_limit.count() > 0)
-        deadlines[request.value()] = std::chrono::steady_clock::now() + call_limit;
+        on_result(result);
+    };
+}
+
+template <class T>
+void Caller::call(const RPC<T>& rpc) {
+    send_call(register_call(answer_handler<T>(rpc.onResult)), rpc.procedure, rpc.args);
+}
+
+template <class T>
+void Caller::call(RPC<T>&& rpc) {
+    send_call(register_call(answer_handler<T>(std::move(rpc.onResult))), rpc.procedure,
+              std::move(rpc.args));
 }
 #pragma pop_macro("ERROR")
 

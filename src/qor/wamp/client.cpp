@@ -5,7 +5,7 @@
 namespace qor::wamp {
 
 Client::Client(const std::string& name, spdlog::logger* logger)
-    : session{name, logger, {}}, caller(&session), subscriber(&session) {
+    : session{name, logger, {}, {}}, caller(&session), subscriber(&session) {
     caller.logger = logger;
     caller.name = name;
     subscriber.logger = logger;

@@ -248,23 +248,30 @@ uint8_t* put_element(uint8_t* p, const Message& m, Element e) {
 
 }  // namespace
 
-mp::buffer serialize(const Message& message) {
+uint64_t serialized_size(const Message& message) {
+    const detail::Layout* layout = detail::find_layout(message.type);
+    if (layout == nullptr) throw std::runtime_error("Wamp message serialize : unkown message type");
+
+    uint64_t total = 1 + int_size(static_cast<int32_t>(message.type));
+    for (uint8_t i = 0; i < layout->count; ++i) total += element_size(message, layout->elements[i]);
+    return total;
+}
+
+void serialize_into(const Message& message, uint8_t* out) {
     const detail::Layout* layout = detail::find_layout(message.type);
     if (layout == nullptr) throw std::runtime_error("Wamp message serialize : unkown message type");
 
     uint64_t elements = 1;
-    uint64_t total = 1 + int_size(static_cast<int32_t>(message.type));
-    for (uint8_t i = 0; i < layout->count; ++i) {
-        const Element e = layout->elements[i];
-        if (e == Element::args && message.args.empty()) continue;
-        total += element_size(message, e);
-        ++elements;
-    }
-
-    mp::buffer block(total);
-    uint8_t* p = mp::put_fixarray(block.data, uint8_t(elements));
+    for (uint8_t i = 0; i < layout->count; ++i)
+        if (layout->elements[i] != Element::args || !message.args.empty()) ++elements;
+    uint8_t* p = mp::put_fixarray(out, uint8_t(elements));
     p = put_int(p, static_cast<int32_t>(message.type));
     for (uint8_t i = 0; i < layout->count; ++i) p = put_element(p, message, layout->elements[i]);
+}
+
+mp::buffer serialize(const Message& message) {
+    mp::buffer block(serialized_size(message));
+    serialize_into(message, block.data);
     return block;
 }
 

@@ -93,6 +93,11 @@ void check_topic(const std::string& topic);
 /// The encoded message in one block of exactly its size; unknown codes raise
 /// "Wamp message serialize : unkown message type".
 serialization::msgpack::buffer serialize(const Message& message);
+/// The number of bytes `serialize` gives `message`; raises the same errors.
+uint64_t serialized_size(const Message& message);
+/// Writes the encoding of `message`, exactly `serialized_size` bytes, at `out`: for a sender
+/// that frames the message in place in its outgoing queue.
+void serialize_into(const Message& message, uint8_t* out);
 
 /// Element count limit used by the send path's trace text; 0 shows every element.
 extern QOR_API uint64_t print_limit;

@@ -33,6 +33,14 @@ serialization::msgpack::buffer encode_argument(std::vector<uint8_t>& scratch, co
     return serialization::msgpack::buffer(scratch);
 }
 
+/// A binary argument skips the scratch: it is written once, into a block of its encoded size,
+/// so a large one is not copied twice.
+inline serialization::msgpack::buffer encode_argument(std::vector<uint8_t>& scratch,
+                                                      const serialization::msgpack::buffer& value) {
+    (void)scratch;
+    return serialization::msgpack::pack_bin(value);
+}
+
 /// One remote call being prepared: procedure, encoded arguments and result handler.
 ///
 /// Threading: built and handed to `Caller::call` on the pumping thread; `onResult` runs there,

@@ -7,20 +7,38 @@
 
 namespace qor::wamp {
 
-void Session::send(const Message& message) const {
-    const serialization::msgpack::buffer bytes = serialize(message);
-    // Printing walks the whole message, so it is done only when the line would be kept.
-    if (logger != nullptr && logger->level() <= spdlog::level::trace) {
-        std::string text;
-        try {
-            text = print(bytes.data, bytes.size, print_limit);
-        } catch (const std::exception& e) {
-            // A shortened container makes the printer read what follows it from the wrong
-            // place, which can run off the end; the message itself is fine and still goes out.
-            text = std::string("<unprintable: ") + e.what() + ">";
-        }
-        logger->trace("[{} WAMP Out] {}", name, text);
+namespace {
+
+// The trace text of one encoded message.
+std::string trace_text(const uint8_t* data, uint64_t size) {
+    try {
+        return print(data, size, print_limit);
+    } catch (const std::exception& e) {
+        // A shortened container makes the printer read what follows it from the wrong
+        // place, which can run off the end; the message itself is fine and still goes out.
+        return std::string("<unprintable: ") + e.what() + ">";
     }
+}
+
+}  // namespace
+
+void Session::send(const Message& message) const {
+    // Printing walks the whole message, so it is done only when the line would be kept.
+    const bool tracing = logger != nullptr && logger->level() <= spdlog::level::trace;
+    std::string text;
+    if (write_in_place) {
+        const uint64_t size = serialized_size(message);
+        const bool taken = write_in_place(size, [&](uint8_t* frame) {
+            serialize_into(message, frame);
+            if (tracing) text = trace_text(frame, size);
+        });
+        if (taken) {
+            if (tracing) logger->trace("[{} WAMP Out] {}", name, text);
+            return;
+        }
+    }
+    const serialization::msgpack::buffer bytes = serialize(message);
+    if (tracing) logger->trace("[{} WAMP Out] {}", name, trace_text(bytes.data, bytes.size));
     write(bytes.data, bytes.size);
 }
 

@@ -150,14 +150,34 @@ void pack(std::vector<uint8_t>& out, const char* value) {
     pack_string(out, value, std::strlen(value));
 }
 
-void pack(std::vector<uint8_t>& out, const buffer& value) {
+namespace {
+
+uint64_t bin_header_size(const buffer& value) {
     if (value.size > max_length) throw std::runtime_error("binary data too large");
     const uint64_t header = length_header_size(value.size, 0);
     // Second guard where the length is narrowed into the header; unreachable after the
     // check above but kept so that a future change there cannot write a wrapped length.
     if (header == 5 && value.size > max_length) throw std::runtime_error("binary data too long");
-    uint8_t* p = fill_length_header(grow(out, header + value.size), value.size, header, 0, 0xC4);
+    return header;
+}
+
+void put_bin(uint8_t* at, const buffer& value, uint64_t header) {
+    uint8_t* p = fill_length_header(at, value.size, header, 0, 0xC4);
     if (value.size != 0) std::memcpy(p, value.data, value.size);
+}
+
+}  // namespace
+
+void pack(std::vector<uint8_t>& out, const buffer& value) {
+    const uint64_t header = bin_header_size(value);
+    put_bin(grow(out, header + value.size), value, header);
+}
+
+buffer pack_bin(const buffer& value) {
+    const uint64_t header = bin_header_size(value);
+    buffer block(header + value.size);
+    put_bin(block.data, value, header);
+    return block;
 }
 
 void pack(std::vector<uint8_t>& out, const std::vector<bool>& values) {

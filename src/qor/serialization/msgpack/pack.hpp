@@ -48,6 +48,8 @@ void pack(std::vector<uint8_t>& out, const std::string& value);
 /// Same as the std::string form (keeps literals from decaying to bool).
 void pack(std::vector<uint8_t>& out, const char* value);
 /// One bin value (bin 8, 16 or 32); "binary data too large" above 4294967295 bytes.
+/// The same bin value in a block of exactly its encoded size, written once.
+buffer pack_bin(const buffer& value);
 void pack(std::vector<uint8_t>& out, const buffer& value);
 /// Array of single-byte booleans.
 void pack(std::vector<uint8_t>& out, const std::vector<bool>& values);

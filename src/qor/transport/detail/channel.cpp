@@ -84,6 +84,23 @@ class RawSocketChannel final : public ChannelBase,
         flush();
     }
 
+    bool send_in_place(size_t size, const std::function<void(uint8_t*)>& fill) override {
+        if (closed_ || closing_) return false;
+        if (size > max_out_)
+            throw std::runtime_error("rawsocket: message larger than the peer accepts");
+        const size_t frame = out_.size();
+        rawsocket::append_header(out_, rawsocket::FrameType::message, uint32_t(size));
+        out_.resize(frame + 4 + size);
+        try {
+            fill(out_.data() + frame + 4);
+        } catch (...) {
+            out_.resize(frame);  // no half-written frame may reach the peer
+            throw;
+        }
+        flush();
+        return true;
+    }
+
     void ping() override {
         if (closed_ || closing_) return;
         rawsocket::append_header(out_, rawsocket::FrameType::ping, 0);

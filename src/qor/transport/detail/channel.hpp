@@ -57,6 +57,14 @@ class Channel {
     virtual void start(Handlers handlers) = 0;
     /// Queues one message; the write goes out with whatever else is queued.
     virtual void send(const uint8_t* data, size_t size) = 0;
+    /// Queues one message of `size` bytes that `fill` writes straight into its frame in the
+    /// outgoing queue, as `send` would queue it. False, with nothing queued and `fill` not
+    /// called, on a link that does not frame in place or is closing: `send` does the rest.
+    virtual bool send_in_place(size_t size, const std::function<void(uint8_t*)>& fill) {
+        (void)size;
+        (void)fill;
+        return false;
+    }
     /// Queues a keepalive ping.
     virtual void ping() = 0;
     /// Flushes what is queued, then closes; `closed` is reported with `cause`.
