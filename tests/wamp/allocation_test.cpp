@@ -18,12 +18,15 @@ bool counting = false;
 size_t allocations = 0;
 size_t last_size = 0;
 size_t largest = 0;
+size_t large_blocks = 0;  // allocations of a megabyte or more
+constexpr size_t kLarge = 1 << 20;
 
 struct Counting {
     Counting() {
         allocations = 0;
         last_size = 0;
         largest = 0;
+        large_blocks = 0;
         counting = true;
     }
     ~Counting() { counting = false; }
@@ -36,6 +39,7 @@ void* operator new(std::size_t size) {
         ++allocations;
         last_size = size;
         if (size > largest) largest = size;
+        if (size >= kLarge) ++large_blocks;
     }
     if (void* p = std::malloc(size == 0 ? 1 : size)) return p;
     throw std::bad_alloc();
@@ -88,6 +92,46 @@ TEST(WampAllocation, SerializeAndSendAllocateOneBlockOfExactlyTheMessageSize) {
     EXPECT_EQ(serialized_size, encoded_size);
     EXPECT_EQ(sent, 1u);
     EXPECT_EQ(written, encoded_size);
+}
+
+// A large argument is copied once, into its encoded block, on its way from the caller's value
+// to the connection's frame: the pending call keeps only its handler, the CALL takes the
+// block, and the message is written where the connection frames it. Without a connection
+// that frames in place, the one serialized block is handed to `write`.
+TEST(WampAllocation, LargeArgumentIsCopiedOnceOnItsWayToTheFrame) {
+    const mp::buffer scene(std::vector<uint8_t>(kLarge, 7));
+    Message expected(CALL, Id(1), "qor.server.operation.SEND_SCENE");
+    expected.args.push_back(encoded(scene));
+    for (const bool in_place : {true, false}) {
+        SCOPED_TRACE(in_place ? "in place" : "through write");
+        Client client("server", nullptr);
+        std::vector<uint8_t> frame;
+        frame.reserve(2 * kLarge);
+        client.session.write = [&frame](const uint8_t* data, uint64_t size) {
+            frame.assign(data, data + size);
+        };
+        if (in_place) {
+            client.session.write_in_place = [&frame](uint64_t size,
+                                                     const std::function<void(uint8_t*)>& fill) {
+                frame.resize(size);
+                fill(frame.data());
+                return true;
+            };
+        }
+        size_t large = 0;
+        {
+            Counting scope;
+            RPC<int> rpc(expected.procedure, scene);
+            rpc.onResult = [](const RpcResult<int>&) {};
+            client.caller.call(std::move(rpc));
+            large = large_blocks;
+        }
+        EXPECT_EQ(large, in_place ? 1u : 2u);
+        // Only the random request id differs from the expected bytes.
+        expected.request = Id(client.caller.last_request);
+        const mp::buffer bytes = serialize(expected);
+        EXPECT_TRUE(mp::buffer(frame) == bytes);
+    }
 }
 
 // A RESULT whose one argument is an array of one nil per byte left: the count passes every
