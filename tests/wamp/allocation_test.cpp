@@ -92,6 +92,20 @@ TEST(WampAllocation, SerializeAndSendAllocateOneBlockOfExactlyTheMessageSize) {
     EXPECT_EQ(serialized_size, encoded_size);
     EXPECT_EQ(sent, 1u);
     EXPECT_EQ(written, encoded_size);
+    // Framed in place, the message needs no block of its own.
+    std::vector<uint8_t> frame(encoded_size);
+    client.session.write_in_place = [&](uint64_t size, const std::function<void(uint8_t*)>& fill) {
+        written = size;
+        fill(frame.data());
+        return true;
+    };
+    {
+        Counting scope;
+        client.session.send(call);
+        sent = allocations;
+    }
+    EXPECT_EQ(sent, 0u);
+    EXPECT_TRUE(mp::buffer(frame) == serialize(call));
 }
 
 // A large argument is copied once, into its encoded block, on its way from the caller's value

@@ -28,9 +28,16 @@ void Session::send(const Message& message) const {
     std::string text;
     if (write_in_place) {
         const uint64_t size = serialized_size(message);
-        const bool taken = write_in_place(size, [&](uint8_t* frame) {
-            serialize_into(message, frame);
-            if (tracing) text = trace_text(frame, size);
+        // One reference is all the filler holds, so that wrapping it allocates nothing.
+        struct Fill {
+            const Message& message;
+            uint64_t size;
+            bool tracing;
+            std::string& text;
+        } fill{message, size, tracing, text};
+        const bool taken = write_in_place(size, [&fill](uint8_t* frame) {
+            serialize_into(fill.message, frame);
+            if (fill.tracing) fill.text = trace_text(frame, fill.size);
         });
         if (taken) {
             if (tracing) logger->trace("[{} WAMP Out] {}", name, text);
