@@ -53,6 +53,26 @@ TEST_F(CoreTest, DroppedBallFallsThenRestsOnTheGround) {
     EXPECT_NEAR(r.details.f2, 630 / 60.0, 1e-3);
 }
 
+// The step's answer is written in place, its map's length counted ahead: it must be exactly the
+// record packed whole, for ids of every integer width and a map past the fixmap form.
+TEST_F(CoreTest, StepAnswerIsTheRecordPackedWhole) {
+    std::vector<Component> scene{ground(0)};
+    for (int64_t id : {-40000LL, -200LL, -1LL, 1LL, 2LL, 3LL, 4LL, 5LL, 6LL, 7LL, 8LL, 9LL, 127LL,
+                       128LL, 255LL, 256LL, 65536LL, 5000000000LL})
+        scene.push_back(ball(id, 2.0 + double(scene.size())));
+    call_ok<int>(*core, "SEND_SCENE", scene_of(scene));
+    const CallResult r = run(*core, "STEP_SIMULATION");
+    ASSERT_TRUE(r.ok) << r.message;
+    dt::integration_result_t decoded;
+    mp::ReadBuffer in(r.value.data(), r.value.size());
+    dt::read(in, decoded);
+    EXPECT_EQ(in.remaining(), 0u);
+    EXPECT_EQ(states_of(decoded).size(), 18u);
+    std::vector<uint8_t> whole;
+    dt::pack(whole, decoded);
+    EXPECT_EQ(r.value, whole);
+}
+
 TEST_F(CoreTest, BoxStackStaysStackedAndCapsuleLandsOnItsSide) {
     std::vector<Component> scene{ground(1)};
     for (int i = 0; i < 3; ++i)

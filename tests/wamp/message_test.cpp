@@ -182,6 +182,21 @@ TEST(WampSerialize, EveryKindAndFormIsExact) {
     }
 }
 
+// A last argument given as bytes lands exactly where the same argument in `args` would.
+TEST(WampSerialize, LastArgumentGivenAsBytesIsAnArgumentLikeAnyOther) {
+    const mp::buffer last = encoded(std::string("x"));
+    for (size_t before : {0u, 1u, 15u}) {
+        SCOPED_TRACE(before);
+        Message m(EVENT);
+        m.subscription = Id(2);
+        m.publication = Id(3);
+        for (size_t i = 0; i < before; ++i) m.args.push_back(encoded(int(i)));
+        const std::vector<uint8_t> out = bytes_of(serialize(m, last.data, last.size));
+        m.args.push_back(last);
+        EXPECT_EQ(out, bytes_of(serialize(m)));
+    }
+}
+
 TEST(WampSerialize, StringAndContainerHeadersSwitchFormAtTheirBounds) {
     struct Row {
         size_t length;

@@ -131,14 +131,26 @@ inline void write(std::vector<uint8_t>& out, const BodyData& value) {
     mp::pack(out, value.restitution);
 }
 
-inline void write(std::vector<uint8_t>& out, const BodyState& value) {
+/// Bytes of every body state: its groups are fixed arrays of float 64 values.
+inline constexpr uint64_t kBodyStateSize =
+    1 + 3 * qor::serialization::msgpack::float64_record_size(3) +
+    qor::serialization::msgpack::float64_record_size(4);
+
+/// Writes a body state at `p`, which has room for `kBodyStateSize` bytes; returns the pointer
+/// past it. A server writes one per body and step, so the whole map grows its target once.
+inline uint8_t* put_state(uint8_t* p, const BodyState& value) {
     namespace mp = qor::serialization::msgpack;
-    mp::pack_array_header(out, 4);
-    detail::write_vec3(out, value.pose.position);
-    mp::pack_array_header(out, 4);
-    detail::write_rotation(out, value.pose);
-    detail::write_vec3(out, value.linear);
-    detail::write_vec3(out, value.angular);
+    const Pose& at = value.pose;
+    p = mp::put_fixarray(p, 4);
+    p = mp::put_float64_record(p, at.position.x, at.position.y, at.position.z);
+    p = mp::put_float64_record(p, at.qw, at.qx, at.qy, at.qz);
+    p = mp::put_float64_record(p, value.linear.x, value.linear.y, value.linear.z);
+    return mp::put_float64_record(p, value.angular.x, value.angular.y, value.angular.z);
+}
+
+inline void write(std::vector<uint8_t>& out, const BodyState& value) {
+    const uint64_t at = qor::serialization::msgpack::grow_tail(out, kBodyStateSize);
+    put_state(out.data() + at, value);  // after growing, which may move the storage
 }
 
 /// Reads a ground's data; throws std::runtime_error on a different layout.

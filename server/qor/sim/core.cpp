@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <set>
 #include <sstream>
 #include <stdexcept>
@@ -146,6 +147,12 @@ void SimulationCore::Impl::register_operations() {
     table[std::string(kOperationPrefix) + "SEND_SCENE"].run = handler<BinaryView>(
         "SEND_SCENE", [this](std::vector<uint8_t>& out, const BinaryView& record) {
             pack_result(out, send_scene(record.data, record.size));
+        });
+    // A step's answer holds every body's state: written once, straight into the result.
+    table[std::string(kOperationPrefix) + "STEP_SIMULATION"].run =
+        handler<>("STEP_SIMULATION", [this](std::vector<uint8_t>& out) {
+            step_world();
+            write_result(out, true);
         });
     table[std::string(kOperationPrefix) + "GET_SERVER_SCENE"].run =
         handler<>("GET_SERVER_SCENE",
@@ -402,49 +409,44 @@ void SimulationCore::Impl::step_world() {
     last_step_ms = std::chrono::duration<double, std::milli>(Clock::now() - started).count();
 }
 
-// One step of the world and its result. `every` asks for all bodies whatever the
-// compression level (the step call's answer always has them all).
-dt::integration_result_t SimulationCore::Impl::advance(bool every) {
-    step_world();
-    return result(every);
-}
-
-dt::integration_result_t SimulationCore::Impl::result(bool every) {
-    world->states(body_states);
-    const auto& states = body_states;
-    // The state map is written once, straight into a buffer kept from step to step; no body
-    // costs an allocation.
-    std::vector<uint8_t>& map = state_map;
-    map.clear();
+void SimulationCore::Impl::write_states(std::vector<uint8_t>& out, bool every) {
+    stats = world->snapshot(body_states);
+    changed_states.clear();
     if (every || compression == 0) {
-        mp::pack_map_header(map, states.size());
-        for (const auto& [id, s] : states) {
-            mp::pack(map, static_cast<long long>(id));
-            encode(map, s);
-        }
+        for (const auto& [id, s] : body_states) changed_states.emplace_back(id, &s);
     } else {
         // Leaving out what did not change since the last publication is lossless: the client
         // keeps the last state it was given.
-        std::vector<uint8_t>& changed = state_entries;
-        changed.clear();
-        size_t count = 0;
-        for (const auto& [id, s] : states) {
+        uint8_t bytes[rigid_body::kBodyStateSize];
+        for (const auto& [id, s] : body_states) {
+            rigid_body::put_state(bytes, s);
             std::vector<uint8_t>& last = last_published[id];
-            state_bytes.clear();
-            encode(state_bytes, s);
-            if (last == state_bytes) continue;
-            last.assign(state_bytes.begin(), state_bytes.end());
-            mp::pack(changed, static_cast<long long>(id));
-            changed.insert(changed.end(), state_bytes.begin(), state_bytes.end());
-            ++count;
+            if (last.size() == sizeof bytes && std::memcmp(last.data(), bytes, sizeof bytes) == 0)
+                continue;
+            last.assign(bytes, bytes + sizeof bytes);
+            changed_states.emplace_back(id, &s);
         }
-        mp::pack_map_header(map, count);
-        map.insert(map.end(), changed.begin(), changed.end());
     }
-    const WorldStats stats = world->stats();
+    // The map is written where it is sent from, so its bin header needs its exact length
+    // first; `out` grows once for the entries and no body costs an allocation of its own.
+    const size_t count = changed_states.size();
+    const uint64_t map_header = count < 16 ? 1 : count <= 0xFFFF ? 3 : 5;
+    uint64_t length = map_header + count * rigid_body::kBodyStateSize;
+    uint8_t scratch[mp::integer_room];
+    for (const auto& entry : changed_states)
+        length += uint64_t(mp::put_integer(scratch, entry.first) - scratch);
+    mp::pack_bin_header(out, length);
+    mp::pack_map_header(out, count);
+    const uint64_t at = mp::grow_tail(out, length - map_header);
+    uint8_t* p = out.data() + at;
+    for (const auto& [id, s] : changed_states)
+        p = rigid_body::put_state(mp::put_integer(p, id), *s);
+    if (p != out.data() + out.size()) throw std::logic_error("state map length miscounted");
+}
+
+dt::integration_result_t SimulationCore::Impl::result_figures() const {
     const Vec3 g = world->gravity();
     dt::integration_result_t r;
-    r.states = mp::buffer(map);
     r.value_int = static_cast<int>(steps);
     r.vec_a = {float(g.x), float(g.y), float(g.z)};
     r.vec_b = {float(stats.centre.x), float(stats.centre.y), float(stats.centre.z)};
@@ -458,6 +460,15 @@ dt::integration_result_t SimulationCore::Impl::result(bool every) {
     r.details.i8 = stats.contacts;
     r.details.i9 = state;
     return r;
+}
+
+void SimulationCore::Impl::write_result(std::vector<uint8_t>& out, bool every) {
+    // The record as dt::pack writes it, its state map written in place.
+    mp::pack_array_header(out, dt::field_count_v<dt::integration_result_t>);
+    write_states(out, every);
+    const dt::integration_result_t r = result_figures();
+    std::apply([&out](const mp::buffer&, const auto&... rest) { (dt::pack(out, rest), ...); },
+               r.fields());
 }
 
 // ---- the server clock -----------------------------------------------------------------
@@ -493,7 +504,7 @@ void SimulationCore::Impl::run_clock() {
             if (!publisher) continue;
             std::vector<uint8_t>& value = publish_value;
             value.clear();
-            dt::pack(value, result(false));
+            write_result(value, false);
             Publisher out = publisher;
             publishing = true;
             lock.unlock();

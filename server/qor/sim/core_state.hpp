@@ -64,9 +64,11 @@ struct SimulationCore::Impl {
     // What each body's state was when last published, kept while the compression level is
     // above 0 (it leaves out the unchanged ones).
     std::map<int64_t, std::vector<uint8_t>> last_published;
-    // Scratch of `result` and the clock, reused from step to step.
-    std::vector<uint8_t> state_map, state_entries, state_bytes, publish_value;
+    // Scratch of `write_result` and the clock, reused from step to step.
+    std::vector<uint8_t> publish_value;
     std::vector<std::pair<int64_t, BodyState>> body_states;
+    std::vector<std::pair<int64_t, const BodyState*>> changed_states;
+    WorldStats stats;
     Publisher publisher;
     bool publishing = false;  // the clock thread is inside the publisher, lock released
     std::condition_variable published;
@@ -114,8 +116,15 @@ struct SimulationCore::Impl {
     void apply_gravity_property();
     void autosave();
     void step_world();
-    dax::types::integration_result_t advance(bool every);
-    dax::types::integration_result_t result(bool every);
+    // Appends the state map of the bodies as one bin value and leaves their figures in
+    // `stats`: every body, or with `every` false and a compression level above 0, those that
+    // changed since the last publication.
+    void write_states(std::vector<uint8_t>& out, bool every);
+    // A step's answer without its state map: the figures `write_states` left in `stats`.
+    dax::types::integration_result_t result_figures() const;
+    // Appends a step's answer (integration_result_t) for the world as it stands; `every` asks
+    // for all bodies whatever the compression level (the step call's answer always has them).
+    void write_result(std::vector<uint8_t>& out, bool every);
 
     // ---- the server clock (core.cpp) ------------------------------------------------------
 

@@ -341,8 +341,16 @@ int SimulationCore::Impl::op_SET_VERBOSE(const bool& on) {
     return was ? 1 : 0;
 }
 
+// The table writes STEP_SIMULATION's answer straight into the result instead; this is the
+// same answer as a value.
 dt::integration_result_t SimulationCore::Impl::op_STEP_SIMULATION() {
-    return advance(true);
+    step_world();
+    std::vector<uint8_t> bytes;
+    write_result(bytes, true);
+    mp::ReadBuffer in(bytes.data(), bytes.size());
+    dt::integration_result_t r;
+    dt::read(in, r);
+    return r;
 }
 
 int SimulationCore::Impl::op_UPDATE_TRIMESH(const long long& id, const int& vertex_offset,

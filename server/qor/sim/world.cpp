@@ -50,6 +50,14 @@ struct PhysicsWorld::Impl {
     btSequentialImpulseConstraintSolver solver;
     DynamicsWorld world{&dispatcher, &broadphase, &solver, &configuration};
     std::map<int64_t, Object> objects;
+    // The bodies again, by ascending id, side by side: every step reads each body's state and
+    // figures, and walking the map's nodes for that costs a cache miss or two per body.
+    struct Entry {
+        int64_t id;
+        const btRigidBody* body;
+        bool is_static;
+    };
+    std::vector<Entry> bodies;
     bool registered = true;
 
     Impl() { world.setGravity(btVector3(0, 0, btScalar(-9.81))); }
@@ -59,6 +67,7 @@ struct PhysicsWorld::Impl {
         if (registered)
             for (auto& [id, o] : objects) world.removeRigidBody(o.body.get());
         objects.clear();
+        bodies.clear();
     }
 
     void insert(int64_t id, Object o) {
@@ -68,7 +77,23 @@ struct PhysicsWorld::Impl {
             objects.erase(it);
         }
         if (registered) world.addRigidBody(o.body.get());
+        // Scenes are built in ascending id order, so this is nearly always an append.
+        auto at = bodies.end();
+        if (!bodies.empty() && bodies.back().id >= id)
+            at = std::lower_bound(bodies.begin(), bodies.end(), id,
+                                  [](const Entry& e, int64_t key) { return e.id < key; });
+        if (at != bodies.end() && at->id == id) at = bodies.erase(at);
+        if (o.is_body) bodies.insert(at, Entry{id, o.body.get(), o.is_static});
         objects.emplace(id, std::move(o));
+    }
+
+    // The contact points between touching pairs.
+    int contacts() {
+        int n = 0;
+        const int manifolds = dispatcher.getNumManifolds();
+        for (int i = 0; i < manifolds; ++i)
+            n += dispatcher.getManifoldByIndexInternal(i)->getNumContacts();
+        return n;
     }
 };
 
@@ -227,19 +252,41 @@ BodyState state_of(const btRigidBody& body) {
     return s;
 }
 
+// The world's figures, summed body by body.
+struct Figures {
+    double mass = 0;
+    btVector3 weighted{0, 0, 0};
+
+    void add(WorldStats& s, const btRigidBody& body, bool is_static) {
+        ++s.bodies;
+        if (is_static) return;
+        if (body.isActive()) ++s.active;
+        const double m = 1.0 / body.getInvMass();
+        const double v = body.getLinearVelocity().length();
+        s.kinetic += 0.5 * m * v * v;
+        s.max_speed = std::max(s.max_speed, v);
+        weighted += body.getCenterOfMassPosition() * btScalar(m);
+        mass += m;
+    }
+    void finish(WorldStats& s) const {
+        if (mass > 0) s.centre = vec(weighted / btScalar(mass));
+    }
+};
+
 }  // namespace
 
-std::vector<std::pair<int64_t, BodyState>> PhysicsWorld::states() const {
-    std::vector<std::pair<int64_t, BodyState>> out;
-    states(out);
-    return out;
-}
-
-void PhysicsWorld::states(std::vector<std::pair<int64_t, BodyState>>& out) const {
+WorldStats PhysicsWorld::snapshot(std::vector<std::pair<int64_t, BodyState>>& out) const {
     out.clear();
-    out.reserve(impl_->objects.size());
-    for (const auto& [id, o] : impl_->objects)
-        if (o.is_body) out.emplace_back(id, state_of(*o.body));
+    out.reserve(impl_->bodies.size());
+    WorldStats s;
+    Figures figures;
+    for (const auto& b : impl_->bodies) {
+        out.emplace_back(b.id, state_of(*b.body));
+        figures.add(s, *b.body, b.is_static);
+    }
+    figures.finish(s);
+    s.contacts = impl_->contacts();
+    return s;
 }
 
 bool PhysicsWorld::state(int64_t id, BodyState& out) const {
@@ -256,31 +303,7 @@ bool PhysicsWorld::sleeping(int64_t id) const {
 }
 
 int PhysicsWorld::body_count() const {
-    return static_cast<int>(std::count_if(impl_->objects.begin(), impl_->objects.end(),
-                                          [](const auto& e) { return e.second.is_body; }));
-}
-
-WorldStats PhysicsWorld::stats() const {
-    WorldStats s;
-    double mass = 0;
-    btVector3 weighted(0, 0, 0);
-    for (const auto& [id, o] : impl_->objects) {
-        if (!o.is_body) continue;
-        ++s.bodies;
-        if (o.is_static) continue;
-        if (o.body->isActive()) ++s.active;
-        const double m = 1.0 / o.body->getInvMass();
-        const double v = o.body->getLinearVelocity().length();
-        s.kinetic += 0.5 * m * v * v;
-        s.max_speed = std::max(s.max_speed, v);
-        weighted += o.body->getCenterOfMassPosition() * btScalar(m);
-        mass += m;
-    }
-    if (mass > 0) s.centre = vec(weighted / btScalar(mass));
-    const int manifolds = impl_->dispatcher.getNumManifolds();
-    for (int i = 0; i < manifolds; ++i)
-        s.contacts += impl_->dispatcher.getManifoldByIndexInternal(i)->getNumContacts();
-    return s;
+    return static_cast<int>(impl_->bodies.size());
 }
 
 }  // namespace qor::sim

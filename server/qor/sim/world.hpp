@@ -59,18 +59,15 @@ class PhysicsWorld {
     /// Advances by `dt` seconds in fixed sub-steps of at most 1/240 s.
     void step(double dt);
 
-    /// The state of every body, by ascending id.
-    std::vector<std::pair<int64_t, BodyState>> states() const;
-    /// Same into `out`, whose memory is reused from call to call.
-    void states(std::vector<std::pair<int64_t, BodyState>>& out) const;
+    /// The state of every body into `out` (its memory reused from call to call), by ascending
+    /// id, and the world's figures, read in one pass over the bodies.
+    WorldStats snapshot(std::vector<std::pair<int64_t, BodyState>>& out) const;
     /// The state of one body; false when there is no body with that id.
     bool state(int64_t id, BodyState& out) const;
     /// True when the body exists and is asleep.
     bool sleeping(int64_t id) const;
     /// Number of bodies (ground planes excluded).
     int body_count() const;
-    /// Figures of the current state.
-    WorldStats stats() const;
 
   private:
     struct Impl;

@@ -158,8 +158,7 @@ size_t Broker::publish(const std::string& topic, const std::vector<uint8_t>& val
         event.publication =
             wamp::Id(std::uniform_int_distribution<uint64_t>(1, wamp::max_id)(random_));
     }
-    event.args.emplace_back(value);
-    return server_.send_encoded(targets, wamp::serialize(event));
+    return server_.send_encoded(targets, wamp::serialize(event, value.data(), value.size()));
 }
 
 void Broker::work() {

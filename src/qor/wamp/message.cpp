@@ -127,10 +127,18 @@ uint64_t details_size(const std::map<std::string, mp::buffer>& details) {
     return n;
 }
 
-uint64_t args_size(const std::vector<mp::buffer>& args) {
-    uint64_t n = header_size(args.size(), "array too large");
+// One more positional argument, after the message's own, given as the bytes of its encoded
+// value where they already are.
+struct LastArg {
+    const uint8_t* data = nullptr;
+    uint64_t size = 0;
+    bool present = false;
+};
+
+uint64_t args_size(const std::vector<mp::buffer>& args, const LastArg& last) {
+    uint64_t n = header_size(args.size() + last.present, "array too large");
     for (const mp::buffer& arg : args) n += arg.size;
-    return n;
+    return n + last.size;
 }
 
 uint8_t* put_int(uint8_t* p, int32_t v) {
@@ -219,15 +227,15 @@ bool is_id(Element e) {
            e == Element::subscription || e == Element::registration;
 }
 
-uint64_t element_size(const Message& m, Element e) {
+uint64_t element_size(const Message& m, Element e, const LastArg& last) {
     if (e == Element::details) return details_size(m.details);
-    if (e == Element::args) return m.args.empty() ? 0 : args_size(m.args);
+    if (e == Element::args) return m.args.empty() && !last.present ? 0 : args_size(m.args, last);
     if (e == Element::request_type) return int_size(m.request_type);
     if (is_id(e)) return id_size(id_of(m, e));
     return string_size(text_of(m, e));
 }
 
-uint8_t* put_element(uint8_t* p, const Message& m, Element e) {
+uint8_t* put_element(uint8_t* p, const Message& m, Element e, const LastArg& last) {
     if (e == Element::details) {
         p = put_header(p, m.details.size(), 0x80, 0xDE, 0xDF);
         for (const auto& [key, value] : m.details) {
@@ -236,42 +244,61 @@ uint8_t* put_element(uint8_t* p, const Message& m, Element e) {
         return p;
     }
     if (e == Element::args) {
-        if (m.args.empty()) return p;
-        p = put_header(p, m.args.size(), 0x90, 0xDC, 0xDD);
+        if (m.args.empty() && !last.present) return p;
+        p = put_header(p, m.args.size() + last.present, 0x90, 0xDC, 0xDD);
         for (const mp::buffer& arg : m.args) p = put_bytes(p, arg.data, arg.size);
-        return p;
+        return put_bytes(p, last.data, last.size);
     }
     if (e == Element::request_type) return put_int(p, m.request_type);
     if (is_id(e)) return put_id(p, id_of(m, e));
     return put_string(p, text_of(m, e));
 }
 
-}  // namespace
-
-uint64_t serialized_size(const Message& message) {
+// The size and the encoding of `message`, with `last` after its arguments when present.
+uint64_t serialized_size(const Message& message, const LastArg& last) {
     const detail::Layout* layout = detail::find_layout(message.type);
     if (layout == nullptr) throw std::runtime_error("Wamp message serialize : unkown message type");
 
     uint64_t total = 1 + int_size(static_cast<int32_t>(message.type));
-    for (uint8_t i = 0; i < layout->count; ++i) total += element_size(message, layout->elements[i]);
+    for (uint8_t i = 0; i < layout->count; ++i)
+        total += element_size(message, layout->elements[i], last);
     return total;
 }
 
-void serialize_into(const Message& message, uint8_t* out) {
+void serialize_into(const Message& message, uint8_t* out, const LastArg& last) {
     const detail::Layout* layout = detail::find_layout(message.type);
     if (layout == nullptr) throw std::runtime_error("Wamp message serialize : unkown message type");
 
     uint64_t elements = 1;
     for (uint8_t i = 0; i < layout->count; ++i)
-        if (layout->elements[i] != Element::args || !message.args.empty()) ++elements;
+        if (layout->elements[i] != Element::args || !message.args.empty() || last.present)
+            ++elements;
     uint8_t* p = mp::put_fixarray(out, uint8_t(elements));
     p = put_int(p, static_cast<int32_t>(message.type));
-    for (uint8_t i = 0; i < layout->count; ++i) p = put_element(p, message, layout->elements[i]);
+    for (uint8_t i = 0; i < layout->count; ++i)
+        p = put_element(p, message, layout->elements[i], last);
+}
+
+}  // namespace
+
+uint64_t serialized_size(const Message& message) {
+    return serialized_size(message, LastArg{});
+}
+
+void serialize_into(const Message& message, uint8_t* out) {
+    serialize_into(message, out, LastArg{});
 }
 
 mp::buffer serialize(const Message& message) {
     mp::buffer block(serialized_size(message));
     serialize_into(message, block.data);
+    return block;
+}
+
+mp::buffer serialize(const Message& message, const uint8_t* arg, uint64_t size) {
+    const LastArg last{arg, size, true};
+    mp::buffer block(serialized_size(message, last));
+    serialize_into(message, block.data, last);
     return block;
 }
 

@@ -98,6 +98,11 @@ uint64_t serialized_size(const Message& message);
 /// Writes the encoding of `message`, exactly `serialized_size` bytes, at `out`: for a sender
 /// that frames the message in place in its outgoing queue.
 void serialize_into(const Message& message, uint8_t* out);
+/// `serialize` with one more positional argument after `message.args`: the encoded value of
+/// `size` bytes at `arg`, copied once, straight into the block (a large state update is not
+/// copied into the message first).
+serialization::msgpack::buffer serialize(const Message& message, const uint8_t* arg,
+                                         uint64_t size);
 
 /// Element count limit used by the send path's trace text; 0 shows every element.
 extern QOR_API uint64_t print_limit;

@@ -152,12 +152,12 @@ void pack(std::vector<uint8_t>& out, const char* value) {
 
 namespace {
 
-uint64_t bin_header_size(const buffer& value) {
-    if (value.size > max_length) throw std::runtime_error("binary data too large");
-    const uint64_t header = length_header_size(value.size, 0);
+uint64_t bin_header_size(uint64_t length) {
+    if (length > max_length) throw std::runtime_error("binary data too large");
+    const uint64_t header = length_header_size(length, 0);
     // Second guard where the length is narrowed into the header; unreachable after the
     // check above but kept so that a future change there cannot write a wrapped length.
-    if (header == 5 && value.size > max_length) throw std::runtime_error("binary data too long");
+    if (header == 5 && length > max_length) throw std::runtime_error("binary data too long");
     return header;
 }
 
@@ -169,12 +169,17 @@ void put_bin(uint8_t* at, const buffer& value, uint64_t header) {
 }  // namespace
 
 void pack(std::vector<uint8_t>& out, const buffer& value) {
-    const uint64_t header = bin_header_size(value);
+    const uint64_t header = bin_header_size(value.size);
     put_bin(grow(out, header + value.size), value, header);
 }
 
+void pack_bin_header(std::vector<uint8_t>& out, uint64_t size) {
+    const uint64_t header = bin_header_size(size);
+    fill_length_header(grow(out, header), size, header, 0, 0xC4);
+}
+
 buffer pack_bin(const buffer& value) {
-    const uint64_t header = bin_header_size(value);
+    const uint64_t header = bin_header_size(value.size);
     buffer block(header + value.size);
     put_bin(block.data, value, header);
     return block;

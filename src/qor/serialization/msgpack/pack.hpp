@@ -51,6 +51,9 @@ void pack(std::vector<uint8_t>& out, const char* value);
 /// The same bin value in a block of exactly its encoded size, written once.
 buffer pack_bin(const buffer& value);
 void pack(std::vector<uint8_t>& out, const buffer& value);
+/// The header alone of a bin value of `size` bytes, for a writer that appends exactly that
+/// many bytes itself (a value encoded in place instead of in a `buffer` first).
+void pack_bin_header(std::vector<uint8_t>& out, uint64_t size);
 /// Array of single-byte booleans.
 void pack(std::vector<uint8_t>& out, const std::vector<bool>& values);
 
