@@ -11,9 +11,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <dax/types/devices.hpp>
-#include <qor/sim/devices.hpp>
-
 #include "support/testing.hpp"
 
 namespace qor::sim::testing {
@@ -311,10 +308,10 @@ TEST(CoreMisc, TryCallRunsOnlyQuickOperationsAndLeavesFailuresToCall) {
         std::vector<uint8_t> args;
         uint64_t count;
     } declined[] = {
-        {"SEND_SCENE", {0xc4, 0x01, 0x90}, 1},  // builds a world
-        {"SET_PROPERTY", {0xa1, 'a', 0xa1, 'b'}, 2},  // writes a file
+        {"SEND_SCENE", {0xc4, 0x01, 0x90}, 1},                           // builds a world
+        {"SET_PROPERTY", {0xa1, 'a', 0xa1, 'b'}, 2},                     // writes a file
         {"GET_PROPERTY", {0xa7, 'm', 'i', 's', 's', 'i', 'n', 'g'}, 1},  // fails
-        {"GET_PERSISTENCE_MODE", {0x01}, 1},  // wrong argument count
+        {"GET_PERSISTENCE_MODE", {0x01}, 1},                             // wrong argument count
         {"NO_SUCH_OPERATION", {}, 0},
     };
     for (const auto& d : declined) {
@@ -326,62 +323,6 @@ TEST(CoreMisc, TryCallRunsOnlyQuickOperationsAndLeavesFailuresToCall) {
     EXPECT_FALSE(call_ok<bool>(*core, "HAS_PROPERTY", std::string("a")));
     EXPECT_TRUE(call_ok<dt::vector_string_t>(*core, "GET_LAST_ERRORS", false).values.empty());
     EXPECT_EQ(call_ok<int>(*core, "GET_PERSISTENCE_MODE"), 0);
-}
-
-template <class T>
-T decode_frame(const DeviceFrame& f) {
-    T out;
-    mp::ReadBuffer in(f.value.data(), f.value.size());
-    dax::types::read(in, out);
-    EXPECT_EQ(in.remaining(), 0u) << f.topic;
-    return out;
-}
-
-TEST(Devices, EveryFamilyHasAPlausibleFrame) {
-    const auto frames = make_device_frames(1.25, 75);
-    std::vector<std::string> topics;
-    for (const auto& f : frames) topics.push_back(f.topic);
-    EXPECT_THAT(topics, ::testing::UnorderedElementsAre(
-                            "art_frame", "kinect_frame_0", "leap_frame_0", "moticon_frame",
-                            "openvr_frame_0", "optitrack_frame", "xsens_frame"));
-    for (const auto& f : frames) {
-        if (f.topic == "art_frame") {
-            const auto art = decode_frame<dt::art_frame_t>(f);
-            EXPECT_EQ(art.i1, 75);
-            EXPECT_EQ(art.list_d.at(0).items.size(), 5u);
-        } else if (f.topic == "kinect_frame_0") {
-            const auto k = decode_frame<dt::kinect_frame_t>(f);
-            ASSERT_EQ(k.bodies.size(), 1u);
-            EXPECT_EQ(k.bodies[0].joints.size(), 23u);
-            EXPECT_NEAR(k.bodies[0].joints[6].pose.z, 1.7f, 1e-5) << "head height";
-        } else if (f.topic == "leap_frame_0") {
-            const auto l = decode_frame<dt::leap_frame_t>(f);
-            ASSERT_EQ(l.hands.size(), 2u);
-            EXPECT_EQ(l.hands[0].fingers.size(), 5u);
-            EXPECT_EQ(l.hands[0].fingers[0].bones.size(), 4u);
-        } else if (f.topic == "moticon_frame") {
-            const auto m = decode_frame<dt::moticon_frame_t>(f);
-            EXPECT_GE(m.left.value + m.right.value, 0.0f);
-        } else if (f.topic == "openvr_frame_0") {
-            const auto v = decode_frame<dt::openvr_frame_t>(f);
-            EXPECT_EQ(v.devices.size(), 3u);
-            EXPECT_NEAR(v.device_a.pose.z, 1.65f, 1e-5);
-        } else if (f.topic == "optitrack_frame") {
-            EXPECT_EQ(decode_frame<dt::optitrack_frame_t>(f).bodies.size(), 3u);
-        } else {
-            const auto x = decode_frame<dt::xsens_frame_t>(f);
-            ASSERT_EQ(x.segments.size(), 23u);
-            const auto& q = x.segments[0].rotation;
-            EXPECT_NEAR(q.q0 * q.q0 + q.q1 * q.q1 + q.q2 * q.q2 + q.q3 * q.q3, 1.0f, 1e-5);
-        }
-    }
-    // The walker moves: the same joint is elsewhere a second later.
-    const auto later = make_device_frames(2.25, 135);
-    const auto k0 = decode_frame<dt::kinect_frame_t>(frames[1]);
-    const auto k1 = decode_frame<dt::kinect_frame_t>(later[1]);
-    EXPECT_GT(std::abs(k0.bodies[0].joints[0].pose.x - k1.bodies[0].joints[0].pose.x) +
-                  std::abs(k0.bodies[0].joints[0].pose.y - k1.bodies[0].joints[0].pose.y),
-              0.5f);
 }
 
 }  // namespace

@@ -86,6 +86,12 @@ TEST(Broker, EachMessageGetsItsAnswer) {
         // next frame is the acknowledgement.
         {"PUBLISH acknowledged, no copy to the publisher",
          "95 10 05 81 AB 61 63 6B 6E 6F 77 6C 65 64 67 65 C3 A1 74 91 A1 78", "93 11 05", true},
+        {"PUBLISH to a topic the server owns refused",
+         "95 10 07 81 AB 61 63 6B 6E 6F 77 6C 65 64 67 65 C3 A1 73 91 A1 78",
+         "96 08 10 07 80 B9 77 61 6D 70 2E 65 72 72 6F 72 2E 6E 6F 74 5F 61 75 74 68 6F 72 69 7A "
+         "65 64 91 D9 29 74 6F 70 69 63 20 27 73 27 20 69 73 20 70 75 62 6C 69 73 68 65 64 20 62 "
+         "79 20 74 68 65 20 73 65 72 76 65 72 20 6F 6E 6C 79",
+         false},
         {"UNSUBSCRIBE confirmed", "93 22 03 01", "92 23 03", false},
     };
     Router router;

@@ -157,6 +157,8 @@ class Router {
     static qor::router::BrokerOptions inline_calls() {
         qor::router::BrokerOptions o;
         o.call_worker = false;
+        // "s" stands for a topic only the server publishes to (the state, device frames).
+        o.server_owned = [](const std::string& topic) { return topic == "s"; };
         return o;
     }
 
