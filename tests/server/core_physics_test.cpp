@@ -316,7 +316,7 @@ TEST_F(CoreTest, ClockPublishesWhileRunningAndStopsWhenPaused) {
         scene_of({ground(1), ball(2, 50.0), body(3, Shape::box, {1, 1, 1}, 0, {9, 9, 1})}));
     EXPECT_EQ(call_ok<int>(*core, "SET_PUBLISH_COMPRESSION_LEVEL", 1), 0);
     call_ok<int>(*core, "SET_SERVER_PERIOD_MS", 5.0);
-    call_ok<int>(*core, "SET_PUBLISH_PERIOD_MS", 10.0);
+    EXPECT_EQ(call_ok<int>(*core, "SET_PUBLISH_PERIOD_MS", 10.0), 33) << "the period it replaced";
     EXPECT_EQ(run(*core, "PAUSE_SIMULATION").error, "qor.error.invalid_state");
     EXPECT_EQ(call_ok<int>(*core, "START_SIMULATION"), 1);
     ASSERT_TRUE(reached(5));
