@@ -170,26 +170,6 @@ TEST_F(LifecycleTest, InitSubscribesTheStateTopicAndReportsTheOutcome) {
     second.full_update();
     ASSERT_EQ(outcomes.size(), 2u);
     EXPECT_EQ(outcomes[1], std::make_pair(int64_t{0}, std::string("wamp.error.not_authorized")));
-
-    // An empty status callback is allowed.
-    LoopbackPeer quiet;
-    DaxClient third(&quiet.peer);
-    third.init("", nullptr);
-    quiet.link.confirm_subscription("qor.server.update", qor::wamp::Id(5));
-    EXPECT_NO_THROW(third.full_update());
-}
-
-TEST(Lifecycle, InitBeforeTheServerIsConnectedIsRefused) {
-    // No server endpoint at all, then one whose session is not open yet.
-    qor::QorClient bare;
-    LoopbackPeer waiting;
-    waiting.peer.server_connected = false;
-    for (qor::QorClient* peer : {&bare, &waiting.peer}) {
-        DaxClient client(peer);
-        EXPECT_EQ(error_of([&] { client.init("", nullptr); }),
-                  "qor client cannot call operations before server is connected");
-    }
-    EXPECT_TRUE(waiting.link.written.empty());
 }
 
 }  // namespace

@@ -59,7 +59,6 @@ const std::string clear_scene = "qor.server.operation.CLEAR_SCENE";
 
 }  // namespace
 
-// A server endpoint that is set but not flagged is not visited: the table's rows without one.
 TEST(WampPump, EmptyPeerDoesNothing) {
     qor::QorClient peer;
     EXPECT_FALSE(peer.update_first());

@@ -67,7 +67,6 @@ TEST(WampSubscribe, OneSubscribePerTopicWithTheHandlerIdAsRequest) {
         with(hex("94 20") + std::vector<uint8_t>{uint8_t(first)} + hex("80 B1"), update_topic));
 }
 
-// The answer, confirmation or refusal, is kept: pending handlers hear it once, later ones at once.
 TEST(WampSubscribe, AnswerReachesPendingHandlersOnceAndLateJoinersAtOnce) {
     for (const bool confirmed : {true, false}) {
         SCOPED_TRACE(confirmed);
