@@ -66,6 +66,8 @@ using namespace qor::wamp;
 using namespace test_support;
 namespace mp = qor::serialization::msgpack;
 
+// Serializing takes one block of exactly the message's size; a send below the trace level
+// takes nothing more.
 TEST(WampAllocation, SerializeAndSendAllocateOneBlockOfExactlyTheMessageSize) {
     Message call(CALL, Id(123456789), "qor.server.operation.SEND_SCENE");
     call.args = {encoded(std::string(300, 's')), encoded(42), encoded(2.5)};
