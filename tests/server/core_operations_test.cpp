@@ -128,6 +128,13 @@ TEST(CoreArguments, NumbersAndIntegersAreAcceptedInEveryEncoding) {
     ASSERT_EQ(batch.vertices.size(), 3u);
     EXPECT_EQ(batch.vertices[1].x, 1.0);
     EXPECT_EQ(batch.triangles.size(), 1u);
+    // So are a Body's numbers, as another implementation writes a ball at height 5.
+    const std::vector<uint8_t> scene = test_support::hex(
+        "91 94 A4 426F6479 02 05 99 A6 737068657265 93 CB 3FE0000000000000 00 00 00 01 "
+        "97 00 00 05 01 00 00 00 93 00 00 00 93 00 00 00 CB 3FE0000000000000 00");
+    EXPECT_EQ(call_ok<int>(*core, "SEND_SCENE", mp::buffer(scene)), 1);
+    const auto step = call_ok<dt::integration_result_t>(*core, "STEP_SIMULATION");
+    EXPECT_LT(states_of(step).at(2).pose.position.z, 5.0);
 }
 
 TEST(CoreFiles, MeshDumpStaysInARelativeDataFolderWithoutDoublingIt) {

@@ -93,6 +93,11 @@ TEST(Broker, EachMessageGetsItsAnswer) {
          "79 20 74 68 65 20 73 65 72 76 65 72 20 6F 6E 6C 79",
          false},
         {"UNSUBSCRIBE confirmed", "93 22 03 01", "92 23 03", false},
+        {"GOODBYE answered",
+         "93 06 80 B6 77 61 6D 70 2E 63 6C 6F 73 65 2E 63 6C 6F 73 65 5F 72 65 61 6C 6D",
+         "93 06 80 BA 77 61 6D 70 2E 63 6C 6F 73 65 2E 67 6F 6F 64 62 79 65 5F 61 6E 64 5F 6F 75 "
+         "74",
+         false},
     };
     Router router;
     RawSession session(router.server.rawsocket_port()), other(router.server.rawsocket_port());
