@@ -100,10 +100,17 @@ std::vector<SerializeRow> serialize_rows() {
               Args{encoded(false)}),
          hex("95 44 01 02 80 91 C2")},
         {"YIELD", make(YIELD, &M::request, Id(1)), hex("93 46 01 80")},
-        // Ids take the smallest unsigned form (the codec's table pins every bound), up to
-        // uint 64 for 2^53.
+        // Id forms: smallest unsigned form, up to uint 64 for 2^53.
+        {"id 127", Message(CALL, Id(127), "p"), hex("94 30 7F 80 A1 70")},
         {"id 128", Message(CALL, Id(128), "p"), hex("94 30 CC 80 80 A1 70")},
+        {"id 255", Message(CALL, Id(255), "p"), hex("94 30 CC FF 80 A1 70")},
+        {"id 256", Message(CALL, Id(256), "p"), hex("94 30 CD 01 00 80 A1 70")},
+        {"id 65535", Message(CALL, Id(65535), "p"), hex("94 30 CD FF FF 80 A1 70")},
         {"id 65536", Message(CALL, Id(65536), "p"), hex("94 30 CE 00 01 00 00 80 A1 70")},
+        {"id 4294967295", Message(CALL, Id(4294967295ULL), "p"),
+         hex("94 30 CE FF FF FF FF 80 A1 70")},
+        {"id 4294967296", Message(CALL, Id(4294967296ULL), "p"),
+         hex("94 30 CF 00 00 00 01 00 00 00 00 80 A1 70")},
         {"id 2^53", Message(CALL, Id(max_id), "p"),
          hex("94 30 CF 00 20 00 00 00 00 00 00 80 A1 70")},
         // request_type follows the signed integer rule, narrow negative bounds included.
