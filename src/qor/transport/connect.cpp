@@ -276,6 +276,7 @@ struct Endpoint::Impl {
                 // Handlers may throw (a blocking call's server error): the rest of the
                 // inbox stays for the next pass.
                 client->dispatch(m);
+                if (channel) channel->recycle(std::move(parsed->raw));
             } else if (stage == Stage::goodbye) {
                 if (m.type == wamp::GOODBYE) channel->close("closed");
             }

@@ -101,6 +101,10 @@ class RawSocketChannel final : public ChannelBase,
         return true;
     }
 
+    void recycle(serialization::msgpack::buffer&& block) override {
+        if (block.size > READ_CHUNK) spare_ = std::move(block);
+    }
+
     void ping() override {
         if (closed_ || closing_) return;
         rawsocket::append_header(out_, rawsocket::FrameType::ping, 0);
@@ -179,7 +183,16 @@ class RawSocketChannel final : public ChannelBase,
             // is it copied out of there, and a small message never pins a large block.
             if (!closed_ && !paused_ && !refused_ && handlers_.owned_message &&
                 splitter_.partial_message() && splitter_.announced() > READ_CHUNK) {
-                large_ = serialization::msgpack::buffer(uint64_t(splitter_.announced()));
+                const uint64_t size = splitter_.announced();
+                // A run of large answers (a scene fetched again and again, the state of many
+                // bodies every step) reuses the last block and its warm pages: a fresh one,
+                // freed at once, is often handed back to the system and faulted in again.
+                if (spare_.size >= size && spare_.size / 2 <= size) {
+                    large_ = std::move(spare_);
+                    large_.size = size;  // the block may be larger; only `size` is read
+                } else {
+                    large_ = serialization::msgpack::buffer(size);
+                }
                 large_filled_ = splitter_.detach(large_.data);
                 gathering_ = true;
             }
@@ -270,6 +283,7 @@ class RawSocketChannel final : public ChannelBase,
     rawsocket::Splitter splitter_;
     bool gathering_ = false;                // reading a large message into `large_`
     serialization::msgpack::buffer large_;  // that message, sized by its header
+    serialization::msgpack::buffer spare_;  // the last one, handed back by `recycle`
     size_t large_filled_ = 0;               // bytes of it received so far
     uint32_t limit_;        // incoming frames above this are refused by their header
     bool refused_ = false;  // a frame was refused: nothing more is read

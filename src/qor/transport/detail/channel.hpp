@@ -65,6 +65,9 @@ class Channel {
         (void)fill;
         return false;
     }
+    /// Hands back a block that came through `owned_message`, once its message is handled: the
+    /// next large message of at most its size is gathered there. Others ignore it.
+    virtual void recycle(serialization::msgpack::buffer&& block) { (void)block; }
     /// Queues a keepalive ping.
     virtual void ping() = 0;
     /// Flushes what is queued, then closes; `closed` is reported with `cause`.
