@@ -22,6 +22,13 @@
 #include <boost/asio/read.hpp>
 #include <boost/asio/write.hpp>
 
+// The options of a socket, asked of the system itself.
+#ifndef _WIN32
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#endif
+
 #include <qor/qor_client.hpp>
 #include <qor/router/broker.hpp>
 #include <qor/router/server.hpp>
@@ -318,6 +325,34 @@ class RawConnection {
     asio::io_context io_;
     tcp::socket socket_{io_};
 };
+
+/// Whether TCP_NODELAY is on for the socket of this process connected to 127.0.0.1:`port`,
+/// found by asking every descriptor (handle, on Windows) for its peer; nullopt when none is.
+inline std::optional<bool> nodelay_of_socket_to(uint16_t port) {
+#ifdef _WIN32
+    using Socket = SOCKET;
+    using Length = int;
+    const uintptr_t first = 4, last = 0x10000, step = 4;  // handles are multiples of 4
+#else
+    using Socket = int;
+    using Length = socklen_t;
+    const uintptr_t first = 0, last = 4096, step = 1;
+#endif
+    for (uintptr_t h = first; h < last; h += step) {
+        const Socket s = Socket(h);
+        sockaddr_in peer{};
+        Length length = sizeof peer;
+        if (::getpeername(s, reinterpret_cast<sockaddr*>(&peer), &length) != 0 ||
+            peer.sin_family != AF_INET || ntohs(peer.sin_port) != port)
+            continue;
+        int on = 0;
+        length = sizeof on;
+        if (::getsockopt(s, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<char*>(&on), &length) != 0)
+            return std::nullopt;
+        return on != 0;
+    }
+    return std::nullopt;
+}
 
 /// A self-signed certificate for 127.0.0.1 and localhost, made once per test program and
 /// removed at exit.
