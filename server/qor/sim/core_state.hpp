@@ -116,6 +116,9 @@ struct SimulationCore::Impl {
     void apply_gravity_property();
     void autosave();
     void step_world();
+
+    // ---- a step's answer (step_result.cpp) -------------------------------------------------
+
     // Appends the state map of the bodies as one bin value and leaves their figures in
     // `stats`: every body, or with `every` false and a compression level above 0, those that
     // changed since the last publication.

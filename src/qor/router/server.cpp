@@ -34,20 +34,6 @@ using error_code = boost::system::error_code;
 using detail::Peer;
 using detail::Stage;
 
-// CANCEL [49, request, options]: a caller giving up on an answer. It is outside the message
-// model (a client's subset), so it is recognised from its first two elements.
-static bool is_cancel(const uint8_t* data, size_t size) {
-    msgpack::ReadBuffer in(data, size);
-    try {
-        if (msgpack::read_array_header(in) < 2) return false;
-        long long code = 0;
-        msgpack::read(in, code);
-        return code == 49;
-    } catch (const std::exception&) {
-        return false;
-    }
-}
-
 struct Server::Impl : std::enable_shared_from_this<Impl> {
     ServerOptions options;
     JoinHandler join_handler;
@@ -240,7 +226,7 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
     void received(const std::shared_ptr<Peer>& peer, msgpack::buffer bytes) {
         if (options.tap) options.tap(bytes.data, bytes.size);
         // Calls run to completion here; the caller has stopped waiting and drops the answer.
-        if (peer->stage == Stage::joined && is_cancel(bytes.data, bytes.size)) return;
+        if (peer->stage == Stage::joined && wamp::is_cancel(bytes.data, bytes.size)) return;
         std::optional<wamp::Message> parsed;
         try {
             parsed.emplace(wamp::parse_message(std::move(bytes)));

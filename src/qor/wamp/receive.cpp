@@ -181,6 +181,18 @@ Message parse_message(mp::buffer bytes) {
     return m;
 }
 
+bool is_cancel(const uint8_t* data, size_t size) {
+    mp::ReadBuffer in(data, size);
+    try {
+        if (mp::read_array_header(in) < 2) return false;
+        long long code = 0;
+        mp::read(in, code);
+        return code == 49;
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
 std::vector<mp::buffer> received_args(const Message& message) {
     std::vector<mp::buffer> args;
     if (message.args_count == 0) return args;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <vector>
 
 #include <qor/serialization/msgpack/buffer.hpp>
@@ -12,6 +14,11 @@ namespace qor::wamp {
 /// `bytes`), `args_offset`, `args_end` and `args_count`. Malformed, truncated or oversized
 /// input raises std::runtime_error ("WAMP message: ...") and nothing outside `bytes` is read.
 Message parse_message(serialization::msgpack::buffer bytes);
+
+/// True when `size` bytes at `data` are a CANCEL [49, request, options], a caller giving up on
+/// an answer: outside the message model (a client's subset), recognised by its first two
+/// elements. Never raises.
+bool is_cancel(const uint8_t* data, size_t size);
 
 /// Owned copies of a received message's positional arguments, one encoded value each.
 std::vector<serialization::msgpack::buffer> received_args(const Message& message);
