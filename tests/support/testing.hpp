@@ -37,20 +37,32 @@
 namespace test_support {
 
 /// "cc 80", "cc80" or "CC 80" -> {0xCC, 0x80}. Blanks are ignored so that rows can group bytes
-/// by field; anything else that is not a hex digit is a mistake in the test and throws.
+/// by field, and text in single quotes stands for its own bytes ("A2 'hi'" is A2 68 69), so that
+/// a string shows beside its header; anything else that is not a hex digit is a mistake in the
+/// test and throws.
 inline std::vector<uint8_t> hex(std::string_view text) {
-    std::string digits;
-    for (const char c : text) {
+    std::vector<uint8_t> out;
+    std::string digits;  // of the byte being read
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
         if (c == ' ' || c == '\n' || c == '\t') continue;
+        if (c == '\'' && digits.empty()) {
+            const std::size_t end = text.find('\'', i + 1);
+            if (end == std::string_view::npos)
+                throw std::invalid_argument("unclosed quote in test vector: " + std::string(text));
+            out.insert(out.end(), text.data() + i + 1, text.data() + end);
+            i = end;
+            continue;
+        }
         if (!std::isxdigit(static_cast<unsigned char>(c)))
             throw std::invalid_argument("bad hex digit in test vector: " + std::string(text));
         digits += c;
+        if (digits.size() == 2) {
+            out.push_back(static_cast<uint8_t>(std::stoi(digits, nullptr, 16)));
+            digits.clear();
+        }
     }
-    if (digits.size() % 2 != 0)
-        throw std::invalid_argument("odd number of hex digits in test vector");
-    std::vector<uint8_t> out;
-    for (std::size_t i = 0; i < digits.size(); i += 2)
-        out.push_back(static_cast<uint8_t>(std::stoi(digits.substr(i, 2), nullptr, 16)));
+    if (!digits.empty()) throw std::invalid_argument("odd number of hex digits in test vector");
     return out;
 }
 
