@@ -33,7 +33,7 @@ class RawSession {
         if (!connection_.send(hello.data(), 4) || !connection_.read(reply.data(), 4, 2s) ||
             reply[1] >> 4 == 0)
             return false;
-        send(hex("93 01 A6 72 65 61 6C 6D 31 80"));  // HELLO "realm1"
+        send(hex("93 01 A6 'realm1' 80"));  // HELLO "realm1"
         const std::vector<uint8_t> welcome = receive();
         return welcome.size() > 1 && welcome[1] == 0x02;
     }
@@ -71,33 +71,24 @@ TEST(Broker, EachMessageGetsItsAnswer) {
     const Row rows[] = {
         {"SUBSCRIBE confirmed with the topic's id", "94 20 01 80 A1 74", "93 21 01 01", false},
         {"UNSUBSCRIBE of an unknown id refused", "93 22 02 63",
-         "96 08 22 02 80 BF 77 61 6D 70 2E 65 72 72 6F 72 2E 6E 6F 5F 73 75 63 68 5F 73 75 62 73 "
-         "63 "
-         "72 69 70 74 69 6F 6E 91 AE 6E 6F 74 20 73 75 62 73 63 72 69 62 65 64",
-         false},
+         "96 08 22 02 80 BF 'wamp.error.no_such_subscription' 91 AE 'not subscribed'", false},
         {"REGISTER refused", "94 40 04 80 A1 70",
-         "96 08 40 04 80 B9 77 61 6D 70 2E 65 72 72 6F 72 2E 6E 6F 74 5F 61 75 74 68 6F 72 69 7A "
-         "65 64 91 D9 24 74 68 69 73 20 73 65 72 76 65 72 20 61 63 63 65 70 74 73 20 6E 6F 20 72 "
-         "65 67 69 73 74 72 61 74 69 6F 6E 73",
+         "96 08 40 04 80 B9 'wamp.error.not_authorized' 91 D9 24 'this server accepts no "
+         "registrations'",
          false},
-        {"CALL answered by the dealer", "95 30 06 80 A4 65 63 68 6F 91 01", "94 32 06 80 91 01",
-         false},
+        {"CALL answered by the dealer", "95 30 06 80 A4 'echo' 91 01", "94 32 06 80 91 01", false},
         // The publisher is subscribed to "t" but gets no EVENT of its own publication: the
         // next frame is the acknowledgement.
         {"PUBLISH acknowledged, no copy to the publisher",
-         "95 10 05 81 AB 61 63 6B 6E 6F 77 6C 65 64 67 65 C3 A1 74 91 A1 78", "93 11 05", true},
+         "95 10 05 81 AB 'acknowledge' C3 A1 74 91 A1 78", "93 11 05", true},
         {"PUBLISH to a topic the server owns refused",
-         "95 10 07 81 AB 61 63 6B 6E 6F 77 6C 65 64 67 65 C3 A1 73 91 A1 78",
-         "96 08 10 07 80 B9 77 61 6D 70 2E 65 72 72 6F 72 2E 6E 6F 74 5F 61 75 74 68 6F 72 69 7A "
-         "65 64 91 D9 29 74 6F 70 69 63 20 27 73 27 20 69 73 20 70 75 62 6C 69 73 68 65 64 20 62 "
-         "79 20 74 68 65 20 73 65 72 76 65 72 20 6F 6E 6C 79",
+         "95 10 07 81 AB 'acknowledge' C3 A1 73 91 A1 78",
+         "96 08 10 07 80 B9 'wamp.error.not_authorized' 91 D9 29 'topic ' 27 's' 27 ' is published "
+         "by the server only'",
          false},
         {"UNSUBSCRIBE confirmed", "93 22 03 01", "92 23 03", false},
-        {"GOODBYE answered",
-         "93 06 80 B6 77 61 6D 70 2E 63 6C 6F 73 65 2E 63 6C 6F 73 65 5F 72 65 61 6C 6D",
-         "93 06 80 BA 77 61 6D 70 2E 63 6C 6F 73 65 2E 67 6F 6F 64 62 79 65 5F 61 6E 64 5F 6F 75 "
-         "74",
-         false},
+        {"GOODBYE answered", "93 06 80 B6 'wamp.close.close_realm'",
+         "93 06 80 BA 'wamp.close.goodbye_and_out'", false},
     };
     Router router;
     RawSession session(router.server.rawsocket_port()), other(router.server.rawsocket_port());
@@ -155,8 +146,8 @@ TEST(Broker, QuickCallsNeverOvertakeWaitingOnes) {
     ASSERT_TRUE(session.send(hex("94 30 01 80 A1 71")));  // "q" alone
     EXPECT_EQ(to_hex(session.receive()), to_hex(hex("93 32 01 80")));
     EXPECT_EQ(quick_answers, 1);
-    ASSERT_TRUE(session.send(hex("94 30 02 80 A4 73 6C 6F 77")));  // "slow"
-    ASSERT_TRUE(session.send(hex("94 30 03 80 A1 71")));           // "q" behind it
+    ASSERT_TRUE(session.send(hex("94 30 02 80 A4 'slow'")));  // "slow"
+    ASSERT_TRUE(session.send(hex("94 30 03 80 A1 71")));      // "q" behind it
     EXPECT_EQ(to_hex(session.receive()), to_hex(hex("93 32 02 80")));
     EXPECT_EQ(to_hex(session.receive()), to_hex(hex("93 32 03 80")));
     EXPECT_EQ(quick_answers, 1) << "the call behind a waiting one went to the worker";

@@ -165,7 +165,7 @@ TEST(WebSocketFrames, RouterReadsFramesSentRightBehindTheUpgrade) {
     transport_test::RawConnection connection(router.server.websocket_port());
     // HELLO ["realm1", {}], masked with a zero key, in the same write as the upgrade request.
     ASSERT_TRUE(connection.send(test_support::with({}, UPGRADE) +
-                                hex("82 8a 00 00 00 00 93 01 a6 72 65 61 6c 6d 31 80")));
+                                hex("82 8a 00 00 00 00 93 01 a6 'realm1' 80")));
     ASSERT_TRUE(upgraded(connection));
     // WELCOME: an unmasked binary frame starting [2, ...
     uint8_t in[6];

@@ -51,7 +51,7 @@ struct SerializeRow {
 };
 
 std::vector<SerializeRow> serialize_rows() {
-    const std::vector<uint8_t> roles = hex("81 A6 63 61 6C 6C 65 72 80");
+    const std::vector<uint8_t> roles = hex("81 A6 'caller' 80");
     return {
         {"CALL without arguments", Message(CALL, Id(7), "qor.server.operation.CLEAR_SCENE"),
          with(hex("94 30 07 80 D9 20"), "qor.server.operation.CLEAR_SCENE")},
