@@ -1,6 +1,6 @@
 """Third-party check of our WAMP bytes with autobahn's MessagePack serializer.
 
-parse: reads hex lines from stdin, prints "ok <Message class>" or "error <reason>" per line.
+parse: takes messages in hex as arguments; prints "ok <Message class>" or "error <reason>" each.
 emit:  prints "<name> <hex>" lines of router messages serialized by autobahn.
 """
 import sys
@@ -13,14 +13,11 @@ from autobahn.wamp import message, role  # noqa: E402
 from autobahn.wamp.serializer import MsgPackSerializer  # noqa: E402
 
 
-def parse():
+def parse(hexes):
     serializer = MsgPackSerializer()
-    for line in sys.stdin:
-        line = line.strip()
-        if not line:
-            continue
+    for text in hexes:
         try:
-            messages = serializer.unserialize(bytes.fromhex(line), isBinary=True)
+            messages = serializer.unserialize(bytes.fromhex(text), isBinary=True)
             if len(messages) != 1:
                 print("error expected one message, got %d" % len(messages))
             else:
@@ -29,7 +26,7 @@ def parse():
             print("error " + str(e).replace("\n", " "))
 
 
-def emit():
+def emit(_):
     serializer = MsgPackSerializer()
     roles = {"broker": role.RoleBrokerFeatures(), "dealer": role.RoleDealerFeatures()}
     messages = [
@@ -53,4 +50,4 @@ def emit():
 
 
 if __name__ == "__main__":
-    {"parse": parse, "emit": emit}[sys.argv[1]]()
+    {"parse": parse, "emit": emit}[sys.argv[1]](sys.argv[2:])

@@ -116,7 +116,6 @@ TEST(Broker, EachMessageGetsItsAnswer) {
 // With a worker, quick calls are answered on the I/O thread, but never ahead of a call
 // already waiting: answers keep the order of the calls.
 TEST(Broker, QuickCallsNeverOvertakeWaitingOnes) {
-    qor::router::Server server;
     std::atomic<int> quick_answers{0};
     qor::router::BrokerOptions options;
     // "q" is quick; "slow" is declined and takes a while on the worker.
@@ -131,16 +130,8 @@ TEST(Broker, QuickCallsNeverOvertakeWaitingOnes) {
         if (m.procedure == "slow") std::this_thread::sleep_for(std::chrono::milliseconds(100));
         return std::optional<qor::router::Answer>(qor::router::Answer{});
     };
-    qor::router::Broker broker(server, dealer, options);
-    // The server stops before the broker goes, whichever way the test ends.
-    struct StopFirst {
-        qor::router::Server& server;
-        ~StopFirst() { server.stop(); }
-    } stop_first{server};
-    server.on_message(
-        [&](uint64_t session, const qor::wamp::Message& m) { broker.on_message(session, m); });
-    server.start();
-    RawSession session(server.rawsocket_port());
+    Router router({}, dealer, options);
+    RawSession session(router.server.rawsocket_port());
     ASSERT_TRUE(session.open());
     // CALL [48, id, {}, procedure]; RESULT [50, id, {}].
     ASSERT_TRUE(session.send(hex("94 30 01 80 A1 71")));  // "q" alone

@@ -74,6 +74,20 @@ bool pump_until(qor::QorClient& peer, Done done, std::chrono::milliseconds limit
     return true;
 }
 
+/// Calls `procedure` and pumps `peer` until the answer comes; nullopt when none came in 5 s.
+template <class T, class... Args>
+std::optional<qor::wamp::RpcResult<T>> call_and_wait(qor::QorClient& peer,
+                                                     const std::string& procedure,
+                                                     const Args&... args) {
+    std::optional<qor::wamp::RpcResult<T>> got;
+    std::function<void(qor::wamp::RpcResult<T>)> done = [&](qor::wamp::RpcResult<T> r) {
+        got = std::move(r);
+    };
+    peer.call<T>(done, procedure, args...);
+    pump_until(peer, [&] { return got.has_value(); });
+    return got;
+}
+
 /// Polls `done()` (state another thread changes, without a signal) until it holds or `limit`.
 template <class Done>
 bool poll_until(Done done, std::chrono::milliseconds limit = 5000ms) {
@@ -85,13 +99,16 @@ bool poll_until(Done done, std::chrono::milliseconds limit = 5000ms) {
     return true;
 }
 
-/// The router the client tests talk to: the library's broker with a dealer that answers
-/// CALL "echo" with its arguments, "fail" with ERROR "app.error.failed", "big" with a binary
-/// of the requested size, and leaves anything else unanswered. Records what it saw.
+/// The router the client tests talk to: the library's broker with, unless a test brings its
+/// own, a dealer that answers CALL "echo" with its arguments, "fail" with ERROR
+/// "app.error.failed", "big" with a binary of the requested size, and leaves anything else
+/// unanswered, on the I/O thread. Records what it saw.
 class Router {
   public:
-    explicit Router(qor::router::ServerOptions options = {})
-        : server(std::move(options)), broker(server, dealer(), inline_calls()) {
+    explicit Router(qor::router::ServerOptions options = {},
+                    qor::router::Broker::Dealer answers = dealer(),
+                    qor::router::BrokerOptions broker_options = inline_calls())
+        : server(std::move(options)), broker(server, std::move(answers), broker_options) {
         server.on_join([this](const qor::router::SessionInfo& info) {
             std::lock_guard<std::mutex> lock(mutex);
             joins.push_back(info);
@@ -173,9 +190,8 @@ class Router {
                 qor::wamp::IncomingMessage in(m);
                 long long size = 0;
                 in.fillArgsNS(size);
-                std::vector<uint8_t> blob;
-                msgpack::pack(blob, msgpack::buffer(std::vector<uint8_t>(size_t(size), 0x5A)));
-                answer.args.emplace_back(blob);
+                answer.args.push_back(test_support::encoded(
+                    msgpack::buffer(std::vector<uint8_t>(size_t(size), 0x5A))));
             } else {
                 return std::nullopt;
             }

@@ -59,19 +59,6 @@ class Transport : public ::testing::TestWithParam<Scheme> {
     }
 
     std::string url(const Router& router) const { return url_for(GetParam(), router.server); }
-
-    template <class T, class... Args>
-    std::optional<qor::wamp::RpcResult<T>> call_and_wait(qor::QorClient& peer,
-                                                         const std::string& procedure,
-                                                         const Args&... args) {
-        std::optional<qor::wamp::RpcResult<T>> got;
-        std::function<void(qor::wamp::RpcResult<T>)> done = [&](qor::wamp::RpcResult<T> r) {
-            got = r;
-        };
-        peer.call<T>(done, procedure, args...);
-        pump_until(peer, [&] { return got.has_value(); });
-        return got;
-    }
 };
 
 TEST_P(Transport, OpensCallsSubscribesAndReceivesEvents) {
@@ -393,28 +380,19 @@ TEST_P(Transport, WaitWakesOnAnEventAndOnTheEndOfTheLinkOtherwiseAtItsTimeOut) {
 // The blocking operations with the sleeping wait: the same values, errors and time-outs as
 // the busy loop, against a server whose answers take a while.
 TEST_P(Transport, BlockingOperationsThatSleepGetTheSameOutcomes) {
-    qor::router::Server server(server_options());
-    qor::router::BrokerOptions worker;
-    worker.call_worker = true;
-    qor::router::Broker broker(
-        server,
+    Router router(
+        server_options(),
         [](uint64_t, const qor::wamp::Message& m) -> std::optional<qor::router::Answer> {
             std::this_thread::sleep_for(100ms);
-            if (m.procedure == "qor.server.operation.CLEAR_SCENE") {
-                std::vector<uint8_t> seven;
-                msgpack::pack(seven, 7);
-                return qor::router::Answer::result(msgpack::buffer(seven));
-            }
+            if (m.procedure == "qor.server.operation.CLEAR_SCENE")
+                return qor::router::Answer::result(test_support::encoded(7));
             if (m.procedure == "qor.server.operation.DUMP")
                 return qor::router::Answer::failure("app.error.refused");
             return std::nullopt;
         },
-        worker);
-    server.on_message(
-        [&](uint64_t session, const qor::wamp::Message& m) { broker.on_message(session, m); });
-    server.start();
+        qor::router::BrokerOptions{});  // on the worker: the I/O thread stays free
     qor::QorClient peer;
-    qor::transport::connect(peer, url_for(GetParam(), server), client_options());
+    qor::transport::connect(peer, url(router), client_options());
     dax::client::DaxClient client(&peer);
     client.setWaitStrategy(dax::client::WaitStrategy::sleep);
     client.setTimeoutMs(10000);
@@ -432,7 +410,6 @@ TEST_P(Transport, BlockingOperationsThatSleepGetTheSameOutcomes) {
     // Answers still flow afterwards: the late calls left nothing behind in the link.
     client.setTimeoutMs(10000);
     EXPECT_EQ(7, client.CLEAR_SCENE());
-    server.stop();
 }
 
 INSTANTIATE_TEST_SUITE_P(Schemes, Transport, ::testing::ValuesIn(schemes),
@@ -664,77 +641,61 @@ TEST(Server, OversizedHelloIsRefusedByItsHeader) {
     EXPECT_TRUE(router.joins.empty());
 }
 
-// Pumps until the link gives up: a loss it will not retry.
-bool pump_until_given_up(qor::QorClient& peer, const std::vector<LinkEvent>& events) {
-    return pump_until(peer, [&] {
-        return !events.empty() && events.back().state == LinkState::disconnected &&
-               !events.back().will_retry;
-    });
-}
+// The link gives up (a loss it will not retry) when the retries run out or the server refuses
+// the login, and nothing more happens by itself afterwards.
+TEST(ReconnectPolicy, GivesUpAfterMaxRetriesOrARefusedLoginAndStaysDown) {
+    for (const bool refused : {false, true}) {
+        SCOPED_TRACE(refused ? "refused login" : "max retries");
+        ServerOptions so;
+        so.credentials = {qor::router::Credential{}};
+        so.credentials[0].authid = "alice";
+        so.credentials[0].ticket = "first";
+        auto router = std::make_unique<Router>(so);
+        so.rawsocket_port = router->server.rawsocket_port();
+        ConnectOptions options;
+        options.authid = "alice";
+        options.authmethods = {"ticket"};
+        options.ticket = "first";
+        options.reconnect.enabled = true;
+        options.reconnect.initial_delay = 10ms;
+        options.reconnect.jitter = 0;
+        options.reconnect.max_retries = refused ? 0 : 2;  // 0: no limit, only the refusal stops it
+        qor::QorClient peer;
+        auto& link = qor::transport::connect(peer, url_of("rs", router->server), options);
+        std::vector<LinkEvent> events;
+        link.on_state_change([&](const LinkEvent& e) { events.push_back(e); });
 
-TEST(ReconnectPolicy, StopsAfterMaxRetries) {
-    auto router = std::make_unique<Router>();
-    const std::string url = url_of("rs", router->server);
-    ConnectOptions options;
-    options.reconnect.enabled = true;
-    options.reconnect.initial_delay = 10ms;
-    options.reconnect.jitter = 0;
-    options.reconnect.max_retries = 2;
-    qor::QorClient peer;
-    auto& link = qor::transport::connect(peer, url, options);
-    std::vector<LinkEvent> events;
-    link.on_state_change([&](const LinkEvent& e) { events.push_back(e); });
-
-    // Nobody listening: the loss and two failed attempts, the last without a retry.
-    router.reset();
-    ASSERT_TRUE(pump_until_given_up(peer, events));
-    std::vector<std::pair<int, bool>> seen;  // (attempt, will_retry) of each disconnection
-    for (const auto& e : events)
-        if (e.state == LinkState::disconnected) seen.emplace_back(e.attempt, e.will_retry);
-    EXPECT_EQ((std::vector<std::pair<int, bool>>{{0, true}, {1, true}, {2, false}}), seen);
-    EXPECT_EQ(10ms, events.front().delay);  // no jitter: the initial delay exactly
-    EXPECT_EQ(20ms, events[2].delay);       // then times the growth
-    // Nothing more happens by itself.
-    events.clear();
-    pump_until(
-        peer, [] { return false; }, 100ms);
-    EXPECT_TRUE(events.empty());
-}
-
-TEST(ReconnectPolicy, NeverRetriesARefusedLogin) {
-    qor::router::Credential alice;
-    alice.authid = "alice";
-    alice.ticket = "first";
-    ServerOptions so;
-    so.credentials = {alice};
-    auto router = std::make_unique<Router>(so);
-    so.rawsocket_port = router->server.rawsocket_port();
-    ConnectOptions options;
-    options.authid = "alice";
-    options.authmethods = {"ticket"};
-    options.ticket = "first";
-    options.reconnect.enabled = true;
-    options.reconnect.initial_delay = 10ms;
-    options.reconnect.max_retries = 0;  // no limit: only the refusal can stop it
-    qor::QorClient peer;
-    auto& link = qor::transport::connect(
-        peer, "rs://127.0.0.1:" + std::to_string(so.rawsocket_port), options);
-    std::vector<LinkEvent> events;
-    link.on_state_change([&](const LinkEvent& e) { events.push_back(e); });
-
-    // The server comes back with another ticket.
-    router.reset();
-    so.credentials[0].ticket = "second";
-    router = std::make_unique<Router>(so);
-    ASSERT_TRUE(pump_until_given_up(peer, events));
-    EXPECT_EQ("session refused: wamp.error.authentication_failed (wrong ticket secret for 'alice')",
-              events.back().reason);
-    events.clear();
-    pump_until(
-        peer, [] { return false; }, 100ms);
-    EXPECT_TRUE(events.empty());
-    EXPECT_FALSE(peer.server_connected);
-    EXPECT_EQ(LinkState::disconnected, link.state());
+        router.reset();
+        if (refused) {  // the server comes back with another ticket
+            so.credentials[0].ticket = "second";
+            router = std::make_unique<Router>(so);
+        }
+        ASSERT_TRUE(pump_until(peer, [&] {
+            return !events.empty() && events.back().state == LinkState::disconnected &&
+                   !events.back().will_retry;
+        }));
+        if (refused) {
+            EXPECT_EQ(
+                "session refused: wamp.error.authentication_failed (wrong "
+                "ticket secret for 'alice')",
+                events.back().reason);
+        } else {  // nobody listening: the loss and two failed attempts, the last
+                  // without a retry
+            std::vector<std::pair<int, bool>> seen;  // (attempt, will_retry) of each loss
+            for (const auto& e : events)
+                if (e.state == LinkState::disconnected) seen.emplace_back(e.attempt, e.will_retry);
+            EXPECT_EQ((std::vector<std::pair<int, bool>>{{0, true}, {1, true}, {2, false}}), seen);
+            EXPECT_EQ(10ms,
+                      events.front().delay);   // no jitter: the initial delay exactly
+            EXPECT_EQ(20ms, events[2].delay);  // then times the growth
+        }
+        events.clear();
+        pump_until(
+            peer, [] { return false; }, 100ms);
+        EXPECT_TRUE(events.empty());
+        EXPECT_FALSE(peer.server_connected);
+        EXPECT_EQ(LinkState::disconnected, link.state());
+    }
 }
 
 }  // namespace

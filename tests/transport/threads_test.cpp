@@ -4,8 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <functional>
-#include <optional>
 #include <string>
 
 #include "harness.hpp"
@@ -33,12 +31,9 @@ TEST(ClientThreads, OpeningCallingAndClosingStartNone) {
         SCOPED_TRACE(url);
         qor::QorClient peer;
         auto& endpoint = qor::transport::connect(peer, url);
-        std::optional<std::string> answer;
-        std::function<void(qor::wamp::RpcResult<std::string>)> done =
-            [&](qor::wamp::RpcResult<std::string> r) { answer = r.value; };
-        peer.call<std::string>(done, "echo", std::string("x"));
-        ASSERT_TRUE(pump_until(peer, [&] { return answer.has_value(); }));
-        EXPECT_EQ(*answer, "x");
+        const auto answer = call_and_wait<std::string>(peer, "echo", std::string("x"));
+        ASSERT_TRUE(answer);
+        EXPECT_EQ(answer->value, "x");
         EXPECT_EQ(thread_count(), before);
         endpoint.close();
     }
