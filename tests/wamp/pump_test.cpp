@@ -14,44 +14,23 @@ namespace mp = qor::serialization::msgpack;
 
 namespace {
 
-// A connection that records each visit and answers what it is told to.
-struct ScriptedConnection : Connection {
+// An endpoint whose connection records each visit and answers what it is told to.
+struct Endpoint : Connection {
+    Client client;
     std::string name;
     std::vector<std::string>& visits;
     bool busy = false;
     bool fail = false;
-    ScriptedConnection(std::string n, std::vector<std::string>& log)
-        : name(std::move(n)), visits(log) {}
+    Endpoint(const std::string& n, std::vector<std::string>& log)
+        : client(n, nullptr), name(n), visits(log) {
+        client.connection = this;
+    }
     bool update_first() override { return visit("first"); }
     bool update_second() override { return visit("second"); }
     bool visit(const char* pass) {
         visits.push_back(name + ":" + pass);
         if (fail) throw std::runtime_error(name + " failed");
         return busy;
-    }
-};
-
-struct Endpoint {
-    Client client;
-    ScriptedConnection connection;
-    Endpoint(const std::string& name, std::vector<std::string>& visits)
-        : client(name, nullptr), connection(name, visits) {
-        client.connection = &connection;
-    }
-};
-
-struct ScriptedPeer {
-    std::vector<std::string> visits;
-    Endpoint first{"first", visits};
-    Endpoint server{"server", visits};
-    Endpoint extra1{"extra1", visits};
-    Endpoint extra2{"extra2", visits};
-    qor::QorClient peer;
-    ScriptedPeer() {
-        peer.first_endpoint = &first.client;
-        peer.server_endpoint = &server.client;
-        peer.has_server = true;
-        peer.extra_endpoints = {&extra1.client, &extra2.client};
     }
 };
 
@@ -87,24 +66,29 @@ TEST(WampPump, EveryEndpointIsVisitedInOrderWhateverTheOthersReturn) {
         {false, false, false, false, false, true, true, true, "first:first server:first"},
     };
     for (const Row& row : rows) {
-        ScriptedPeer p;
-        p.first.connection.busy = row.first;
-        p.server.connection.busy = row.server;
-        p.extra1.connection.busy = row.extra1;
-        p.extra2.connection.busy = row.extra2;
-        p.server.connection.fail = row.server_fails;
-        if (!row.first_endpoint) p.peer.first_endpoint = nullptr;
-        p.peer.has_server = row.has_server;
-        bool first = false, second = false;
+        std::vector<std::string> log;
+        Endpoint first("first", log), server("server", log), extra1("extra1", log),
+            extra2("extra2", log);
+        first.busy = row.first;
+        server.busy = row.server;
+        extra1.busy = row.extra1;
+        extra2.busy = row.extra2;
+        server.fail = row.server_fails;
+        qor::QorClient peer;
+        peer.first_endpoint = row.first_endpoint ? &first.client : nullptr;
+        peer.server_endpoint = &server.client;
+        peer.has_server = row.has_server;
+        peer.extra_endpoints = {&extra1.client, &extra2.client};
+        bool first_pass = false, second_pass = false;
         const std::string error = error_of([&] {
-            first = p.peer.update_first();
-            second = p.peer.update_second();
+            first_pass = peer.update_first();
+            second_pass = peer.update_second();
         });
         EXPECT_EQ(error, row.server_fails ? "server failed" : "");
-        EXPECT_EQ(first, row.result);
-        EXPECT_EQ(second, row.result);
+        EXPECT_EQ(first_pass, row.result);
+        EXPECT_EQ(second_pass, row.result);
         std::string visits;
-        for (const std::string& v : p.visits) visits += (visits.empty() ? "" : " ") + v;
+        for (const std::string& v : log) visits += (visits.empty() ? "" : " ") + v;
         EXPECT_EQ(visits, row.visits);
     }
 }
