@@ -38,6 +38,7 @@ struct Block {
     Block(const uint8_t* from, uint64_t n) : bytes(new uint8_t[n == 0 ? 1 : n]), count(n) {
         std::copy(from, from + n, bytes.get());
     }
+    explicit Block(const std::vector<uint8_t>& from) : Block(from.data(), from.size()) {}
     msgpack::ReadBuffer cursor() const { return msgpack::ReadBuffer(bytes.get(), count); }
 };
 
@@ -97,7 +98,7 @@ TEST(Truncation, EveryPrefixOfEveryValidValueFailsWithEndOfData) {
         SCOPED_TRACE(row.name);
         const auto whole = hex(row.bytes);
         {
-            const Block block(whole.data(), whole.size());
+            const Block block(whole);
             auto in = block.cursor();
             row.reader(in);
             EXPECT_EQ(in.position, whole.size());
@@ -137,8 +138,7 @@ TEST(HostileHeaders, CountsThatCannotFitAreRefusedBeforeAnyAllocation) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.bytes);
-        const auto bytes = hex(row.bytes);
-        const Block block(bytes.data(), bytes.size());
+        const Block block(hex(row.bytes));
         auto in = block.cursor();
         EXPECT_EQ(error_of([&] { row.reader(in); }), "unexpected end of data");
         EXPECT_EQ(in.position, 0u);
@@ -146,8 +146,7 @@ TEST(HostileHeaders, CountsThatCannotFitAreRefusedBeforeAnyAllocation) {
 }
 
 TEST(HostileHeaders, RefusedHeaderLeavesTheTargetUntouched) {
-    const auto bytes = hex("dd ff ff ff ff 01");
-    const Block block(bytes.data(), bytes.size());
+    const Block block(hex("dd ff ff ff ff 01"));
     auto in = block.cursor();
     std::vector<int64_t> values{1, 2};
     EXPECT_EQ(error_of([&] { msgpack::read(in, values); }), "unexpected end of data");
@@ -193,8 +192,7 @@ TEST(Skip, WalksEveryFormIncludingExtAndNil) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.bytes);
-        const auto bytes = hex(row.bytes);
-        const Block block(bytes.data(), bytes.size());
+        const Block block(hex(row.bytes));
         auto in = block.cursor();
         EXPECT_EQ(msgpack::skip(in), row.size);
         EXPECT_EQ(in.position, row.size);
@@ -205,7 +203,7 @@ TEST(Skip, DeepNestingNeedsNoStack) {
     constexpr size_t depth = 100000;
     std::vector<uint8_t> arrays(depth, 0x91);
     arrays.push_back(0x01);
-    const Block block(arrays.data(), arrays.size());
+    const Block block(arrays);
     auto in = block.cursor();
     EXPECT_EQ(msgpack::skip(in), depth + 1);
 
@@ -221,7 +219,7 @@ TEST(Skip, DeepNestingNeedsNoStack) {
         maps.push_back(0x01);
     }
     maps.push_back(0xC0);
-    const Block map_block(maps.data(), maps.size());
+    const Block map_block(maps);
     auto m = map_block.cursor();
     EXPECT_EQ(msgpack::skip(m), maps.size());
 }
@@ -262,8 +260,7 @@ TEST(HostileInput, EachFaultIsNamedAndTheCursorStaysAtTheValue) {
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.bytes);
-        const auto bytes = hex(row.bytes);
-        const Block block(bytes.data(), bytes.size());
+        const Block block(hex(row.bytes));
         auto in = block.cursor();
         in.position = row.from;
         EXPECT_EQ(error_of([&] { row.reader(in); }), row.error);

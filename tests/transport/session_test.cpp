@@ -602,8 +602,7 @@ TEST(Server, SubscriberThatStopsReadingIsDroppedWithTheReason) {
 TEST(Server, OversizedHelloIsRefusedByItsHeader) {
     // HELLO ["realm1", {"pad": <100 000 bytes>}] after the handshake, whole or only its start:
     // the header alone is enough to refuse it, before the router buffers what it announces.
-    std::vector<uint8_t> hello = {0x93, 0x01, 0xA6, 'r', 'e',  'a', 'l', 'm',  '1', 0x81,
-                                  0xA3, 'p',  'a',  'd', 0xC6, 0,   1,   0x86, 0xA0};
+    std::vector<uint8_t> hello = test_support::hex("93 01 A6 'realm1' 81 A3 'pad' C6 00 01 86 A0");
     const size_t start = hello.size();
     hello.resize(start + 100000, 0);
     struct Case {

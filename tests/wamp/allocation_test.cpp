@@ -32,6 +32,14 @@ struct Counting {
     ~Counting() { counting = false; }
 };
 
+// The allocations `f` makes; the other counts stay readable after it.
+template <class F>
+size_t allocations_of(F&& f) {
+    Counting scope;
+    f();
+    return allocations;
+}
+
 }  // namespace
 
 void* operator new(std::size_t size) {
@@ -76,21 +84,10 @@ TEST(WampAllocation, SerializeAndSendAllocateOneBlockOfExactlyTheMessageSize) {
     Client client("server", log.logger.get());
     uint64_t written = 0;
     client.session.write = [&written](const uint8_t*, uint64_t size) { written = size; };
-    size_t serialized = 0, serialized_size = 0, sent = 0;
     uint64_t encoded_size = 0;
-    {
-        Counting scope;
-        const mp::buffer bytes = serialize(call);
-        serialized = allocations;
-        serialized_size = last_size;
-        encoded_size = bytes.size;
-        allocations = 0;
-        client.session.send(call);
-        sent = allocations;
-    }
-    EXPECT_EQ(serialized, 1u);
-    EXPECT_EQ(serialized_size, encoded_size);
-    EXPECT_EQ(sent, 1u);
+    EXPECT_EQ(allocations_of([&] { encoded_size = serialize(call).size; }), 1u);
+    EXPECT_EQ(last_size, encoded_size);
+    EXPECT_EQ(allocations_of([&] { client.session.send(call); }), 1u);
     EXPECT_EQ(written, encoded_size);
     // Framed in place, the message needs no block of its own.
     std::vector<uint8_t> frame(encoded_size);
@@ -99,12 +96,7 @@ TEST(WampAllocation, SerializeAndSendAllocateOneBlockOfExactlyTheMessageSize) {
         fill(frame.data());
         return true;
     };
-    {
-        Counting scope;
-        client.session.send(call);
-        sent = allocations;
-    }
-    EXPECT_EQ(sent, 0u);
+    EXPECT_EQ(allocations_of([&] { client.session.send(call); }), 0u);
     EXPECT_TRUE(mp::buffer(frame) == serialize(call));
 }
 
@@ -132,15 +124,12 @@ TEST(WampAllocation, LargeArgumentIsCopiedOnceOnItsWayToTheFrame) {
                 return true;
             };
         }
-        size_t large = 0;
-        {
-            Counting scope;
+        allocations_of([&] {
             RPC<int> rpc(expected.procedure, scene);
             rpc.onResult = [](const RpcResult<int>&) {};
             client.caller.call(std::move(rpc));
-            large = large_blocks;
-        }
-        EXPECT_EQ(large, in_place ? 1u : 2u);
+        });
+        EXPECT_EQ(large_blocks, in_place ? 1u : 2u);
         // Only the random request id differs from the expected bytes.
         expected.request = Id(client.caller.last_request);
         const mp::buffer bytes = serialize(expected);
@@ -158,8 +147,7 @@ size_t largest_block_reading_hostile_array(size_t message_size, std::string& err
     bytes.resize(message_size, 0xC0);
     const Message result = parse_message(mp::buffer(bytes));
     T value;
-    Counting scope;
-    error = error_of([&] { IncomingMessage(result).fillArgsNS(value); });
+    allocations_of([&] { error = error_of([&] { IncomingMessage(result).fillArgsNS(value); }); });
     return largest;
 }
 

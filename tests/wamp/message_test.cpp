@@ -208,11 +208,8 @@ TEST(WampSerialize, StringAndContainerHeadersSwitchFormAtTheirBounds) {
     for (const Row& row : rows) {
         SCOPED_TRACE(row.length);
         const std::string uri(row.length, 'u');
-        const std::vector<uint8_t> out = bytes_of(serialize(Message(CALL, Id(1), uri)));
-        std::vector<uint8_t> expected = hex("94 30 01 80");
-        expected.insert(expected.end(), row.header.begin(), row.header.end());
-        expected.insert(expected.end(), uri.begin(), uri.end());
-        EXPECT_EQ(out, expected);
+        EXPECT_EQ(bytes_of(serialize(Message(CALL, Id(1), uri))),
+                  with(hex("94 30 01 80") + row.header, uri));
     }
 
     Message many(CALL, Id(1), "p");
