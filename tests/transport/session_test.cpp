@@ -37,39 +37,28 @@ std::string url_for(const Scheme& s, const qor::router::Server& server) {
 class Transport : public ::testing::TestWithParam<Scheme> {
   protected:
     void SetUp() override {
-        if (GetParam().tls) {
-            QOR_REQUIRE_TOOL(certificate().ok, "openssl (for a test certificate)");
-        }
+        link_options.connect_timeout = 3000ms;
+        if (!GetParam().tls) return;
+        QOR_REQUIRE_TOOL(certificate().ok, "openssl (for a test certificate)");
+        router_options.tls_certificate_file = certificate().cert;
+        router_options.tls_private_key_file = certificate().key;
+        link_options.tls_ca_file = certificate().cert;
     }
 
-    ServerOptions server_options() const {
-        ServerOptions o;
-        if (GetParam().tls) {
-            o.tls_certificate_file = certificate().cert;
-            o.tls_private_key_file = certificate().key;
-        }
-        return o;
-    }
-
-    ConnectOptions client_options() const {
-        ConnectOptions o;
-        o.connect_timeout = 3000ms;
-        if (GetParam().tls) o.tls_ca_file = certificate().cert;
-        return o;
-    }
-
+    ServerOptions router_options;  // what each case's router and links start from
+    ConnectOptions link_options;
     std::string url(const Router& router) const { return url_for(GetParam(), router.server); }
 };
 
 TEST_P(Transport, OpensCallsSubscribesAndReceivesEvents) {
-    auto options = server_options();
+    auto options = router_options;
     std::atomic<int> cancels{0};
     options.tap = [&](const uint8_t* data, size_t size) {
         if (size > 1 && data[1] == 49) ++cancels;
     };
     Router router(options);
     qor::QorClient peer;
-    auto& endpoint = qor::transport::connect(peer, url(router), client_options());
+    auto& endpoint = qor::transport::connect(peer, url(router), link_options);
     EXPECT_TRUE(peer.server_connected);
     EXPECT_TRUE(peer.has_server);
     EXPECT_EQ(&endpoint.client(), peer.server_endpoint);
@@ -131,9 +120,9 @@ TEST_P(Transport, OpensCallsSubscribesAndReceivesEvents) {
 // answers one at a time, each of other bytes, shrink and grow: each is gathered in the block
 // the one before handed back when it fits, so a stale byte or size of a reused block shows.
 TEST_P(Transport, BurstWithLargeMessagesArrivesInOrderAndIntact) {
-    Router router(server_options());
+    Router router(router_options);
     qor::QorClient peer;
-    qor::transport::connect(peer, url(router), client_options());
+    qor::transport::connect(peer, url(router), link_options);
     std::vector<std::string> values;
     std::function<void(qor::wamp::RpcResult<std::string>)> done =
         [&](qor::wamp::RpcResult<std::string> r) { values.push_back(r.value); };
@@ -164,9 +153,9 @@ TEST_P(Transport, BurstWithLargeMessagesArrivesInOrderAndIntact) {
 }
 
 TEST_P(Transport, ServerStoppedDuringABlockingCallFailsItAtOnce) {
-    auto router = std::make_unique<Router>(server_options());
+    auto router = std::make_unique<Router>(router_options);
     qor::QorClient peer;
-    auto& endpoint = qor::transport::connect(peer, url(*router), client_options());
+    auto& endpoint = qor::transport::connect(peer, url(*router), link_options);
     std::vector<LinkEvent> events;
     endpoint.on_state_change([&](const LinkEvent& e) { events.push_back(e); });
 
@@ -192,12 +181,12 @@ TEST_P(Transport, ServerStoppedDuringABlockingCallFailsItAtOnce) {
 }
 
 TEST_P(Transport, AutomaticReconnectAfterServerRestart) {
-    auto router = std::make_unique<Router>(server_options());
-    ServerOptions again = server_options();
+    auto router = std::make_unique<Router>(router_options);
+    ServerOptions again = router_options;
     again.rawsocket_port = router->server.rawsocket_port();
     again.websocket_port = router->server.websocket_port();
     qor::QorClient peer;
-    auto options = client_options();
+    auto options = link_options;
     options.reconnect.enabled = true;
     options.reconnect.initial_delay = 20ms;
     options.reconnect.max_delay = 100ms;
@@ -241,9 +230,9 @@ TEST_P(Transport, AutomaticReconnectAfterServerRestart) {
 }
 
 TEST_P(Transport, SilentPeerIsFoundByTheKeepalive) {
-    Router router(server_options());
+    Router router(router_options);
     qor::QorClient peer;
-    auto options = client_options();
+    auto options = link_options;
     options.keepalive_interval = 30ms;
     options.keepalive_timeout = 1000ms;
     auto& endpoint = qor::transport::connect(peer, url(router), options);
@@ -262,9 +251,9 @@ TEST_P(Transport, SilentPeerIsFoundByTheKeepalive) {
 TEST_P(Transport, MessagesOverALimit) {
     const bool ends = GetParam().websocket;
     {  // incoming
-        Router router(server_options());
+        Router router(router_options);
         qor::QorClient peer;
-        auto options = client_options();
+        auto options = link_options;
         options.max_message_size = 64 * 1024;
         auto& endpoint = qor::transport::connect(peer, url(router), options);
         auto got = call_and_wait<msgpack::buffer>(peer, "big", 1000LL);
@@ -280,11 +269,11 @@ TEST_P(Transport, MessagesOverALimit) {
         EXPECT_EQ(ends, !endpoint.last_error().empty());
     }
     {  // outgoing
-        auto options = server_options();
+        auto options = router_options;
         options.max_message_size = 1024;
         Router router(options);
         qor::QorClient peer;
-        auto& endpoint = qor::transport::connect(peer, url(router), client_options());
+        auto& endpoint = qor::transport::connect(peer, url(router), link_options);
         std::function<void(qor::wamp::RpcResult<std::string>)> ignore =
             [](qor::wamp::RpcResult<std::string>) {};
         const std::string error =
@@ -310,11 +299,11 @@ TEST_P(Transport, MalformedMessageInAnOpenSessionIsAbortedWithTheReason) {
         {"unknown code", {0x92, 0x07, 0x80}},
         {"HELLO again", {0x93, 0x01, 0xA1, 0x72, 0x80}},
     };
-    Router router(server_options());
+    Router router(router_options);
     for (const Row& row : rows) {
         SCOPED_TRACE(row.what);
         qor::QorClient peer;
-        auto& endpoint = qor::transport::connect(peer, url(router), client_options());
+        auto& endpoint = qor::transport::connect(peer, url(router), link_options);
         ASSERT_TRUE(peer.server_connected);
         endpoint.client().session.write(row.bytes.data(), row.bytes.size());
         ASSERT_TRUE(pump_until(peer, [&] { return !peer.server_connected; }));
@@ -332,9 +321,9 @@ const Scheme schemes[] = {{"rs", false, false},
 // The opt-in wait sleeps in the OS; bounds below are generous on purpose: they tell a wait
 // that woke from one that ran out its whole time-out, not how fast it woke.
 TEST_P(Transport, WaitWakesOnAnEventAndOnTheEndOfTheLinkOtherwiseAtItsTimeOut) {
-    auto router = std::make_unique<Router>(server_options());
+    auto router = std::make_unique<Router>(router_options);
     qor::QorClient peer;
-    qor::transport::connect(peer, url(*router), client_options());
+    qor::transport::connect(peer, url(*router), link_options);
     std::vector<std::string> events;
     std::optional<bool> subscribed;
     peer.server_endpoint->subscriber.subscribe("qor.server.update", strings_into(events),
@@ -381,7 +370,7 @@ TEST_P(Transport, WaitWakesOnAnEventAndOnTheEndOfTheLinkOtherwiseAtItsTimeOut) {
 // the busy loop, against a server whose answers take a while.
 TEST_P(Transport, BlockingOperationsThatSleepGetTheSameOutcomes) {
     Router router(
-        server_options(),
+        router_options,
         [](uint64_t, const qor::wamp::Message& m) -> std::optional<qor::router::Answer> {
             std::this_thread::sleep_for(100ms);
             if (m.procedure == "qor.server.operation.CLEAR_SCENE")
@@ -392,7 +381,7 @@ TEST_P(Transport, BlockingOperationsThatSleepGetTheSameOutcomes) {
         },
         qor::router::BrokerOptions{});  // on the worker: the I/O thread stays free
     qor::QorClient peer;
-    qor::transport::connect(peer, url(router), client_options());
+    qor::transport::connect(peer, url(router), link_options);
     dax::client::DaxClient client(&peer);
     client.setWaitStrategy(dax::client::WaitStrategy::sleep);
     client.setTimeoutMs(10000);
@@ -416,7 +405,7 @@ INSTANTIATE_TEST_SUITE_P(Schemes, Transport, ::testing::ValuesIn(schemes),
                          [](const auto& info) { return std::string(info.param.name); });
 
 TEST_P(Transport, ConnectionsOverTheLimitAreRefusedAndClosedOnesLeaveNothingBehind) {
-    ServerOptions options = server_options();
+    ServerOptions options = router_options;
     options.max_connections = 2;
     Router router(options);
     const int rounds = 4;
@@ -425,7 +414,7 @@ TEST_P(Transport, ConnectionsOverTheLimitAreRefusedAndClosedOnesLeaveNothingBehi
         int subscribed = 0;
         for (int i = 0; i < 2; ++i) {
             peers.push_back(std::make_unique<qor::QorClient>());
-            auto& link = qor::transport::connect(*peers.back(), url(router), client_options());
+            auto& link = qor::transport::connect(*peers.back(), url(router), link_options);
             // Each session subscribes to a topic of its own, which must go when it goes.
             link.client().subscriber.subscribe(
                 "t." + std::to_string(round) + "." + std::to_string(i),
@@ -435,7 +424,7 @@ TEST_P(Transport, ConnectionsOverTheLimitAreRefusedAndClosedOnesLeaveNothingBehi
         EXPECT_EQ(router.broker.topics(), 2u);
         qor::QorClient extra;
         const std::string refused =
-            error_of([&] { qor::transport::connect(extra, url(router), client_options()); });
+            error_of([&] { qor::transport::connect(extra, url(router), link_options); });
         EXPECT_NE(refused.find(GetParam().websocket
                                    ? "bad handshake: HTTP 503 instead of a WebSocket upgrade"
                                    : "handshake refused: maximum connection count reached"),
