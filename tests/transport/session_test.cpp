@@ -664,18 +664,16 @@ TEST(ReconnectPolicy, GivesUpAfterMaxRetriesOrARefusedLoginAndStaysDown) {
         }));
         if (refused) {
             EXPECT_EQ(
-                "session refused: wamp.error.authentication_failed (wrong "
-                "ticket secret for 'alice')",
+                "session refused: wamp.error.authentication_failed (wrong ticket secret for "
+                "'alice')",
                 events.back().reason);
-        } else {  // nobody listening: the loss and two failed attempts, the last
-                  // without a retry
+        } else {  // nobody listening: the loss and two failed attempts, the last without a retry
             std::vector<std::pair<int, bool>> seen;  // (attempt, will_retry) of each loss
             for (const auto& e : events)
                 if (e.state == LinkState::disconnected) seen.emplace_back(e.attempt, e.will_retry);
             EXPECT_EQ((std::vector<std::pair<int, bool>>{{0, true}, {1, true}, {2, false}}), seen);
-            EXPECT_EQ(10ms,
-                      events.front().delay);   // no jitter: the initial delay exactly
-            EXPECT_EQ(20ms, events[2].delay);  // then times the growth
+            EXPECT_EQ(10ms, events.front().delay);  // no jitter: the initial delay exactly
+            EXPECT_EQ(20ms, events[2].delay);       // then times the growth
         }
         events.clear();
         pump_until(
