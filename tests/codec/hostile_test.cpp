@@ -154,11 +154,8 @@ TEST(HostileHeaders, RefusedHeaderLeavesTheTargetUntouched) {
 }
 
 TEST(Skip, WalksEveryFormIncludingExtAndNil) {
-    struct Row {
-        const char* bytes;
-        uint64_t size;  // of the first value; the rest of the row must be left alone
-    };
-    const Row rows[] = {
+    // Bytes, and the size of their first value: the rest of the row must be left alone.
+    const std::pair<const char*, uint64_t> rows[] = {
         {"c0 ff", 1},
         {"c2 ff", 1},
         {"7f ff", 1},
@@ -190,12 +187,12 @@ TEST(Skip, WalksEveryFormIncludingExtAndNil) {
         {"82 91 01 91 02 91 03 91 04 ff", 9},
         {"93 92 01 02 92 03 04 93 05 06 07 ff", 11},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.bytes);
-        const Block block(hex(row.bytes));
+    for (const auto& [bytes, size] : rows) {
+        SCOPED_TRACE(bytes);
+        const Block block(hex(bytes));
         auto in = block.cursor();
-        EXPECT_EQ(msgpack::skip(in), row.size);
-        EXPECT_EQ(in.position, row.size);
+        EXPECT_EQ(msgpack::skip(in), size);
+        EXPECT_EQ(in.position, size);
     }
 }
 

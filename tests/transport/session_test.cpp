@@ -290,22 +290,18 @@ TEST_P(Transport, MessagesOverALimit) {
 }
 
 TEST_P(Transport, MalformedMessageInAnOpenSessionIsAbortedWithTheReason) {
-    struct Row {
-        const char* what;
-        std::vector<uint8_t> bytes;
-    };
-    const Row rows[] = {
+    const std::pair<const char*, std::vector<uint8_t>> rows[] = {
         {"not MessagePack", {0xC1, 0xC1}},
         {"unknown code", {0x92, 0x07, 0x80}},
         {"HELLO again", {0x93, 0x01, 0xA1, 0x72, 0x80}},
     };
     Router router(router_options);
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.what);
+    for (const auto& [what, bytes] : rows) {
+        SCOPED_TRACE(what);
         qor::QorClient peer;
         auto& endpoint = qor::transport::connect(peer, url(router), link_options);
         ASSERT_TRUE(peer.server_connected);
-        endpoint.client().session.write(row.bytes.data(), row.bytes.size());
+        endpoint.client().session.write(bytes.data(), bytes.size());
         ASSERT_TRUE(pump_until(peer, [&] { return !peer.server_connected; }));
         EXPECT_EQ("aborted by the server: wamp.error.protocol_violation", endpoint.last_error());
     }
@@ -594,20 +590,18 @@ TEST(Server, OversizedHelloIsRefusedByItsHeader) {
     std::vector<uint8_t> hello = test_support::hex("93 01 A6 'realm1' 81 A3 'pad' C6 00 01 86 A0");
     const size_t start = hello.size();
     hello.resize(start + 100000, 0);
-    struct Case {
-        uint32_t announced;
-        size_t sent;
-    };
-    const Case cases[] = {{uint32_t(hello.size()), hello.size()}, {0xFFFFFF, start}};
+    // The length announced, and the bytes of the HELLO sent.
+    const std::pair<uint32_t, size_t> cases[] = {{uint32_t(hello.size()), hello.size()},
+                                                 {0xFFFFFF, start}};
     Router router;
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.announced);
+    for (const auto& [announced, sent] : cases) {
+        SCOPED_TRACE(announced);
         RawConnection connection(router.server.rawsocket_port());
         ASSERT_TRUE(connection.connected);
         std::vector<uint8_t> out = {0x7F, 0xF2, 0, 0};
         qor::transport::rawsocket::append_header(out, qor::transport::rawsocket::FrameType::message,
-                                                 c.announced);
-        out.insert(out.end(), hello.begin(), hello.begin() + long(c.sent));
+                                                 announced);
+        out.insert(out.end(), hello.begin(), hello.begin() + long(sent));
         ASSERT_TRUE(connection.send(out));
         // The handshake answer, then one frame: the ABORT, then the end of the stream.
         bool closed = false;
@@ -622,7 +616,7 @@ TEST(Server, OversizedHelloIsRefusedByItsHeader) {
             qor::wamp::parse_message(msgpack::buffer(frame.data, frame.size));
         EXPECT_EQ(qor::wamp::ABORT, abort.type);
         EXPECT_EQ("wamp.error.protocol_violation", abort.reason);
-        EXPECT_EQ("a message of " + std::to_string(c.announced) +
+        EXPECT_EQ("a message of " + std::to_string(announced) +
                       " bytes before WELCOME; at most 65536 are accepted",
                   text_of(abort.details.at("message")));
     }

@@ -153,20 +153,16 @@ size_t largest_block_reading_hostile_array(size_t message_size, std::string& err
 
 TEST(WampAllocation, HostileCountsReserveInProportionToTheBytesReceived) {
     const size_t size = 4000;
-    struct Row {
-        const char* type;
-        size_t (*read)(size_t, std::string&);
-    };
-    const Row rows[] = {
+    const std::pair<const char*, size_t (*)(size_t, std::string&)> rows[] = {
         {"strings", &largest_block_reading_hostile_array<std::vector<std::string>>},
         {"arrays", &largest_block_reading_hostile_array<std::vector<std::vector<double>>>},
         {"binaries", &largest_block_reading_hostile_array<std::vector<mp::buffer>>},
         {"maps", &largest_block_reading_hostile_array<std::vector<std::map<int, int>>>},
     };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.type);
+    for (const auto& [type, read] : rows) {
+        SCOPED_TRACE(type);
         std::string error;
-        const size_t block = row.read(size, error);
+        const size_t block = read(size, error);
         // Reading fails at the first element; on the way no single block took more than a
         // fixed multiple of the message's bytes.
         EXPECT_FALSE(error.empty());

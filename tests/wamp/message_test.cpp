@@ -198,18 +198,14 @@ TEST(WampSerialize, LastArgumentGivenAsBytesIsAnArgumentLikeAnyOther) {
 }
 
 TEST(WampSerialize, StringAndContainerHeadersSwitchFormAtTheirBounds) {
-    struct Row {
-        size_t length;
-        std::vector<uint8_t> header;
-    };
-    const Row rows[] = {{31, hex("BF")},          {32, hex("D9 20")},
-                        {255, hex("D9 FF")},      {256, hex("DA 01 00")},
-                        {65535, hex("DA FF FF")}, {65536, hex("DB 00 01 00 00")}};
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.length);
-        const std::string uri(row.length, 'u');
+    const std::pair<size_t, std::vector<uint8_t>> rows[] = {
+        {31, hex("BF")},        {32, hex("D9 20")},       {255, hex("D9 FF")},
+        {256, hex("DA 01 00")}, {65535, hex("DA FF FF")}, {65536, hex("DB 00 01 00 00")}};
+    for (const auto& [length, header] : rows) {
+        SCOPED_TRACE(length);
+        const std::string uri(length, 'u');
         EXPECT_EQ(bytes_of(serialize(Message(CALL, Id(1), uri))),
-                  with(hex("94 30 01 80") + row.header, uri));
+                  with(hex("94 30 01 80") + header, uri));
     }
 
     Message many(CALL, Id(1), "p");
