@@ -37,6 +37,15 @@ std::string read_error(const std::vector<uint8_t>& bytes) {
     return text;
 }
 
+// Reads `bytes` into `value` as it stands: "<error> at <position the cursor stopped at>", the
+// error "no error" when there is none.
+template <class T>
+std::string read_into(const std::vector<uint8_t>& bytes, T& value) {
+    msgpack::ReadBuffer in(bytes.data(), bytes.size());
+    const std::string error = error_of([&] { msgpack::read(in, value); });
+    return (error.empty() ? "no error" : error) + " at " + std::to_string(in.position);
+}
+
 struct IntegerRow {
     const char* bytes;
     long long as_64;  // int64_t (long on Linux) and long long
@@ -118,12 +127,9 @@ TEST(ReadFloat, IntegersAndOtherFormsAreRefusedWithTheTargetsText) {
 
 TEST(ReadBool, AnyByteIsAcceptedAndOnlyC3IsTrue) {
     for (int b = 0; b < 256; ++b) {
-        const std::vector<uint8_t> bytes{uint8_t(b), 0xC3};
-        msgpack::ReadBuffer in(bytes.data(), bytes.size());
         bool value = b != 0xC3;  // the opposite of what must come out
-        msgpack::read(in, value);
+        EXPECT_EQ(read_into({uint8_t(b), 0xC3}, value), "no error at 1") << b;
         EXPECT_EQ(value, b == 0xC3) << b;
-        EXPECT_EQ(in.position, 1u) << b;
     }
 }
 
@@ -158,8 +164,7 @@ TEST(ReadBinary, EveryBinFormAndItsRefusals) {
 TEST(ReadBinary, PayloadIsCopiedNotShared) {
     auto bytes = hex("c4 01 aa");
     msgpack::buffer value;
-    msgpack::ReadBuffer in(bytes.data(), bytes.size());
-    msgpack::read(in, value);
+    EXPECT_EQ(read_into(bytes, value), "no error at 3");
     bytes[2] = 0xBB;
     EXPECT_EQ(value.data[0], 0xAA);
 }
@@ -195,40 +200,27 @@ TEST(ReadContainer, HeadersOfEveryFormAndTheirRefusals) {
 }
 
 TEST(ReadContainer, VectorIsResizedToTheCountBeforeItsElementsAreRead) {
-    const auto five = hex("95 01 02 03 04 05");
-    std::vector<int> longer(8, 9);
-    msgpack::ReadBuffer a(five.data(), five.size());
-    msgpack::read(a, longer);
+    std::vector<int> longer(8, 9), shorter{9, 9}, partial{9};
+    EXPECT_EQ(read_into(hex("95 01 02 03 04 05"), longer), "no error at 6");
     EXPECT_EQ(longer, (std::vector<int>{1, 2, 3, 4, 5}));
-
-    std::vector<int> shorter{9, 9};
-    msgpack::ReadBuffer b(five.data(), five.size());
-    msgpack::read(b, shorter);
+    EXPECT_EQ(read_into(hex("95 01 02 03 04 05"), shorter), "no error at 6");
     EXPECT_EQ(shorter, (std::vector<int>{1, 2, 3, 4, 5}));
-
     // A failing element leaves the vector resized and the elements before it overwritten.
-    const auto bad = hex("93 07 c0 08");
-    std::vector<int> partial{9};
-    msgpack::ReadBuffer c(bad.data(), bad.size());
-    EXPECT_EQ(error_of([&] { msgpack::read(c, partial); }), "expecting integer value");
+    EXPECT_EQ(read_into(hex("93 07 c0 08"), partial), "expecting integer value at 2");
     EXPECT_EQ(partial, (std::vector<int>{7, 0, 0}));
-    EXPECT_EQ(c.position, 2u);
 }
 
 TEST(ReadContainer, VectorOfBoolTakesOneByteEach) {
     const auto bytes = hex("93 c3 c2 00");
     EXPECT_EQ(read_all<std::vector<bool>>(bytes), (std::vector<bool>{true, false, false}));
     std::vector<bool> values(7, true);
-    msgpack::ReadBuffer in(bytes.data(), bytes.size());
-    msgpack::read(in, values);
+    EXPECT_EQ(read_into(bytes, values), "no error at 4");
     EXPECT_EQ(values.size(), 3u);
 }
 
 TEST(ReadContainer, MapsTuplesAndPairs) {
-    const auto map = hex("82 a1 61 01 a1 62 02");
     std::map<std::string, int> m{{"old", 5}};
-    msgpack::ReadBuffer in(map.data(), map.size());
-    msgpack::read(in, m);
+    EXPECT_EQ(read_into(hex("82 a1 61 01 a1 62 02"), m), "no error at 7");
     EXPECT_EQ(m, (std::map<std::string, int>{{"a", 1}, {"b", 2}}));
 
     EXPECT_EQ((read_all<std::tuple<int, std::string, double>>(
@@ -239,19 +231,12 @@ TEST(ReadContainer, MapsTuplesAndPairs) {
 }
 
 TEST(ReadContainer, CountErrorsConsumeOnlyTheHeader) {
-    const auto four = hex("94 01 02 03 04");
-    msgpack::ReadBuffer in(four.data(), four.size());
     std::tuple<int, int, int> triple;
-    EXPECT_EQ(error_of([&] { msgpack::read(in, triple); }),
-              "reading tuple : wrong number of fields. 4 fields in message, 3 in tuple");
-    EXPECT_EQ(in.position, 1u);
-
-    const auto one = hex("91 01");
-    msgpack::ReadBuffer p(one.data(), one.size());
+    EXPECT_EQ(read_into(hex("94 01 02 03 04"), triple),
+              "reading tuple : wrong number of fields. 4 fields in message, 3 in tuple at 1");
     std::pair<int, int> pair;
-    EXPECT_EQ(error_of([&] { msgpack::read(p, pair); }),
-              "reading tuple : wrong number of fields. 1 fields in message, 2 in tuple");
-    EXPECT_EQ(p.position, 1u);
+    EXPECT_EQ(read_into(hex("91 01"), pair),
+              "reading tuple : wrong number of fields. 1 fields in message, 2 in tuple at 1");
 
     EXPECT_EQ(error_of([] { msgpack::throw_struct_count(4, 3); }),
               "reading struct : wrong number of fields. 4 fields in message, 3 in struct");
@@ -275,19 +260,14 @@ TEST(ReadRuns, VectorsOfNumbersAcceptEveryFormAndStopAtTheFailingValue) {
     EXPECT_EQ(read_all<std::vector<float>>(floats), (std::vector<float>{1.5f, 1.5f}));
 
     // The third value is a string: two elements written, the cursor at the string.
-    const auto bad = hex("94 cb 3f f0 00 00 00 00 00 00 ca 3f c0 00 00 a1 61 01");
     std::vector<double> values;
-    msgpack::ReadBuffer in(bad.data(), bad.size());
-    EXPECT_EQ(error_of([&] { msgpack::read(in, values); }), "expected double value");
+    EXPECT_EQ(read_into(hex("94 cb 3f f0 00 00 00 00 00 00 ca 3f c0 00 00 a1 61 01"), values),
+              "expected double value at 15");
     EXPECT_EQ(values, (std::vector<double>{1.0, 1.5, 0.0, 0.0}));
-    EXPECT_EQ(in.position, 15u);
 
     // A run truncated inside its last value.
-    const auto cut = hex("92 01 cd 01");
     std::vector<long long> longs;
-    msgpack::ReadBuffer c(cut.data(), cut.size());
-    EXPECT_EQ(error_of([&] { msgpack::read(c, longs); }), "unexpected end of data");
-    EXPECT_EQ(c.position, 2u);
+    EXPECT_EQ(read_into(hex("92 01 cd 01"), longs), "unexpected end of data at 2");
     EXPECT_EQ(longs, (std::vector<long long>{1, 0}));
 }
 
