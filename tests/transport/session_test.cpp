@@ -152,34 +152,6 @@ TEST_P(Transport, BurstWithLargeMessagesArrivesInOrderAndIntact) {
     }
 }
 
-TEST_P(Transport, ServerStoppedDuringABlockingCallFailsItAtOnce) {
-    auto router = std::make_unique<Router>(router_options);
-    qor::QorClient peer;
-    auto& endpoint = qor::transport::connect(peer, url(*router), link_options);
-    std::vector<LinkEvent> events;
-    endpoint.on_state_change([&](const LinkEvent& e) { events.push_back(e); });
-
-    dax::client::DaxClient client(&peer);
-    client.setTimeoutMs(60000);
-    std::thread killer([&] {
-        // Unanswered CALL seen: the server goes away under the waiting caller.
-        if (router->wait([&] { return !router->calls.empty(); })) router->server.stop();
-    });
-    const auto started = std::chrono::steady_clock::now();
-    EXPECT_EQ("qor.error.connection_lost", error_of([&] { client.CLEAR_SCENE(); }));
-    const auto waited = std::chrono::steady_clock::now() - started;
-    killer.join();
-    // Far below its own time-out: the loss completed it, not the clock.
-    EXPECT_LT(waited, std::chrono::seconds(30));
-    EXPECT_FALSE(peer.server_connected);
-    EXPECT_EQ(LinkState::disconnected, endpoint.state());
-    ASSERT_FALSE(events.empty());
-    EXPECT_EQ(LinkState::disconnected, events.back().state);
-    EXPECT_FALSE(events.back().will_retry);
-    EXPECT_FALSE(endpoint.last_error().empty());
-    EXPECT_TRUE(peer.server_endpoint->caller.pending.empty());
-}
-
 TEST_P(Transport, AutomaticReconnectAfterServerRestart) {
     auto router = std::make_unique<Router>(router_options);
     ServerOptions again = router_options;
@@ -362,39 +334,65 @@ TEST_P(Transport, WaitWakesOnAnEventAndOnTheEndOfTheLinkOtherwiseAtItsTimeOut) {
     EXPECT_GE(Clock::now() - started, 100ms);
 }
 
-// The blocking operations with the sleeping wait: the same values, errors and time-outs as
-// the busy loop, against a server whose answers take a while.
-TEST_P(Transport, BlockingOperationsThatSleepGetTheSameOutcomes) {
-    Router router(
-        router_options,
-        [](uint64_t, const qor::wamp::Message& m) -> std::optional<qor::router::Answer> {
-            std::this_thread::sleep_for(100ms);
-            if (m.procedure == "qor.server.operation.CLEAR_SCENE")
-                return qor::router::Answer::result(test_support::encoded(7));
-            if (m.procedure == "qor.server.operation.DUMP")
-                return qor::router::Answer::failure("app.error.refused");
-            return std::nullopt;
-        },
-        qor::router::BrokerOptions{});  // on the worker: the I/O thread stays free
-    qor::QorClient peer;
-    qor::transport::connect(peer, url(router), link_options);
-    dax::client::DaxClient client(&peer);
-    client.setWaitStrategy(dax::client::WaitStrategy::sleep);
-    client.setTimeoutMs(10000);
+// The blocking operations get the same values, errors and time-outs with either wait, against a
+// server whose answers take a while; a server stopped under a waiting call fails it at once.
+TEST_P(Transport, BlockingOperationsGetTheSameOutcomesWithEitherWait) {
+    using dax::client::WaitStrategy;
+    for (const WaitStrategy strategy : {WaitStrategy::spin, WaitStrategy::sleep}) {
+        SCOPED_TRACE(strategy == WaitStrategy::spin ? "spin" : "sleep");
+        Router router(
+            router_options,
+            [](uint64_t, const qor::wamp::Message& m) -> std::optional<qor::router::Answer> {
+                std::this_thread::sleep_for(100ms);
+                if (m.procedure == "qor.server.operation.CLEAR_SCENE")
+                    return qor::router::Answer::result(test_support::encoded(7));
+                if (m.procedure == "qor.server.operation.DUMP")
+                    return qor::router::Answer::failure("app.error.refused");
+                return std::nullopt;
+            },
+            qor::router::BrokerOptions{});  // on the worker: the I/O thread stays free
+        qor::QorClient peer;
+        auto& endpoint = qor::transport::connect(peer, url(router), link_options);
+        std::vector<LinkEvent> events;
+        endpoint.on_state_change([&](const LinkEvent& e) { events.push_back(e); });
+        dax::client::DaxClient client(&peer);
+        client.setWaitStrategy(strategy);
+        client.setTimeoutMs(10000);
 
-    auto started = std::chrono::steady_clock::now();
-    EXPECT_EQ(7, client.CLEAR_SCENE());
-    // Woken by the answer, not by its 10 s time-out.
-    EXPECT_LT(std::chrono::steady_clock::now() - started, 5s);
-    EXPECT_EQ("app.error.refused", error_of([&] { client.DUMP(); }));
-    client.setTimeoutMs(300);
-    started = std::chrono::steady_clock::now();
-    EXPECT_EQ("DaxClient: timeout during 'PAUSE_SIMULATION' call",
-              error_of([&] { client.PAUSE_SIMULATION(); }));
-    EXPECT_GE(std::chrono::steady_clock::now() - started, 300ms);
-    // Answers still flow afterwards: the late calls left nothing behind in the link.
-    client.setTimeoutMs(10000);
-    EXPECT_EQ(7, client.CLEAR_SCENE());
+        auto started = std::chrono::steady_clock::now();
+        EXPECT_EQ(7, client.CLEAR_SCENE());
+        // Woken by the answer, not by its 10 s time-out.
+        EXPECT_LT(std::chrono::steady_clock::now() - started, 5s);
+        EXPECT_EQ("app.error.refused", error_of([&] { client.DUMP(); }));
+        client.setTimeoutMs(300);
+        started = std::chrono::steady_clock::now();
+        EXPECT_EQ("DaxClient: timeout during 'PAUSE_SIMULATION' call",
+                  error_of([&] { client.PAUSE_SIMULATION(); }));
+        EXPECT_GE(std::chrono::steady_clock::now() - started, 300ms);
+        // Answers still flow afterwards: the late calls left nothing behind in the link.
+        client.setTimeoutMs(60000);
+        EXPECT_EQ(7, client.CLEAR_SCENE());
+
+        // The fifth CALL, left unanswered, seen: the server goes away under the waiting caller.
+        std::thread killer([&] {
+            if (router.wait([&] { return router.calls.size() == 5; })) router.server.stop();
+        });
+        started = std::chrono::steady_clock::now();
+        EXPECT_EQ("qor.error.connection_lost", error_of([&] { client.PAUSE_SIMULATION(); }));
+        const auto waited = std::chrono::steady_clock::now() - started;
+        killer.join();
+        // Far below its own time-out: the loss completed it, not the clock.
+        EXPECT_LT(waited, 30s);
+        EXPECT_FALSE(peer.server_connected);
+        EXPECT_EQ(LinkState::disconnected, endpoint.state());
+        ASSERT_FALSE(events.empty());
+        EXPECT_EQ(LinkState::disconnected, events.back().state);
+        EXPECT_FALSE(events.back().will_retry);
+        EXPECT_FALSE(endpoint.last_error().empty());
+        // The call that timed out is still pending when the loss fails the waiting one, whose
+        // handler throws; the next pass fails what that left behind.
+        EXPECT_TRUE(pump_until(peer, [&] { return peer.server_endpoint->caller.pending.empty(); }));
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Schemes, Transport, ::testing::ValuesIn(schemes),

@@ -176,17 +176,16 @@ TEST(WampCall, DefaultHandlerComplainsWhenTheAnswerArrives) {
 }
 
 TEST(WampFillArgs, CountAndParsingErrorsHaveTheirTexts) {
-    const Message three = parse_message(mp::buffer(hex("94 32 07 80 93 01 02 03").data(), 8));
+    const Message three = parse_message(mp::buffer(hex("94 32 07 80 93 01 02 03")));
     int a = 0, b = 0;
     EXPECT_EQ(error_of([&] { IncomingMessage(three).fillArgsNS(a, b); }),
               "IncomingMessage::fillArgsNS : wrong number of arguments. 3 in message, 2 in tuple");
-    const Message text = parse_message(mp::buffer(hex("94 32 07 80 91 A1 61").data(), 7));
+    const Message text = parse_message(mp::buffer(hex("94 32 07 80 91 A1 61")));
     EXPECT_EQ(
         error_of([&] { IncomingMessage(text).fillArgsNS(a); }),
         "IncomingMessage::fillArgsNS : error during argument parsing 'expecting integer value'");
     types::moticon_frame_t frame;
-    const Message short_frame =
-        parse_message(mp::buffer(hex("94 32 07 80 91 93 90 90 90").data(), 9));
+    const Message short_frame = parse_message(mp::buffer(hex("94 32 07 80 91 93 90 90 90")));
     EXPECT_EQ(error_of([&] { IncomingMessage(short_frame).fillArgsNS(frame); }),
               "IncomingMessage::fillArgsNS : error during argument parsing 'reading struct : wrong "
               "number of fields. 3 fields in message, 2 in struct'");

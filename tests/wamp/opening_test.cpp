@@ -14,10 +14,6 @@ namespace mp = qor::serialization::msgpack;
 
 namespace {
 
-Message parsed(const std::string& hex_text) {
-    return parse_message(mp::buffer(hex(hex_text)));
-}
-
 std::vector<std::vector<uint8_t>> serialized(const std::vector<Message>& messages) {
     std::vector<std::vector<uint8_t>> out;
     for (const Message& m : messages) out.push_back(bytes_of(serialize(m)));
@@ -246,7 +242,7 @@ TEST(RouterOpening, RefuseEndsTheOpeningWithItsTexts) {
               hex("93 03 81 A7 'message' A9 'bad bytes' BD 'wamp.error.protocol_violation'"));
     EXPECT_EQ(opening.stage(), RouterOpening::Stage::refused);
     EXPECT_EQ(opening.refusal_reason(), "wamp.error.protocol_violation");
-    EXPECT_TRUE(opening.receive(parsed(HELLO_ANONYMOUS)).empty());
+    EXPECT_TRUE(opening.receive(parse_message(mp::buffer(hex(HELLO_ANONYMOUS)))).empty());
 }
 
 // ---- crypto ---------------------------------------------------------------------------------
