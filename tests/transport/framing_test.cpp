@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <cstdint>
 #include <functional>
 #include <stdexcept>
@@ -21,18 +20,16 @@ namespace {
 
 using test_support::error_of;
 using test_support::hex;
+using test_support::to_hex;
 
 }  // namespace
 
 TEST(RawSocketHandshake, BytesAndLengths) {
     // Exponent in the high nibble, serializer in the low one.
-    auto bytes = [](const std::array<uint8_t, 4>& a) {
-        return std::vector<uint8_t>(a.begin(), a.end());
-    };
-    EXPECT_EQ(hex("7f f2 00 00"), bytes(rs::client_hello(15)));
-    EXPECT_EQ(hex("7f 72 00 00"), bytes(rs::client_hello(7)));
-    EXPECT_EQ(hex("7f 02 00 00"), bytes(rs::server_accept(0)));
-    EXPECT_EQ(hex("7f 10 00 00"), bytes(rs::server_refuse(1)));
+    EXPECT_EQ("7f f2 00 00", to_hex(rs::client_hello(15).data(), 4));
+    EXPECT_EQ("7f 72 00 00", to_hex(rs::client_hello(7).data(), 4));
+    EXPECT_EQ("7f 02 00 00", to_hex(rs::server_accept(0).data(), 4));
+    EXPECT_EQ("7f 10 00 00", to_hex(rs::server_refuse(1).data(), 4));
     EXPECT_EQ(512u, rs::max_length_of(0));
     EXPECT_EQ(1u << 24, rs::max_length_of(15));
     for (const auto& [length, exponent] : std::vector<std::pair<uint32_t, int>>{
@@ -164,30 +161,21 @@ TEST(RawSocketFrames, RefusedFrames) {
 }
 
 TEST(Url, AcceptedForms) {
-    struct Row {
-        const char* text;
-        const char* host;
-        const char* port;
-        const char* path;
-        bool tls;
-        bool websocket;
+    // The address, and its host, port, path and flags.
+    const std::pair<const char*, const char*> rows[] = {
+        {"rs://127.0.0.1:8080", "127.0.0.1 8080 /"},
+        {"rss://example.org:443", "example.org 443 / tls"},
+        {"ws://localhost:9000/ws", "localhost 9000 /ws websocket"},
+        {"ws://localhost", "localhost 80 / websocket"},
+        {"wss://h/a/b?x=1", "h 443 /a/b?x=1 tls websocket"},
+        {"ws://[::1]:7000/", "::1 7000 / websocket"},
+        {"rs://[::1]:7000", "::1 7000 /"},
     };
-    const Row rows[] = {
-        {"rs://127.0.0.1:8080", "127.0.0.1", "8080", "/", false, false},
-        {"rss://example.org:443", "example.org", "443", "/", true, false},
-        {"ws://localhost:9000/ws", "localhost", "9000", "/ws", false, true},
-        {"ws://localhost", "localhost", "80", "/", false, true},
-        {"wss://h/a/b?x=1", "h", "443", "/a/b?x=1", true, true},
-        {"ws://[::1]:7000/", "::1", "7000", "/", false, true},
-        {"rs://[::1]:7000", "::1", "7000", "/", false, false},
-    };
-    for (const Row& row : rows) {
-        const auto url = qor::transport::parse_url(row.text);
-        EXPECT_EQ(row.host, url.host) << row.text;
-        EXPECT_EQ(row.port, url.port) << row.text;
-        EXPECT_EQ(row.path, url.path) << row.text;
-        EXPECT_EQ(row.tls, url.tls) << row.text;
-        EXPECT_EQ(row.websocket, url.websocket) << row.text;
+    for (const auto& [text, parts] : rows) {
+        const auto url = qor::transport::parse_url(text);
+        EXPECT_EQ(parts, url.host + " " + url.port + " " + url.path + (url.tls ? " tls" : "") +
+                             (url.websocket ? " websocket" : ""))
+            << text;
     }
 }
 

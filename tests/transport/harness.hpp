@@ -88,6 +88,12 @@ std::optional<qor::wamp::RpcResult<T>> call_and_wait(qor::QorClient& peer,
     return got;
 }
 
+/// A text answer as the test reads it: the value, "error <uri>", or "no answer".
+inline std::string outcome(const std::optional<qor::wamp::RpcResult<std::string>>& answer) {
+    if (!answer) return "no answer";
+    return answer->isError ? "error " + answer->error : answer->value;
+}
+
 /// Polls `done()` (state another thread changes, without a signal) until it holds or `limit`.
 template <class Done>
 bool poll_until(Done done, std::chrono::milliseconds limit = 5000ms) {
