@@ -140,13 +140,6 @@ auto fields(const Message& m) {
                     m.procedure, m.registration, m.details);
 }
 
-// One sample of every kind, and of every form of each element.
-std::vector<Message> samples() {
-    std::vector<Message> out;
-    for (const SerializeRow& row : serialize_rows()) out.push_back(row.message);
-    return out;
-}
-
 }  // namespace
 
 TEST(WampId, AcceptsUpToTwoToThe53AndRefusesAbove) {
@@ -316,9 +309,11 @@ TEST(WampPrint, BoundedPrintRefusesCutAndRunawayValues) {
 
 // ---- receive ------------------------------------------------------------------------------
 
-TEST(WampReceive, EveryKindParsesBackToWhatWasSerialized) {
-    for (const Message& sent : samples()) {
-        SCOPED_TRACE(type_name(sent.type));
+// Every row of the serializer's table, and every truncation of it, which must be refused.
+TEST(WampReceive, EveryKindParsesBackToWhatWasSerializedAndNoTruncationParses) {
+    for (const SerializeRow& row : serialize_rows()) {
+        SCOPED_TRACE(row.name);
+        const Message& sent = row.message;
         const mp::buffer bytes = serialize(sent);
         const Message got = parse_message(bytes);
         EXPECT_EQ(got.raw, bytes);
@@ -331,6 +326,12 @@ TEST(WampReceive, EveryKindParsesBackToWhatWasSerialized) {
         Message again = got;
         again.args = received_args(got);
         EXPECT_EQ(serialize(again), bytes);
+        for (size_t cut = 0; cut < bytes.size; ++cut) {
+            SCOPED_TRACE(cut);
+            // Each cut copy lives in its own allocation so the sanitizer sees any overread.
+            const std::vector<uint8_t> part(bytes.data, bytes.data + cut);
+            EXPECT_THROW(parse(part), std::runtime_error);
+        }
     }
 }
 
@@ -421,18 +422,5 @@ TEST(WampReceive, HugeCountsAreRefusedBeforeAnythingIsAllocated) {
     for (const char* row : rows) {
         SCOPED_TRACE(row);
         EXPECT_THROW(parse(hex(row)), std::runtime_error);
-    }
-}
-
-TEST(WampReceive, EveryTruncationOfEveryKindIsRefused) {
-    for (const Message& sent : samples()) {
-        SCOPED_TRACE(type_name(sent.type));
-        const std::vector<uint8_t> whole = bytes_of(serialize(sent));
-        for (size_t cut = 0; cut < whole.size(); ++cut) {
-            SCOPED_TRACE(cut);
-            // Each cut copy lives in its own allocation so the sanitizer sees any overread.
-            const std::vector<uint8_t> part(whole.begin(), whole.begin() + cut);
-            EXPECT_THROW(parse(part), std::runtime_error);
-        }
     }
 }
