@@ -107,12 +107,7 @@ TEST(PackScalar, BoolAndDouble) {
 }
 
 TEST(PackStringAndBinary, FormSwitchesAtEachLengthBoundary) {
-    struct Row {
-        bool binary;
-        size_t length;
-        const char* header;
-    };
-    const Row rows[] = {
+    const std::tuple<bool, size_t, const char*> rows[] = {
         {false, 0, "a0"},           {false, 1, "a1"},
         {false, 31, "bf"},          {false, 32, "d9 20"},
         {false, 255, "d9 ff"},      {false, 256, "da 01 00"},
@@ -121,17 +116,17 @@ TEST(PackStringAndBinary, FormSwitchesAtEachLengthBoundary) {
         {true, 255, "c4 ff"},       {true, 256, "c5 01 00"},
         {true, 65535, "c5 ff ff"},  {true, 65536, "c6 00 01 00 00"},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.header);
-        std::vector<uint8_t> payload(row.length);
+    for (const auto& [binary, length, header_hex] : rows) {
+        SCOPED_TRACE(header_hex);
+        std::vector<uint8_t> payload(length);
         for (size_t i = 0; i < payload.size(); ++i) payload[i] = uint8_t(i * 7);
         std::vector<uint8_t> out;
-        if (row.binary)
+        if (binary)
             msgpack::pack(out, msgpack::buffer(payload));
         else
             msgpack::pack(out, std::string(payload.begin(), payload.end()));
-        const auto header = hex(row.header);
-        ASSERT_EQ(out.size(), header.size() + row.length);
+        const auto header = hex(header_hex);
+        ASSERT_EQ(out.size(), header.size() + length);
         EXPECT_EQ(std::vector<uint8_t>(out.begin(), out.begin() + header.size()), header);
         EXPECT_EQ(std::vector<uint8_t>(out.begin() + header.size(), out.end()), payload);
     }
@@ -149,12 +144,7 @@ TEST(PackString, BytesAreCopiedAsTheyAreAndLiteralsAreStrings) {
 }
 
 TEST(PackContainer, HeadersSwitchAtEachCountBoundary) {
-    struct Row {
-        uint64_t count;
-        const char* array;
-        const char* map;
-    };
-    const Row rows[] = {
+    const std::tuple<uint64_t, const char*, const char*> rows[] = {
         {0, "90", "80"},
         {15, "9f", "8f"},
         {16, "dc 00 10", "de 00 10"},
@@ -162,14 +152,14 @@ TEST(PackContainer, HeadersSwitchAtEachCountBoundary) {
         {65536, "dd 00 01 00 00", "df 00 01 00 00"},
         {4294967295ull, "dd ff ff ff ff", "df ff ff ff ff"},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.count);
+    for (const auto& [count, array, map] : rows) {
+        SCOPED_TRACE(count);
         std::vector<uint8_t> out;
-        msgpack::pack_array_header(out, row.count);
-        EXPECT_EQ(to_hex(out), row.array);
+        msgpack::pack_array_header(out, count);
+        EXPECT_EQ(to_hex(out), array);
         out.clear();
-        msgpack::pack_map_header(out, row.count);
-        EXPECT_EQ(to_hex(out), row.map);
+        msgpack::pack_map_header(out, count);
+        EXPECT_EQ(to_hex(out), map);
     }
 }
 

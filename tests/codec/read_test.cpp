@@ -272,12 +272,8 @@ TEST(ReadRuns, VectorsOfNumbersAcceptEveryFormAndStopAtTheFailingValue) {
 }
 
 TEST(ReadNumber, TakesIntegersAndBothFloatFormsAsDoubleAndRefusesTheRest) {
-    struct Row {
-        const char* bytes;
-        double expected;
-        const char* error;  // when refused; nothing is consumed
-    };
-    const Row rows[] = {
+    // Bytes, the number read, or the error when refused (then nothing is consumed).
+    const std::tuple<const char*, double, const char*> rows[] = {
         {"00", 0.0, ""},
         {"e0", -32.0, ""},
         {"cd 01 00", 256.0, ""},
@@ -288,14 +284,14 @@ TEST(ReadNumber, TakesIntegersAndBothFloatFormsAsDoubleAndRefusesTheRest) {
         {"cb 3f f0", 0, "unexpected end of data"},
         {"", 0, "unexpected end of data"},
     };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.bytes);
-        const std::vector<uint8_t> bytes = hex(row.bytes);
+    for (const auto& [text, expected, error] : rows) {
+        SCOPED_TRACE(text);
+        const std::vector<uint8_t> bytes = hex(text);
         msgpack::ReadBuffer in(bytes.data(), bytes.size());
         double value = 0;
-        EXPECT_EQ(error_of([&] { value = msgpack::read_number(in); }), row.error);
-        EXPECT_EQ(value, row.expected);
-        if (*row.error)
+        EXPECT_EQ(error_of([&] { value = msgpack::read_number(in); }), error);
+        EXPECT_EQ(value, expected);
+        if (*error)
             EXPECT_EQ(in.position, 0u);
         else
             EXPECT_EQ(in.position, bytes.size());

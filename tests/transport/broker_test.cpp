@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "harness.hpp"
@@ -62,13 +63,8 @@ class RawSession {
 }  // namespace
 
 TEST(Broker, EachMessageGetsItsAnswer) {
-    struct Row {
-        const char* name;
-        const char* sent;
-        const char* answer;  // the whole answer, or its start when `prefix_only`
-        bool prefix_only;
-    };
-    const Row rows[] = {
+    // What is sent, and the whole answer, or its start when `prefix_only`.
+    const std::tuple<const char*, const char*, const char*, bool> rows[] = {
         {"SUBSCRIBE confirmed with the topic's id", "94 20 01 80 A1 74", "93 21 01 01", false},
         {"UNSUBSCRIBE of an unknown id refused", "93 22 02 63",
          "96 08 22 02 80 BF 'wamp.error.no_such_subscription' 91 AE 'not subscribed'", false},
@@ -96,12 +92,12 @@ TEST(Broker, EachMessageGetsItsAnswer) {
     ASSERT_TRUE(other.open());
     ASSERT_TRUE(other.send(hex("94 20 01 80 A1 74")));  // SUBSCRIBE "t" first: its id is 1
     ASSERT_EQ(to_hex(other.receive()), to_hex(hex("93 21 01 01")));
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
-        ASSERT_TRUE(session.send(hex(row.sent)));
+    for (const auto& [name, sent, answer, prefix_only] : rows) {
+        SCOPED_TRACE(name);
+        ASSERT_TRUE(session.send(hex(sent)));
         std::vector<uint8_t> got = session.receive();
-        const std::vector<uint8_t> expected = hex(row.answer);
-        if (row.prefix_only && got.size() > expected.size()) got.resize(expected.size());
+        const std::vector<uint8_t> expected = hex(answer);
+        if (prefix_only && got.size() > expected.size()) got.resize(expected.size());
         EXPECT_EQ(to_hex(got), to_hex(expected));
     }
     // The other subscriber got the publication: EVENT [36, 1, publication, {}, ["x"]], the

@@ -7,6 +7,7 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <qor/transport/rawsocket.hpp>
@@ -102,24 +103,21 @@ TEST(RawSocketFrames, SplitAtEveryOffsetGivesTheSameFrames) {
 // A message taken out part-way (to be gathered elsewhere) leaves the frames after it intact.
 TEST(RawSocketFrames, DetachedMessageLeavesTheStreamAfterIt) {
     const auto stream = hex("00 00 00 04 a1 a2 a3 a4 00 00 00 01 c2");
-    const struct {
-        size_t received;  // bytes fed before detaching
-        bool partial;     // a message can be detached
-        const char* detached;
-    } rows[] = {
+    // Bytes fed before detaching, whether a message can be detached, and what it holds.
+    const std::tuple<size_t, bool, const char*> rows[] = {
         {3, false, ""},  // header incomplete
         {4, true, ""},         {6, true, "a1 a2"},
         {7, true, "a1 a2 a3"}, {8, false, ""},  // complete: `next` hands it out
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.received);
+    for (const auto& [received, partial, detached] : rows) {
+        SCOPED_TRACE(received);
         rs::Splitter splitter(16);
-        splitter.feed(stream.data(), row.received);
-        ASSERT_EQ(row.partial, splitter.partial_message());
-        if (!row.partial) continue;
+        splitter.feed(stream.data(), received);
+        ASSERT_EQ(partial, splitter.partial_message());
+        if (!partial) continue;
         std::vector<uint8_t> to(splitter.announced());
         to.resize(splitter.detach(to.data()));
-        EXPECT_EQ(hex(row.detached), to);
+        EXPECT_EQ(hex(detached), to);
         EXPECT_EQ(0u, splitter.pending());
         // The caller reads the rest of the payload itself; the next frame follows.
         splitter.feed(stream.data() + 8, stream.size() - 8);
@@ -134,12 +132,7 @@ TEST(RawSocketFrames, DetachedMessageLeavesTheStreamAfterIt) {
 }
 
 TEST(RawSocketFrames, RefusedFrames) {
-    struct Row {
-        const char* bytes;
-        uint32_t limit;
-        const char* error;
-    };
-    const Row rows[] = {
+    const std::tuple<const char*, uint32_t, const char*> rows[] = {
         // Type 3 and type 7 do not exist.
         {"03 00 00 00", 64, "rawsocket: invalid frame type"},
         {"07 00 00 01 00", 64, "rawsocket: invalid frame type"},
@@ -149,14 +142,14 @@ TEST(RawSocketFrames, RefusedFrames) {
         {"01 00 00 41", 64, "rawsocket: frame too large"},
         {"00 00 00 02 c0 c0", 2, ""},  // exactly at the limit
     };
-    for (const Row& row : rows) {
-        rs::Splitter splitter(row.limit);
-        const auto bytes = hex(row.bytes);
+    for (const auto& [text, limit, error] : rows) {
+        rs::Splitter splitter(limit);
+        const auto bytes = hex(text);
         splitter.feed(bytes.data(), bytes.size());
         rs::Frame f;
         bool whole = false;
-        EXPECT_EQ(row.error, error_of([&] { whole = splitter.next(f); })) << row.bytes;
-        EXPECT_EQ(*row.error == '\0', whole) << row.bytes;
+        EXPECT_EQ(error, error_of([&] { whole = splitter.next(f); })) << text;
+        EXPECT_EQ(*error == '\0', whole) << text;
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include <random>
 #include <set>
+#include <tuple>
 
 #include <qor/transport/reconnect.hpp>
 
@@ -10,28 +11,22 @@ using qor::transport::ReconnectPolicy;
 using std::chrono::milliseconds;
 
 TEST(NextDelay, GrowsFromTheInitialDelayUpToTheCap) {
-    struct Row {
-        long long initial_ms;
-        double growth;
-        long long max_ms;
-        int attempt;
-        long long expected_ms;
-    };
-    const Row rows[] = {
+    // Initial delay, growth, cap, attempt, and the delay before it.
+    const std::tuple<long long, double, long long, int, long long> rows[] = {
         {250, 2.0, 10000, 0, 250},   {250, 2.0, 10000, 1, 500},    {250, 2.0, 10000, 5, 8000},
         {250, 2.0, 10000, 6, 10000}, {250, 2.0, 10000, 60, 10000}, {100, 1.0, 10000, 9, 100},
         {100, 1.5, 10000, 2, 225},   {0, 2.0, 10000, 3, 0},        {500, 2.0, 300, 0, 300},
     };
     std::mt19937 rng(1);
-    for (const Row& row : rows) {
-        SCOPED_TRACE(::testing::Message() << row.initial_ms << " x" << row.growth << "^"
-                                          << row.attempt << " cap " << row.max_ms);
+    for (const auto& [initial_ms, growth, max_ms, attempt, expected_ms] : rows) {
+        SCOPED_TRACE(::testing::Message()
+                     << initial_ms << " x" << growth << "^" << attempt << " cap " << max_ms);
         ReconnectPolicy p;
-        p.initial_delay = milliseconds(row.initial_ms);
-        p.growth = row.growth;
-        p.max_delay = milliseconds(row.max_ms);
+        p.initial_delay = milliseconds(initial_ms);
+        p.growth = growth;
+        p.max_delay = milliseconds(max_ms);
         p.jitter = 0;
-        EXPECT_EQ(next_delay(p, row.attempt, rng), milliseconds(row.expected_ms));
+        EXPECT_EQ(next_delay(p, attempt, rng), milliseconds(expected_ms));
     }
 }
 

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <qor/router/server.hpp>
@@ -89,14 +90,9 @@ TEST(WebSocketFrames, MaskMatchesTheBytewiseRuleAtEveryLengthAndOffset) {
 }
 
 TEST(WebSocketFrames, ReaderWholeAndInEveryPieceSize) {
-    struct Row {
-        const char* bytes;
-        bool from_client;
-        uint64_t max;
-        std::vector<std::string> expected;
-    };
     const std::string hello = "48 65 6c 6c 6f";
-    const std::vector<Row> rows = {
+    // Bytes, whether a client sent them, the largest message, and what the reader hands out.
+    const std::vector<std::tuple<const char*, bool, uint64_t, std::vector<std::string>>> rows = {
         // Section 5.7's examples.
         {"81 05 48 65 6c 6c 6f", false, 64, {"1:" + hello}},
         {"81 85 37 fa 21 3d 7f 9f 4d 51 58", true, 64, {"1:" + hello}},
@@ -132,11 +128,11 @@ TEST(WebSocketFrames, ReaderWholeAndInEveryPieceSize) {
         {"80 00", false, 64, {"1002 websocket: continuation without a message"}},
         {"01 00 82 00", false, 64, {"1002 websocket: new message inside a fragmented one"}},
     };
-    for (const Row& row : rows) {
-        const std::vector<uint8_t> stream = hex(row.bytes);
+    for (const auto& [bytes, from_client, max, expected] : rows) {
+        const std::vector<uint8_t> stream = hex(bytes);
         for (size_t piece = 1; piece <= stream.size(); ++piece)
-            EXPECT_EQ(row.expected, read_all(stream, row.from_client, row.max, piece))
-                << row.bytes << " in pieces of " << piece;
+            EXPECT_EQ(expected, read_all(stream, from_client, max, piece))
+                << bytes << " in pieces of " << piece;
     }
 }
 

@@ -237,14 +237,9 @@ TEST(WampTopic, OnlyTheSessionMetaTopicsMayBeginWithWamp) {
 
 // ---- print ---------------------------------------------------------------------------------
 
-struct PrintRow {
-    const char* bytes;
-    uint64_t limit;
-    const char* text;
-};
-
 TEST(WampPrint, ValuesPrintAsTheLogShowsThem) {
-    const PrintRow rows[] = {
+    // Bytes, the print limit, the text.
+    const std::tuple<const char*, uint64_t, const char*> rows[] = {
         {"C0", 10, "nil"},
         {"C2", 10, "false"},
         {"C3", 10, "true"},
@@ -278,11 +273,11 @@ TEST(WampPrint, ValuesPrintAsTheLogShowsThem) {
         {"C1", 10, ""},
         {"92 C1 05", 10, "[, ]"},
     };
-    for (const PrintRow& row : rows) {
-        SCOPED_TRACE(row.bytes);
-        const std::vector<uint8_t> bytes = hex(row.bytes);
-        EXPECT_EQ(print(bytes.data(), bytes.size(), row.limit), row.text);
-        EXPECT_EQ(print(bytes.data(), row.limit), row.text);
+    for (const auto& [value, limit, text] : rows) {
+        SCOPED_TRACE(value);
+        const std::vector<uint8_t> bytes = hex(value);
+        EXPECT_EQ(print(bytes.data(), bytes.size(), limit), text);
+        EXPECT_EQ(print(bytes.data(), limit), text);
     }
 }
 
