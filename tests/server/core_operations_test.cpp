@@ -19,77 +19,80 @@ namespace {
 namespace dt = dax::types;
 using ::testing::HasSubstr;
 
-std::unique_ptr<SimulationCore> core_in(const TempFolder& folder, const std::string& secret = "") {
-    CoreOptions options;
-    options.data_dir = folder.str();
-    options.secret = secret;
-    return std::make_unique<SimulationCore>(options);
+/// Calls operation `name` with `count` arguments, encoded back to back as `args` (hex).
+CallResult call_hex(SimulationCore& core, const std::string& name, const char* args,
+                    uint64_t count) {
+    const std::vector<uint8_t> bytes = test_support::hex(args);
+    return core.call("qor.server.operation." + name, bytes.data(), bytes.size(), count);
 }
+
+std::vector<std::string> files_in(const TempFolder& folder) {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder.path()))
+        names.push_back(entry.path().filename().string());
+    return names;
+}
+
+using CoreArguments = CoreTest;
+using CorePersistence = CoreTest;
+using CoreMisc = CoreTest;
 
 struct BadCall {
     std::string name;
-    const char* args;  // hex, encoded back to back
+    const char* args;  // hex
     uint64_t count;
-    std::string error;
     std::string text;
+    std::string error = "wamp.error.invalid_argument";
 };
 
-TEST(CoreArguments, WrongCountOrTypeSaysWhichArgument) {
-    TempFolder folder;
-    auto core = core_in(folder);
-    const std::string invalid = "wamp.error.invalid_argument";
-    ASSERT_EQ(call_ok<long long>(*core, "CREATE_TRIMESH", std::string("m"), 0, 0, 0), 1);
+TEST_F(CoreArguments, WrongCountOrTypeSaysWhichArgument) {
+    ASSERT_EQ(call_ok<long long>(*core, "CREATE_TRIMESH", "m", 0, 0, 0), 1);
     const std::vector<BadCall> cases{
-        {"CLEAR_SCENE", "01", 1, invalid, "CLEAR_SCENE takes 0 arguments, got 1"},
-        {"SET_PROPERTY", "a1 61", 1, invalid, "SET_PROPERTY takes 2 arguments, got 1"},
-        {"SET_PROPERTY", "05 a1 61", 2, invalid, "argument 1 of SET_PROPERTY must be a string"},
-        {"SET_PROPERTY", "a1 61 c0", 2, invalid, "argument 2 of SET_PROPERTY must be a string"},
-        {"ENABLE_SCHEDULING", "01", 1, invalid,
-         "argument 1 of ENABLE_SCHEDULING must be a boolean"},
-        {"SET_SERVER_PERIOD_MS", "a1 78", 1, invalid,
-         "argument 1 of SET_SERVER_PERIOD_MS must be a number"},
-        {"SET_SERVER_PERIOD_MS", "d0 fb", 1, invalid, "period -5 ms is outside 1..60000"},
-        {"CREATE_TRIMESH", "a1 6d cf 00 00 01 00 00 00 00 00 01 01", 4, invalid,
+        {"CLEAR_SCENE", "01", 1, "CLEAR_SCENE takes 0 arguments, got 1"},
+        {"SET_PROPERTY", "a1 61", 1, "SET_PROPERTY takes 2 arguments, got 1"},
+        {"SET_PROPERTY", "05 a1 61", 2, "argument 1 of SET_PROPERTY must be a string"},
+        {"SET_PROPERTY", "a1 61 c0", 2, "argument 2 of SET_PROPERTY must be a string"},
+        {"ENABLE_SCHEDULING", "01", 1, "argument 1 of ENABLE_SCHEDULING must be a boolean"},
+        {"SET_SERVER_PERIOD_MS", "a1 78", 1, "argument 1 of SET_SERVER_PERIOD_MS must be a number"},
+        {"SET_SERVER_PERIOD_MS", "d0 fb", 1, "period -5 ms is outside 1..60000"},
+        {"CREATE_TRIMESH", "a1 6d cf 00 00 01 00 00 00 00 00 01 01", 4,
          "argument 2 of CREATE_TRIMESH must be an integer: out of the 32-bit range"},
-        {"GET_TRIMESH", "cb 00 00 00 00 00 00 00 00", 1, invalid,
+        {"GET_TRIMESH", "cb 00 00 00 00 00 00 00 00", 1,
          "argument 1 of GET_TRIMESH must be an integer"},
-        {"SEND_SCENE", "a2 68 69", 1, invalid, "argument 1 of SEND_SCENE must be binary data"},
-        {"SEND_SCENE", "c4 05 90", 1, invalid, "unexpected end of data"},
-        {"SET_PROPERTY", "a1 61", 2, invalid,
+        {"SEND_SCENE", "a2 68 69", 1, "argument 1 of SEND_SCENE must be binary data"},
+        {"SEND_SCENE", "c4 05 90", 1, "unexpected end of data"},
+        {"SET_PROPERTY", "a1 61", 2,
          "argument 2 of SET_PROPERTY must be a string: unexpected end of data"},
-        {"GET_PROPERTY", "a1 61 01", 1, invalid, "trailing bytes after the arguments"},
+        {"GET_PROPERTY", "a1 61 01", 1, "trailing bytes after the arguments"},
         {"UPDATE_TRIMESH", "01 00 00 93 91 92 cb 0000000000000000 cb 0000000000000000 90 90", 4,
-         invalid, "2 fields in message, 3 in struct"},
-        {"CLEAR_BODIES_PERSISTENCES", "a1 73 91 01 c2", 3, invalid,
+         "2 fields in message, 3 in struct"},
+        {"CLEAR_BODIES_PERSISTENCES", "a1 73 91 01 c2", 3,
          "argument 2 of CLEAR_BODIES_PERSISTENCES must be a list of strings"},
-        {"SET_PUBLISH_COMPRESSION_LEVEL", "0a", 1, invalid, "compression level 10 is outside 0..9"},
-        {"SAVE_COMPONENTS", "a5 2e 2e 2f 65 74", 1, invalid, "bad persistence name '../et'"},
-        {"LOAD_COMPONENTS", "a0", 1, invalid, "bad persistence name ''"},
-        {"NO_SUCH_THING", "", 0, "wamp.error.no_such_procedure",
-         "no procedure 'qor.server.operation.NO_SUCH_THING'"},
-        {"LOAD_COMPONENTS", "a4 6e 6f 6e 65", 1, "qor.error.not_found",
-         "no persistence named 'none'"},
-        {"GET_PROPERTY", "a4 6e 6f 6e 65", 1, "qor.error.not_found", "no property named 'none'"},
-        {"RESUME_SIMULATION", "", 0, "qor.error.invalid_state", "not started"},
+        {"SET_PUBLISH_COMPRESSION_LEVEL", "0a", 1, "compression level 10 is outside 0..9"},
+        {"SAVE_COMPONENTS", "a5 2e 2e 2f 65 74", 1, "bad persistence name '../et'"},
+        {"LOAD_COMPONENTS", "a0", 1, "bad persistence name ''"},
+        {"NO_SUCH_THING", "", 0, "no procedure 'qor.server.operation.NO_SUCH_THING'",
+         "wamp.error.no_such_procedure"},
+        {"LOAD_COMPONENTS", "a4 6e 6f 6e 65", 1, "no persistence named 'none'",
+         "qor.error.not_found"},
+        {"GET_PROPERTY", "a4 6e 6f 6e 65", 1, "no property named 'none'", "qor.error.not_found"},
+        {"RESUME_SIMULATION", "", 0, "not started", "qor.error.invalid_state"},
         // Mesh 1 exists and has no vertices yet; the batch brings one.
         {"UPDATE_TRIMESH",
          "01 00 00 93 91 93 cb 0000000000000000 cb 0000000000000000 cb 0000000000000000 90 91 93 "
          "00 01 00",
-         4, invalid, "triangle 0 names vertex 1 of a mesh of 1 vertices"},
-        {"UPDATE_TRIMESH", "01 00 00 93 90 91 92 00 05 90", 4, invalid,
+         4, "triangle 0 names vertex 1 of a mesh of 1 vertices"},
+        {"UPDATE_TRIMESH", "01 00 00 93 90 91 92 00 05 90", 4,
          "pair 0 names vertex 0 of a mesh of 0 vertices"},
-        {"SET_PERSISTENCE_MODE", "f9", 1, invalid, "persistence mode -7 is outside 0..2"},
-        {"SEND_SCENE", "c4 06 91 94 a0 01 00 c0", 1, invalid, "scene element 0 has an empty type"},
-        {"DUMP_MESHES_TO_OBJ", "a4 2f 74 6d 70", 1, invalid,
-         "folder '/tmp' is outside the data folder"},
-        {"DUMP_MESHES_TO_OBJ", "a7 61 2f 2e 2e 2f 2e 2e", 1, invalid,
+        {"SET_PERSISTENCE_MODE", "f9", 1, "persistence mode -7 is outside 0..2"},
+        {"SEND_SCENE", "c4 06 91 94 a0 01 00 c0", 1, "scene element 0 has an empty type"},
+        {"DUMP_MESHES_TO_OBJ", "a4 2f 74 6d 70", 1, "folder '/tmp' is outside the data folder"},
+        {"DUMP_MESHES_TO_OBJ", "a7 61 2f 2e 2e 2f 2e 2e", 1,
          "folder 'a/../..' is outside the data folder"},
     };
     for (const BadCall& c : cases) {
         SCOPED_TRACE(c.name + " -> " + c.text);
-        const std::vector<uint8_t> args = test_support::hex(c.args);
-        const CallResult r =
-            core->call("qor.server.operation." + c.name, args.data(), args.size(), c.count);
+        const CallResult r = call_hex(*core, c.name, c.args, c.count);
         EXPECT_FALSE(r.ok);
         EXPECT_TRUE(r.value.empty());
         EXPECT_EQ(r.error, c.error);
@@ -104,25 +107,20 @@ TEST(CoreArguments, WrongCountOrTypeSaysWhichArgument) {
     EXPECT_TRUE(call_ok<dt::vector_string_t>(*core, "GET_LAST_ERRORS", false).values.empty());
 }
 
-TEST(CoreArguments, NumbersAndIntegersAreAcceptedInEveryEncoding) {
-    TempFolder folder;
-    auto core = core_in(folder);
+TEST_F(CoreArguments, NumbersAndIntegersAreAcceptedInEveryEncoding) {
     // An integer where a number is expected is taken as that number (peers in other
     // languages send 16 rather than 16.0).
     EXPECT_EQ(call_ok<int>(*core, "SET_SERVER_PERIOD_MS", 16), 17);
     EXPECT_EQ(call_ok<int>(*core, "SET_SERVER_PERIOD_MS", 20.0), 16);
-    const std::vector<uint8_t> float32{0xca, 0x41, 0xa0, 0x00, 0x00};  // 20.0f
-    const CallResult r =
-        core->call("qor.server.operation.SET_PUBLISH_PERIOD_MS", float32.data(), float32.size(), 1);
+    const CallResult r = call_hex(*core, "SET_PUBLISH_PERIOD_MS", "ca 41a00000", 1);  // 20.0f
     EXPECT_TRUE(r.ok) << r.message;
-    const std::vector<uint8_t> uint8_id{0xcc, 0x01};  // id 1 in a wider form than needed
-    call_ok<long long>(*core, "CREATE_TRIMESH", std::string("m"), 0, 0, 0);
-    EXPECT_TRUE(core->call("qor.server.operation.GET_TRIMESH_INFO", uint8_id.data(), 2, 1).ok);
+    call_ok<long long>(*core, "CREATE_TRIMESH", "m", 0, 0, 0);
+    // Id 1 in a wider form than needed.
+    EXPECT_TRUE(call_hex(*core, "GET_TRIMESH_INFO", "cc 01", 1).ok);
     // UPDATE_TRIMESH(1, 0, 0, [[[0,0,0],[1,0,0],[0,1,0]], [], [[0,1,2]]]): whole coordinates.
-    const std::vector<uint8_t> whole =
-        test_support::hex("01 00 00 93 93 93 00 00 00 93 01 00 00 93 00 01 00 90 91 93 00 01 02");
     const CallResult mesh =
-        core->call("qor.server.operation.UPDATE_TRIMESH", whole.data(), whole.size(), 4);
+        call_hex(*core, "UPDATE_TRIMESH",
+                 "01 00 00 93 93 93 00 00 00 93 01 00 00 93 00 01 00 90 91 93 00 01 02", 4);
     EXPECT_TRUE(mesh.ok) << mesh.message;
     const auto batch = call_ok<dt::mesh_batch_t>(*core, "GET_TRIMESH", 1LL);
     ASSERT_EQ(batch.vertices.size(), 3u);
@@ -133,8 +131,7 @@ TEST(CoreArguments, NumbersAndIntegersAreAcceptedInEveryEncoding) {
         "91 94 A4 426F6479 02 05 99 A6 737068657265 93 CB 3FE0000000000000 00 00 00 01 "
         "97 00 00 05 01 00 00 00 93 00 00 00 93 00 00 00 CB 3FE0000000000000 00");
     EXPECT_EQ(call_ok<int>(*core, "SEND_SCENE", mp::buffer(scene)), 1);
-    const auto step = call_ok<dt::integration_result_t>(*core, "STEP_SIMULATION");
-    EXPECT_LT(states_of(step).at(2).pose.position.z, 5.0);
+    EXPECT_LT(states_of(step()).at(2).pose.position.z, 5.0);
 }
 
 TEST(CoreFiles, MeshDumpStaysInARelativeDataFolderWithoutDoublingIt) {
@@ -145,9 +142,9 @@ TEST(CoreFiles, MeshDumpStaysInARelativeDataFolderWithoutDoublingIt) {
         CoreOptions options;
         options.data_dir = "simdata";
         SimulationCore core(options);
-        call_ok<long long>(core, "CREATE_TRIMESH", std::string("m"), 0, 0, 0);
-        EXPECT_EQ(call_ok<int>(core, "DUMP_MESHES_TO_OBJ", std::string()), 1);
-        EXPECT_EQ(call_ok<int>(core, "DUMP_MESHES_TO_OBJ", std::string("out/../objs")), 1);
+        call_ok<long long>(core, "CREATE_TRIMESH", "m", 0, 0, 0);
+        EXPECT_EQ(call_ok<int>(core, "DUMP_MESHES_TO_OBJ", ""), 1);
+        EXPECT_EQ(call_ok<int>(core, "DUMP_MESHES_TO_OBJ", "out/../objs"), 1);
     }
     std::filesystem::current_path(previous);
     EXPECT_TRUE(std::filesystem::exists(folder.path() / "simdata/meshes/mesh_1_m.obj"));
@@ -155,40 +152,32 @@ TEST(CoreFiles, MeshDumpStaysInARelativeDataFolderWithoutDoublingIt) {
     EXPECT_FALSE(std::filesystem::exists(folder.path() / "simdata/simdata"));
 }
 
-TEST(CorePersistence, SavedScenesSettingsAndModeSurviveANewCore) {
-    TempFolder folder;
-    mp::buffer saved_scene;
-    {
-        auto core = core_in(folder);
-        const long long mesh =
-            call_ok<long long>(*core, "CREATE_TRIMESH", std::string("tri"), 3, 1, 0);
-        dt::mesh_batch_t batch;
-        batch.vertices = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}};
-        batch.triangles = {{0, 1, 2}};
-        call_ok<int>(*core, "UPDATE_TRIMESH", mesh, 0, 0, batch);
-        call_ok<int>(*core, "SEND_SCENE",
-                     scene_of({ground(1), ball(2, 4.0),
-                               body(3, Shape::mesh, {1, 1, 1}, 0, {5, 5, 0}, mesh)}));
-        for (int i = 0; i < 10; ++i) call_ok<dt::integration_result_t>(*core, "STEP_SIMULATION");
-        EXPECT_EQ(call_ok<int>(*core, "SAVE_COMPONENTS", std::string("first")), 3);
-        EXPECT_EQ(call_ok<int>(*core, "SAVE_COMPONENTS", std::string("second")), 3);
-        saved_scene = call_ok<mp::buffer>(*core, "GET_SERVER_SCENE");
-        EXPECT_EQ(call_ok<int>(*core, "SET_PROPERTY", std::string("owner"), std::string("lab 3")),
-                  1);
-        EXPECT_EQ(call_ok<int>(*core, "SET_PROPERTY", std::string("owner"), std::string("lab 4")),
-                  0);
-        EXPECT_EQ(run(*core, "SET_PERSISTENCE_MODE", 7).error, "wamp.error.invalid_argument");
-        EXPECT_TRUE(call_ok<bool>(*core, "SET_PERSISTENCE_MODE", 1));
-    }
+TEST_F(CorePersistence, SavedScenesSettingsAndModeSurviveANewCore) {
+    const long long mesh = call_ok<long long>(*core, "CREATE_TRIMESH", "tri", 3, 1, 0);
+    dt::mesh_batch_t batch;
+    batch.vertices = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}};
+    batch.triangles = {{0, 1, 2}};
+    call_ok<int>(*core, "UPDATE_TRIMESH", mesh, 0, 0, batch);
+    call_ok<int>(
+        *core, "SEND_SCENE",
+        scene_of({ground(1), ball(2, 4.0), body(3, Shape::mesh, {1, 1, 1}, 0, {5, 5, 0}, mesh)}));
+    step(10);
+    EXPECT_EQ(call_ok<int>(*core, "SAVE_COMPONENTS", "first"), 3);
+    EXPECT_EQ(call_ok<int>(*core, "SAVE_COMPONENTS", "second"), 3);
+    const mp::buffer saved_scene = call_ok<mp::buffer>(*core, "GET_SERVER_SCENE");
+    EXPECT_EQ(call_ok<int>(*core, "SET_PROPERTY", "owner", "lab 3"), 1);
+    EXPECT_EQ(call_ok<int>(*core, "SET_PROPERTY", "owner", "lab 4"), 0);
+    EXPECT_EQ(run(*core, "SET_PERSISTENCE_MODE", 7).error, "wamp.error.invalid_argument");
+    EXPECT_TRUE(call_ok<bool>(*core, "SET_PERSISTENCE_MODE", 1));
+    core.reset();
     // Every file was written through a temporary and renamed: none is left behind.
-    for (const auto& entry : std::filesystem::directory_iterator(folder.path()))
-        EXPECT_THAT(entry.path().filename().string(), ::testing::Not(HasSubstr(".tmp")));
+    EXPECT_THAT(files_in(folder), ::testing::Each(::testing::Not(HasSubstr(".tmp"))));
 
-    auto core = core_in(folder);
+    core = core_in(folder);
     EXPECT_EQ(call_ok<int>(*core, "GET_PERSISTENCE_MODE"), 1);
-    EXPECT_EQ(call_ok<std::string>(*core, "GET_PROPERTY", std::string("owner")), "lab 4");
-    EXPECT_TRUE(call_ok<bool>(*core, "HAS_PROPERTY", std::string("owner")));
-    EXPECT_FALSE(call_ok<bool>(*core, "HAS_PROPERTY", std::string("nobody")));
+    EXPECT_EQ(call_ok<std::string>(*core, "GET_PROPERTY", "owner"), "lab 4");
+    EXPECT_TRUE(call_ok<bool>(*core, "HAS_PROPERTY", "owner"));
+    EXPECT_FALSE(call_ok<bool>(*core, "HAS_PROPERTY", "nobody"));
 
     const auto list = call_ok<dt::vector_pair_string_double_t>(*core, "BROWSE_PERSISTENCES");
     ASSERT_EQ(list.values.size(), 2u);
@@ -199,32 +188,29 @@ TEST(CorePersistence, SavedScenesSettingsAndModeSurviveANewCore) {
     EXPECT_NEAR(list.values[0].second, now, 60.0) << "save times are Unix seconds";
 
     // The new core has no meshes of its own: loading brings back the mesh the scene uses.
-    EXPECT_EQ(call_ok<int>(*core, "LOAD_COMPONENTS", std::string("first")), 3);
+    EXPECT_EQ(call_ok<int>(*core, "LOAD_COMPONENTS", "first"), 3);
     EXPECT_EQ(call_ok<mp::buffer>(*core, "GET_SERVER_SCENE"), saved_scene);
     EXPECT_EQ(call_ok<dt::mesh_info_t>(*core, "GET_TRIMESH_INFO", 1LL).text, "tri");
-    EXPECT_EQ(call_ok<long long>(*core, "CREATE_TRIMESH", std::string("next"), 0, 0, 0), 2)
+    EXPECT_EQ(call_ok<long long>(*core, "CREATE_TRIMESH", "next", 0, 0, 0), 2)
         << "new meshes do not reuse a loaded id";
 
-    const auto removed =
-        call_ok<dt::vector_bool_t>(*core, "CLEAR_BODIES_PERSISTENCES", std::string("first"),
-                                   dt::vector_string_t{{"2", "99"}}, true);
+    const auto removed = call_ok<dt::vector_bool_t>(*core, "CLEAR_BODIES_PERSISTENCES", "first",
+                                                    dt::vector_string_t{{"2", "99"}}, true);
     EXPECT_EQ(removed.values, (std::vector<bool>{true, false}));
-    EXPECT_EQ(call_ok<int>(*core, "LOAD_COMPONENTS", std::string("first")), 2);
-    EXPECT_EQ(run(*core, "CLEAR_BODIES_PERSISTENCES", std::string("first"),
-                  dt::vector_string_t{{"x2"}}, false)
-                  .error,
-              "wamp.error.invalid_argument");
+    EXPECT_EQ(call_ok<int>(*core, "LOAD_COMPONENTS", "first"), 2);
+    EXPECT_EQ(
+        run(*core, "CLEAR_BODIES_PERSISTENCES", "first", dt::vector_string_t{{"x2"}}, false).error,
+        "wamp.error.invalid_argument");
 
-    EXPECT_TRUE(call_ok<bool>(*core, "CLEAR_SCENE_PERSISTENCES", std::string("first"), false));
-    EXPECT_FALSE(call_ok<bool>(*core, "CLEAR_SCENE_PERSISTENCES", std::string("first"), false));
+    EXPECT_TRUE(call_ok<bool>(*core, "CLEAR_SCENE_PERSISTENCES", "first", false));
+    EXPECT_FALSE(call_ok<bool>(*core, "CLEAR_SCENE_PERSISTENCES", "first", false));
     EXPECT_TRUE(call_ok<bool>(*core, "CLEAR_PERSISTENCES"));
     EXPECT_FALSE(call_ok<bool>(*core, "CLEAR_PERSISTENCES"));
     EXPECT_TRUE(
         call_ok<dt::vector_pair_string_double_t>(*core, "BROWSE_PERSISTENCES").values.empty());
 }
 
-TEST(CorePersistence, TemporariesOfDeadSavesAreRemovedAtStart) {
-    TempFolder folder;
+TEST_F(CorePersistence, TemporariesOfDeadSavesAreRemovedAtStart) {
     // A process that has ended: its pid names no live process (until reused, far later).
     const pid_t child = ::fork();
     if (child == 0) ::_exit(0);
@@ -234,40 +220,29 @@ TEST(CorePersistence, TemporariesOfDeadSavesAreRemovedAtStart) {
     const std::vector<std::string> names = {"kept.scene", "kept.scene.tmp." + dead,
                                             "settings.qor.tmp." + dead, "other.scene.tmp." + alive,
                                             "notes.tmp.x1"};
+    core.reset();
     for (const std::string& name : names) std::ofstream(folder.path() / name) << "x";
-    const auto core = core_in(folder);
-    std::vector<std::string> left;
-    for (const auto& entry : std::filesystem::directory_iterator(folder.path()))
-        left.push_back(entry.path().filename().string());
-    EXPECT_THAT(left, ::testing::UnorderedElementsAre("kept.scene", "other.scene.tmp." + alive,
-                                                      "notes.tmp.x1"));
+    core = core_in(folder);
+    EXPECT_THAT(files_in(folder), ::testing::UnorderedElementsAre(
+                                      "kept.scene", "other.scene.tmp." + alive, "notes.tmp.x1"));
 }
 
-TEST(CorePersistence, ModeTwoRestoresTheSceneOfTheLastRun) {
-    TempFolder folder;
-    mp::buffer before;
-    {
-        auto core = core_in(folder);
-        EXPECT_TRUE(call_ok<bool>(*core, "SET_PERSISTENCE_MODE", 2));
-        call_ok<int>(*core, "SEND_SCENE", scene_of({ground(1), ball(2, 4.0)}));
-        call_ok<dt::integration_result_t>(*core, "STEP_SIMULATION");
-        before = call_ok<mp::buffer>(*core, "GET_SERVER_SCENE");
-        EXPECT_EQ(call_ok<int>(*core, "QUIT"), 0);
-        EXPECT_TRUE(core->quit_requested());
-        core->wait_for_quit();  // returns at once once QUIT went through
-    }
-    auto core = core_in(folder);
+TEST_F(CorePersistence, ModeTwoRestoresTheSceneOfTheLastRun) {
+    EXPECT_TRUE(call_ok<bool>(*core, "SET_PERSISTENCE_MODE", 2));
+    call_ok<int>(*core, "SEND_SCENE", scene_of({ground(1), ball(2, 4.0)}));
+    step();
+    const mp::buffer before = call_ok<mp::buffer>(*core, "GET_SERVER_SCENE");
+    EXPECT_EQ(call_ok<int>(*core, "QUIT"), 0);
+    EXPECT_TRUE(core->quit_requested());
+    core->wait_for_quit();  // returns at once once QUIT went through
+    core.reset();
+    core = core_in(folder);
     EXPECT_EQ(call_ok<mp::buffer>(*core, "GET_SERVER_SCENE"), before);
 }
 
-TEST(CorePersistence, DamagedSceneFileIsReportedNotFatal) {
-    TempFolder folder;
-    auto core = core_in(folder);
-    {
-        std::ofstream broken(folder.path() / "broken.scene", std::ios::binary);
-        broken << "\x95\xa9qor-scene";
-    }
-    const CallResult r = run(*core, "LOAD_COMPONENTS", std::string("broken"));
+TEST_F(CorePersistence, DamagedSceneFileIsReportedNotFatal) {
+    std::ofstream(folder.path() / "broken.scene", std::ios::binary) << "\x95\xa9qor-scene";
+    const CallResult r = run(*core, "LOAD_COMPONENTS", "broken");
     EXPECT_EQ(r.error, "qor.error.operation_failed");
     EXPECT_THAT(r.message, HasSubstr("damaged scene file"));
     // Still listed, so that it can be cleared.
@@ -276,15 +251,12 @@ TEST(CorePersistence, DamagedSceneFileIsReportedNotFatal) {
     EXPECT_EQ(list.values[0].second, 0.0);
 }
 
-TEST(CoreMisc, AuthenticateVerboseBuildAndLabels) {
-    TempFolder folder;
-    auto open = core_in(folder);
-    EXPECT_EQ(call_ok<std::string>(*open, "AUTHENTICATE", std::string("anything")), "anonymous");
+TEST_F(CoreMisc, AuthenticateVerboseBuildAndLabels) {
+    SimulationCore* open = core.get();
+    EXPECT_EQ(call_ok<std::string>(*open, "AUTHENTICATE", "anything"), "anonymous");
     auto guarded = core_in(folder, "s3cret");
-    EXPECT_EQ(call_ok<std::string>(*guarded, "AUTHENTICATE", std::string("s3cret")),
-              "authenticated");
-    EXPECT_EQ(run(*guarded, "AUTHENTICATE", std::string("guess")).error,
-              "qor.error.not_authorized");
+    EXPECT_EQ(call_ok<std::string>(*guarded, "AUTHENTICATE", "s3cret"), "authenticated");
+    EXPECT_EQ(run(*guarded, "AUTHENTICATE", "guess").error, "qor.error.not_authorized");
     EXPECT_EQ(call_ok<int>(*open, "SET_VERBOSE", true), 0);
     EXPECT_EQ(call_ok<int>(*open, "SET_VERBOSE", false), 1);
     EXPECT_FALSE(call_ok<std::string>(*open, "GET_SERVER_BUILD_NUMBER").empty());
@@ -296,9 +268,7 @@ TEST(CoreMisc, AuthenticateVerboseBuildAndLabels) {
 
 // try_call answers the quick operations as call does and declines the rest, running nothing;
 // a failure is left to call, which keeps it for GET_LAST_ERRORS once.
-TEST(CoreMisc, TryCallRunsOnlyQuickOperationsAndLeavesFailuresToCall) {
-    TempFolder folder;
-    auto core = core_in(folder);
+TEST_F(CoreMisc, TryCallRunsOnlyQuickOperationsAndLeavesFailuresToCall) {
     const auto try_run = [&](const std::string& name, const std::vector<uint8_t>& args,
                              uint64_t count, CallResult& r) {
         return core->try_call("qor.server.operation." + name, args.data(), args.size(), count, r);
@@ -327,7 +297,7 @@ TEST(CoreMisc, TryCallRunsOnlyQuickOperationsAndLeavesFailuresToCall) {
         EXPECT_FALSE(out.ok) << d.name;
         EXPECT_TRUE(out.value.empty() && out.error.empty()) << d.name;
     }
-    EXPECT_FALSE(call_ok<bool>(*core, "HAS_PROPERTY", std::string("a")));
+    EXPECT_FALSE(call_ok<bool>(*core, "HAS_PROPERTY", "a"));
     EXPECT_TRUE(call_ok<dt::vector_string_t>(*core, "GET_LAST_ERRORS", false).values.empty());
     EXPECT_EQ(call_ok<int>(*core, "GET_PERSISTENCE_MODE"), 0);
 }

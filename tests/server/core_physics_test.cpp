@@ -1,9 +1,7 @@
 // The simulation core driven directly: physics, the scene record, meshes and the clock.
 
 #include <cmath>
-#include <fstream>
 #include <mutex>
-#include <sstream>
 #include <thread>
 
 #include <gmock/gmock.h>
@@ -17,34 +15,17 @@ namespace {
 namespace dt = dax::types;
 using ::testing::HasSubstr;
 
-class CoreTest : public ::testing::Test {
-  protected:
-    TempFolder folder;
-    std::unique_ptr<SimulationCore> core = make_core();
-
-    std::unique_ptr<SimulationCore> make_core() {
-        CoreOptions options;
-        options.data_dir = folder.str();
-        return std::make_unique<SimulationCore>(options);
-    }
-
-    dt::integration_result_t step() {
-        return call_ok<dt::integration_result_t>(*core, "STEP_SIMULATION");
-    }
-};
-
 TEST_F(CoreTest, DroppedBallFallsThenRestsOnTheGround) {
     ASSERT_EQ(call_ok<int>(*core, "SEND_SCENE", scene_of({ground(1), ball(2, 5.0)})), 2);
 
     // Half a second of free fall at 60 steps/s: z = 5 - g t^2 / 2.
-    dt::integration_result_t r;
-    for (int i = 0; i < 30; ++i) r = step();
+    dt::integration_result_t r = step(30);
     BodyState s = states_of(r).at(2);
     EXPECT_NEAR(s.pose.position.z, 5.0 - 0.5 * 9.81 * 0.25, 0.05);
     EXPECT_NEAR(s.linear.z, -9.81 * 0.5, 0.05);
     EXPECT_EQ(r.value_int, 30);
 
-    for (int i = 0; i < 600; ++i) r = step();
+    r = step(600);
     s = states_of(r).at(2);
     EXPECT_NEAR(s.pose.position.z, 0.5, 0.02);
     EXPECT_LT(std::abs(s.linear.z), 0.05);
@@ -79,9 +60,7 @@ TEST_F(CoreTest, BoxStackStaysStackedAndCapsuleLandsOnItsSide) {
         scene.push_back(body(10 + i, Shape::box, {0.5, 0.5, 0.5}, 1, {0, 0, 0.5 + i * 1.0}));
     scene.push_back(body(20, Shape::capsule, {0.2, 1.0, 0}, 1, {5, 0, 2}));
     call_ok<int>(*core, "SEND_SCENE", scene_of(scene));
-    dt::integration_result_t r;
-    for (int i = 0; i < 240; ++i) r = step();
-    const auto states = states_of(r);
+    const auto states = states_of(step(240));
     for (int i = 0; i < 3; ++i) EXPECT_NEAR(states.at(10 + i).pose.position.z, 0.5 + i, 0.05);
     // A capsule standing on end topples; either way its centre ends no higher than upright.
     EXPECT_LE(states.at(20).pose.position.z, 0.2 + 0.5 + 0.05);
@@ -96,8 +75,7 @@ TEST_F(CoreTest, SceneRecordRoundTripsByteForByteAndFollowsThePhysics) {
     EXPECT_EQ(call_ok<mp::buffer>(*core, "GET_SERVER_SCENE"), sent)
         << "an unstepped scene comes back exactly as sent, unknown types included";
 
-    dt::integration_result_t r;
-    for (int i = 0; i < 20; ++i) r = step();
+    const dt::integration_result_t r = step(20);
     const mp::buffer now = call_ok<mp::buffer>(*core, "GET_SERVER_SCENE");
     const auto components = decode_scene(now.data, now.size);
     ASSERT_EQ(components.size(), 3u);
@@ -165,35 +143,30 @@ TEST_F(CoreTest, SceneSentAgainStepsExactlyAsInANewCore) {
     for (int i = 0; i < 12; ++i)
         pile.push_back(body(10 + i, i % 2 ? Shape::box : Shape::sphere, {0.4, 0.4, 0.4}, 1,
                             {0.3 * (i % 3), 0.2 * (i % 4), 1.0 + 0.9 * i}));
-    const auto states_after = [&](SimulationCore& c) {
-        dt::integration_result_t r;
-        for (int i = 0; i < 90; ++i) r = call_ok<dt::integration_result_t>(c, "STEP_SIMULATION");
-        return r.states;
-    };
     call_ok<int>(*core, "SEND_SCENE", scene_of(pile));
-    const mp::buffer fresh = states_after(*core);
+    const mp::buffer fresh = step(90).states;
 
     const std::vector<std::pair<const char*, std::vector<std::string>>> histories{
         {"a scene stepped", {}},
         {"a scene stepped while unregistered", {"UNREGISTER_COMPONENTS"}},
     };
     for (const auto& [what, operations] : histories) {
-        auto other = make_core();
+        core = core_in(folder);
         std::vector<Component> before{ground(1)};
         for (int i = 0; i < 30; ++i) before.push_back(ball(100 + i, 1.0 + i));
-        call_ok<int>(*other, "SEND_SCENE", scene_of(before));
-        for (const std::string& op : operations) call_ok<int>(*other, op);
-        states_after(*other);
-        call_ok<int>(*other, "REGISTER_COMPONENTS");
-        call_ok<int>(*other, "SEND_SCENE", scene_of(pile));
-        EXPECT_EQ(states_after(*other), fresh) << "after " << what;
+        call_ok<int>(*core, "SEND_SCENE", scene_of(before));
+        for (const std::string& op : operations) call_ok<int>(*core, op);
+        step(90);
+        call_ok<int>(*core, "REGISTER_COMPONENTS");
+        call_ok<int>(*core, "SEND_SCENE", scene_of(pile));
+        EXPECT_EQ(step(90).states, fresh) << "after " << what;
     }
 }
 
 TEST_F(CoreTest, MeshesAreBuiltInBatchesAndCarryBodies) {
-    const long long id = call_ok<long long>(*core, "CREATE_TRIMESH", std::string("floor"), 4, 2, 0);
+    const long long id = call_ok<long long>(*core, "CREATE_TRIMESH", "floor", 4, 2, 0);
     EXPECT_EQ(id, 1);
-    EXPECT_EQ(call_ok<long long>(*core, "CREATE_TRIMESH", std::string("other"), 0, 0, 0), 2);
+    EXPECT_EQ(call_ok<long long>(*core, "CREATE_TRIMESH", "other", 0, 0, 0), 2);
 
     dt::mesh_batch_t first;
     first.vertices = {{-10, -10, 0}, {10, -10, 0}};
@@ -224,23 +197,18 @@ TEST_F(CoreTest, MeshesAreBuiltInBatchesAndCarryBodies) {
     // A ball dropped on the static mesh floor rests on it.
     call_ok<int>(*core, "SEND_SCENE",
                  scene_of({body(1, Shape::mesh, {1, 1, 1}, 0, {0, 0, 0}, id), ball(2, 2)}));
-    dt::integration_result_t r;
-    for (int i = 0; i < 240; ++i) r = step();
-    EXPECT_NEAR(states_of(r).at(2).pose.position.z, 0.5, 0.03);
+    EXPECT_NEAR(states_of(step(240)).at(2).pose.position.z, 0.5, 0.03);
 
     // A dynamic mesh body collides by its convex hull and falls onto the floor too.
     call_ok<int>(*core, "SEND_SCENE",
                  scene_of({ground(1), body(2, Shape::mesh, {0.1, 0.1, 0.1}, 2, {0, 0, 3}, id)}));
-    for (int i = 0; i < 240; ++i) r = step();
-    EXPECT_NEAR(states_of(r).at(2).pose.position.z, 0.0, 0.1);
+    EXPECT_NEAR(states_of(step(240)).at(2).pose.position.z, 0.0, 0.1);
 
-    EXPECT_EQ(call_ok<int>(*core, "DUMP_MESHES_TO_OBJ", std::string("objs")), 2);
-    std::ifstream obj(folder.path() / "objs" / "mesh_1_floor.obj");
-    std::stringstream text;
-    text << obj.rdbuf();
-    EXPECT_THAT(text.str(), HasSubstr("v 10 10 0\n"));
-    EXPECT_THAT(text.str(), HasSubstr("f 1 3 4\n")) << "OBJ faces count from 1";
-    EXPECT_THAT(text.str(), HasSubstr("l 1 3\n"));
+    EXPECT_EQ(call_ok<int>(*core, "DUMP_MESHES_TO_OBJ", "objs"), 2);
+    const std::string obj = test_support::read_text(folder.path() / "objs" / "mesh_1_floor.obj");
+    EXPECT_THAT(obj, HasSubstr("v 10 10 0\n"));
+    EXPECT_THAT(obj, HasSubstr("f 1 3 4\n")) << "OBJ faces count from 1";
+    EXPECT_THAT(obj, HasSubstr("l 1 3\n"));
 
     EXPECT_EQ(call_ok<int>(*core, "CLEAR_TRIMESHES"), 2);
     EXPECT_EQ(run(*core, "GET_TRIMESH", id).error, "qor.error.not_found");
@@ -276,14 +244,13 @@ TEST_F(CoreTest, LockUnregisterAndSchedulingFreezeTheWorld) {
 
 TEST_F(CoreTest, GravityPropertyIsAppliedByConfigure) {
     call_ok<int>(*core, "SEND_SCENE", scene_of({ball(2, 5.0)}));
-    EXPECT_EQ(call_ok<int>(*core, "SET_PROPERTY", std::string("gravity"), std::string("0 0 -1.62")),
-              1);
+    EXPECT_EQ(call_ok<int>(*core, "SET_PROPERTY", "gravity", "0 0 -1.62"), 1);
     EXPECT_EQ(call_ok<int>(*core, "CONFIGURE_COMPONENTS"), 1);
     const auto r = step();
     EXPECT_NEAR(r.vec_a.z, -1.62f, 1e-5);
     EXPECT_NEAR(states_of(r).at(2).linear.z, -1.62 / 60, 1e-3);
 
-    call_ok<int>(*core, "SET_PROPERTY", std::string("gravity"), std::string("down"));
+    call_ok<int>(*core, "SET_PROPERTY", "gravity", "down");
     const CallResult bad = run(*core, "CONFIGURE_COMPONENTS");
     EXPECT_EQ(bad.error, "wamp.error.invalid_argument");
     EXPECT_THAT(bad.message, HasSubstr("not three numbers"));

@@ -5,18 +5,14 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <thread>
 
 #include <signal.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <spdlog/sinks/null_sink.h>
-#include <spdlog/spdlog.h>
 
 #include <dax/client.hpp>
-#include <qor/launch/server_process.hpp>
 #include <qor/qor_client.hpp>
 #include <qor/transport/connect.hpp>
 #include <rigid_body/components.hpp>
@@ -28,25 +24,9 @@ namespace {
 
 namespace dt = dax::types;
 using dax::client::DaxClient;
+using test_support::start_server;
 using ::testing::HasSubstr;
 using Clock = std::chrono::steady_clock;
-
-std::unique_ptr<launch::ServerProcess> start_server(const TempFolder& data,
-                                                    std::vector<std::string> extra = {}) {
-    launch::LaunchOptions options;
-    options.executable = launch::executable_folder() + "/qor-sim-server";
-    options.args = {"--data-dir", data.str()};
-    options.args.insert(options.args.end(), extra.begin(), extra.end());
-    options.log_path = (data.path() / "server.log").string();
-    return std::make_unique<launch::ServerProcess>(options);
-}
-
-// The client logs its plug-in failures through the spdlog logger "logger"; keep it quiet.
-void ensure_logger() {
-    if (!spdlog::get("logger"))
-        spdlog::register_logger(std::make_shared<spdlog::logger>(
-            "logger", std::make_shared<spdlog::sinks::null_sink_mt>()));
-}
 
 // One application: a peer connected to the server and a DaxClient with the plug-in loaded.
 struct App {
@@ -54,7 +34,7 @@ struct App {
     std::unique_ptr<DaxClient> client;
 
     explicit App(const std::string& url) {
-        ensure_logger();
+        test_support::quiet_logger();
         transport::connect(peer, url);
         client = std::make_unique<DaxClient>(&peer);
         client->setTimeoutMs(10000);
@@ -99,9 +79,9 @@ class ServerOverFraming : public ::testing::TestWithParam<std::string> {
     }
     // The server's log explains most failures seen from the client.
     void TearDown() override {
-        if (!HasFailure()) return;
-        std::ifstream log(data.path() / "server.log");
-        std::cerr << "---- server log\n" << log.rdbuf() << "----\n";
+        if (HasFailure())
+            std::cerr << "---- server log\n"
+                      << test_support::read_text(data.path() / "server.log") << "----\n";
     }
 };
 
@@ -215,7 +195,7 @@ TEST(ServerProcess, TicketIsRequiredWhenConfigured) {
     right.ticket = "s3cret";
     QorClient peer;
     transport::connect(peer, server->rawsocket_url(), right);
-    ensure_logger();
+    test_support::quiet_logger();
     DaxClient client(&peer);
     EXPECT_EQ(client.AUTHENTICATE("s3cret"), "authenticated");
     EXPECT_THROW(client.AUTHENTICATE("guess"), std::runtime_error);
@@ -271,10 +251,8 @@ TEST(FaultScenario, PersistenceKilledMidSaveLosesNoEarlierSave) {
     auto server = start_server(data);
     App app(server->websocket_url());
     EXPECT_EQ(app.client->LOAD_COMPONENTS("kept"), 2);
-    std::vector<std::string> files;
     for (const auto& entry : std::filesystem::directory_iterator(data.path()))
-        files.push_back(entry.path().filename().string());
-    EXPECT_THAT(files, ::testing::Not(::testing::Contains(HasSubstr(".tmp."))));
+        EXPECT_THAT(entry.path().filename().string(), ::testing::Not(HasSubstr(".tmp.")));
 }
 
 }  // namespace

@@ -3,7 +3,8 @@
 // What every test area shares: hex byte vectors in and out, the text of a thrown error, the
 // rule for tests that need a tool from outside the build (a Python peer, openssl), a captured
 // log, a peer whose server endpoint is an in-memory loopback, records written and read, and,
-// where a test links the simulation core, its calls and scenes.
+// where a test links the simulation core, its calls and scenes, and where it starts the server
+// as a process, that process.
 
 #include <atomic>
 #include <cctype>
@@ -12,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <random>
@@ -150,6 +152,14 @@ class TempFolder {
   private:
     std::filesystem::path path_;
 };
+
+/// The whole text of `file`; "" when it cannot be read.
+inline std::string read_text(const std::filesystem::path& file) {
+    std::ifstream in(file);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
 
 /// A logger writing "%l %v" lines into a string.
 struct CapturedLog {
@@ -320,6 +330,30 @@ T call_ok(SimulationCore& core, const std::string& name, const A&... args) {
     return value_of<T>(run(core, name, args...));
 }
 
+/// A core keeping its files in `folder`.
+inline std::unique_ptr<SimulationCore> core_in(const TempFolder& folder,
+                                               const std::string& secret = "") {
+    CoreOptions options;
+    options.data_dir = folder.str();
+    options.secret = secret;
+    return std::make_unique<SimulationCore>(options);
+}
+
+/// A core of its own in a fresh folder.
+class CoreTest : public ::testing::Test {
+  protected:
+    TempFolder folder;
+    std::unique_ptr<SimulationCore> core = core_in(folder);
+
+    /// The answer of the last of `n` steps.
+    dax::types::integration_result_t step(int n = 1) {
+        dax::types::integration_result_t r;
+        for (int i = 0; i < n; ++i)
+            r = call_ok<dax::types::integration_result_t>(*core, "STEP_SIMULATION");
+        return r;
+    }
+};
+
 inline Component ground(int64_t id) {
     Component c{kGroundType, id, 0, {}};
     encode(c.data, GroundData{});
@@ -363,6 +397,35 @@ inline std::map<int64_t, BodyState> states_of(const dax::types::integration_resu
 }
 
 }  // namespace qor::sim::testing
+#endif
+
+#if __has_include(<qor/launch/server_process.hpp>)
+#include <spdlog/sinks/null_sink.h>
+#include <spdlog/spdlog.h>
+
+#include <qor/launch/server_process.hpp>
+
+namespace test_support {
+
+/// qor-sim-server from beside the test program, its data and its log in `data`.
+inline std::unique_ptr<qor::launch::ServerProcess> start_server(
+    const TempFolder& data, const std::vector<std::string>& extra = {}) {
+    qor::launch::LaunchOptions options;
+    options.executable = qor::launch::executable_folder() + "/qor-sim-server";
+    options.args = {"--data-dir", data.str()};
+    options.args.insert(options.args.end(), extra.begin(), extra.end());
+    options.log_path = (data.path() / "server.log").string();
+    return std::make_unique<qor::launch::ServerProcess>(options);
+}
+
+/// The client logs its plug-in failures through the spdlog logger "logger"; keep it quiet.
+inline void quiet_logger() {
+    if (!spdlog::get("logger"))
+        spdlog::register_logger(std::make_shared<spdlog::logger>(
+            "logger", std::make_shared<spdlog::sinks::null_sink_mt>()));
+}
+
+}  // namespace test_support
 #endif
 
 /// Skips the current test when `available` is false, or fails it under CI (env `CI` set and not

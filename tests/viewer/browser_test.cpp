@@ -2,24 +2,20 @@
 // Chromium (driven by puppeteer-core, see viewer_check.cjs) opens the page the server
 // serves, runs the scene with its buttons and checks what the page draws; a client call
 // confirms that the page's Pause button really paused the server. Then the server restarts
-// on the same port asking for a ticket, and the page must join it again. Needs node and chromium: without them the test is
-// skipped, except in CI (env CI set), where that is a failure.
+// on the same port asking for a ticket, and the page must join it again. Needs node and
+// chromium: without them the test is skipped, except in CI (env CI set), where that fails.
 
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
-#include <fstream>
 #include <iostream>
 #include <string>
 
 #include <gtest/gtest.h>
-#include <spdlog/sinks/null_sink.h>
-#include <spdlog/spdlog.h>
 #include <sys/wait.h>
 
 #include <dax/client.hpp>
-#include <qor/launch/server_process.hpp>
 #include <qor/qor_client.hpp>
 #include <qor/transport/connect.hpp>
 #include <rigid_body/components.hpp>
@@ -70,16 +66,10 @@ TEST(ViewerBrowser, DrawsTheSceneMovesItAndPausesTheServer) {
                      "puppeteer-core (scripts/install-deps runs npm ci)");
 
     test_support::TempFolder data;
-    qor::launch::LaunchOptions launch;
-    launch.executable = qor::launch::executable_folder() + "/qor-sim-server";
-    launch.args = {"--data-dir", data.str(), "--devices", "20"};
-    launch.log_path = (data.path() / "server.log").string();
-    auto server = std::make_unique<qor::launch::ServerProcess>(launch);
+    auto server = test_support::start_server(data, {"--devices", "20"});
     const uint16_t port = server->websocket_port();
 
-    if (!spdlog::get("logger"))
-        spdlog::register_logger(std::make_shared<spdlog::logger>(
-            "logger", std::make_shared<spdlog::sinks::null_sink_mt>()));
+    test_support::quiet_logger();
     auto peer = std::make_unique<qor::QorClient>();
     qor::transport::connect(*peer, server->rawsocket_url());
     auto client = std::make_unique<dax::client::DaxClient>(peer.get());
@@ -132,10 +122,9 @@ TEST(ViewerBrowser, DrawsTheSceneMovesItAndPausesTheServer) {
                 client.reset();
                 peer.reset();
                 server.reset();
-                launch.args.insert(launch.args.end(),
-                                   {"--websocket-port", std::to_string(port), "--ticket",
-                                    "viewer-secret"});
-                server = std::make_unique<qor::launch::ServerProcess>(launch);
+                server = test_support::start_server(
+                    data, {"--devices", "20", "--websocket-port", std::to_string(port), "--ticket",
+                           "viewer-secret"});
             } else if (line.find("\"ok\":true") != std::string::npos) {
                 rejoined = true;
             }
@@ -144,10 +133,9 @@ TEST(ViewerBrowser, DrawsTheSceneMovesItAndPausesTheServer) {
     EXPECT_FALSE(measured.empty());
     EXPECT_TRUE(rejoined) << "the page did not join the restarted server";
     EXPECT_TRUE(fs::exists(shot) && fs::file_size(shot) > 10000u) << shot;
-    if (HasFailure()) {
-        std::ifstream log(data.path() / "server.log");
-        std::cerr << "---- server log\n" << log.rdbuf() << "----\n";
-    }
+    if (HasFailure())
+        std::cerr << "---- server log\n"
+                  << test_support::read_text(data.path() / "server.log") << "----\n";
 }
 
 }  // namespace

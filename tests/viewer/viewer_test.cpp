@@ -11,7 +11,6 @@
 #include <msgpack.hpp>
 
 #include <dax/types.hpp>
-#include <qor/launch/server_process.hpp>
 #include <qor/qor_client.hpp>
 #include <qor/router/server.hpp>
 #include <qor/transport/connect.hpp>
@@ -26,8 +25,8 @@ namespace qor::viewer {
 namespace {
 
 namespace dt = dax::types;
-using sim::testing::call_ok;
-using sim::testing::TempFolder;
+using namespace sim::testing;
+using Doubles = std::vector<double>;
 
 TEST(ViewerFiles, ResolvesOnlyPlainFilesOfTheFolder) {
     struct Row {
@@ -36,7 +35,7 @@ TEST(ViewerFiles, ResolvesOnlyPlainFilesOfTheFolder) {
         int status;
         const char* path;  // on 200
     };
-    const Row rows[] = {
+    std::vector<Row> rows = {
         {"GET", "/", 200, "index.html"},
         {"HEAD", "/", 200, "index.html"},
         {"GET", "/viewer.js", 200, "viewer.js"},
@@ -46,32 +45,18 @@ TEST(ViewerFiles, ResolvesOnlyPlainFilesOfTheFolder) {
         {"GET", "/%76iewer.css", 200, "viewer.css"},
         {"POST", "/", 405, ""},
         {"PUT", "/index.html", 405, ""},
-        {"GET", "", 400, ""},
-        {"GET", "index.html", 400, ""},
-        {"GET", "http://127.0.0.1/index.html", 400, ""},
-        {"GET", "*", 400, ""},
-        {"GET", "/%", 400, ""},
-        {"GET", "/%2", 400, ""},
-        {"GET", "/%zz.js", 400, ""},
-        {"GET", "/../secret.html", 404, ""},
-        {"GET", "/lib/../../etc/passwd.js", 404, ""},
-        {"GET", "/%2e%2e/secret.html", 404, ""},
-        {"GET", "/%2E%2E%2Fsecret.html", 404, ""},
-        {"GET", "/lib%2f..%2f..%2fsecret.js", 404, ""},
-        {"GET", "/%252e%252e/secret.html", 404, ""},
-        {"GET", "/./index.html", 404, ""},
-        {"GET", "//etc/passwd.js", 404, ""},
-        {"GET", "/lib//three.js", 404, ""},
-        {"GET", "/lib/", 404, ""},
-        {"GET", "/..\\secret.html", 404, ""},
-        {"GET", "/%5c..%5csecret.html", 404, ""},
-        {"GET", "/index.html%00.js", 404, ""},
-        {"GET", "/C:/secret.html", 404, ""},
-        {"GET", "/.hidden.js", 404, ""},
-        {"GET", "/server.log", 404, ""},
-        {"GET", "/viewer", 404, ""},
-        {"GET", "/caf%C3%A9.html", 404, ""},
     };
+    for (const char* target :
+         {"", "index.html", "http://127.0.0.1/index.html", "*", "/%", "/%2", "/%zz.js"})
+        rows.push_back({"GET", target, 400, ""});
+    // Outside the folder, or not a plain file of it, however the path is spelt.
+    for (const char* target :
+         {"/../secret.html", "/lib/../../etc/passwd.js", "/%2e%2e/secret.html",
+          "/%2E%2E%2Fsecret.html", "/lib%2f..%2f..%2fsecret.js", "/%252e%252e/secret.html",
+          "/./index.html", "//etc/passwd.js", "/lib//three.js", "/lib/", "/..\\secret.html",
+          "/%5c..%5csecret.html", "/index.html%00.js", "/C:/secret.html", "/.hidden.js",
+          "/server.log", "/viewer", "/caf%C3%A9.html"})
+        rows.push_back({"GET", target, 404, ""});
     for (const Row& r : rows) {
         const FileRequest got = resolve(r.method, r.target);
         EXPECT_EQ(got.status, r.status) << r.method << " " << r.target;
@@ -126,24 +111,19 @@ msgpack::object field(const msgpack::object& map, const std::string& key) {
     return {};
 }
 
-TEST(ViewerScene, DescribesBodiesAndWhereAStepKeepsTheirPoses) {
-    TempFolder data;
-    sim::CoreOptions options;
-    options.data_dir = data.str();
-    sim::SimulationCore core(options);
-    const long long mesh = call_ok<long long>(core, "CREATE_TRIMESH", "tri", 3, 1, 0);
+using ViewerScene = CoreTest;
+
+TEST_F(ViewerScene, DescribesBodiesAndWhereAStepKeepsTheirPoses) {
+    const long long mesh = call_ok<long long>(*core, "CREATE_TRIMESH", "tri", 3, 1, 0);
     dt::mesh_batch_t batch;
     batch.vertices = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}};
     batch.triangles = {{0, 1, 2}};
-    call_ok<int>(core, "UPDATE_TRIMESH", mesh, 0, 0, batch);
-    call_ok<int>(core, "SEND_SCENE",
-                 sim::testing::scene_of(
-                     {sim::testing::ground(1),
-                      sim::testing::body(2, sim::Shape::box, {0.5, 0.25, 1}, 1, {1, 2, 3}),
-                      sim::testing::ball(3, 4),
-                      sim::testing::body(4, sim::Shape::mesh, {2, 2, 2}, 1, {0, 0, 6}, mesh)}));
+    call_ok<int>(*core, "UPDATE_TRIMESH", mesh, 0, 0, batch);
+    call_ok<int>(*core, "SEND_SCENE",
+                 scene_of({ground(1), body(2, sim::Shape::box, {0.5, 0.25, 1}, 1, {1, 2, 3}),
+                           ball(3, 4), body(4, sim::Shape::mesh, {2, 2, 2}, 1, {0, 0, 6}, mesh)}));
 
-    const sim::CallResult r = describe_scene(core);
+    const sim::CallResult r = describe_scene(*core);
     ASSERT_TRUE(r.ok) << r.message;
     const auto handle =
         msgpack::unpack(reinterpret_cast<const char*>(r.value.data()), r.value.size());
@@ -153,26 +133,22 @@ TEST(ViewerScene, DescribesBodiesAndWhereAStepKeepsTheirPoses) {
     ASSERT_EQ(bodies.size(), 3u);
     EXPECT_EQ(field(bodies[0], "id").as<int>(), 2);
     EXPECT_EQ(field(bodies[0], "shape").as<std::string>(), "box");
-    EXPECT_EQ(field(bodies[0], "size").as<std::vector<double>>(),
-              (std::vector<double>{0.5, 0.25, 1}));
-    EXPECT_EQ(field(bodies[0], "position").as<std::vector<double>>(),
-              (std::vector<double>{1, 2, 3}));
-    EXPECT_EQ(field(bodies[0], "rotation").as<std::vector<double>>(),
-              (std::vector<double>{1, 0, 0, 0}));
+    EXPECT_EQ(field(bodies[0], "size").as<Doubles>(), (Doubles{0.5, 0.25, 1}));
+    EXPECT_EQ(field(bodies[0], "position").as<Doubles>(), (Doubles{1, 2, 3}));
+    EXPECT_EQ(field(bodies[0], "rotation").as<Doubles>(), (Doubles{1, 0, 0, 0}));
     EXPECT_EQ(field(bodies[1], "shape").as<std::string>(), "sphere");
     EXPECT_EQ(field(bodies[2], "shape").as<std::string>(), "mesh");
-    EXPECT_EQ(field(bodies[2], "vertices").as<std::vector<double>>(),
-              (std::vector<double>{0, 0, 0, 1, 0, 0, 0, 1, 0}));
+    EXPECT_EQ(field(bodies[2], "vertices").as<Doubles>(), (Doubles{0, 0, 0, 1, 0, 0, 0, 1, 0}));
     EXPECT_EQ(field(bodies[2], "triangles").as<std::vector<int>>(), (std::vector<int>{0, 1, 2}));
     const auto planes = field(root, "planes").as<std::vector<msgpack::object>>();
     ASSERT_EQ(planes.size(), 1u);
-    EXPECT_EQ(field(planes[0], "normal").as<std::vector<double>>(), (std::vector<double>{0, 0, 1}));
+    EXPECT_EQ(field(planes[0], "normal").as<Doubles>(), (Doubles{0, 0, 1}));
 
     // The page reads a step only through these positions: they must find the step number,
     // the time and each body's pose in the bytes a step really carries.
     const auto update = field(root, "update").as<std::map<std::string, int>>();
     const auto state = field(root, "body_state").as<std::map<std::string, int>>();
-    const sim::CallResult step = sim::testing::run(core, "STEP_SIMULATION");
+    const sim::CallResult step = run(*core, "STEP_SIMULATION");
     ASSERT_TRUE(step.ok);
     const auto step_handle =
         msgpack::unpack(reinterpret_cast<const char*>(step.value.data()), step.value.size());
@@ -185,9 +161,9 @@ TEST(ViewerScene, DescribesBodiesAndWhereAStepKeepsTheirPoses) {
     const auto states_handle = msgpack::unpack(bin.ptr, bin.size);
     const auto states = states_handle.get().as<std::map<int, std::vector<msgpack::object>>>();
     const auto box = states.at(2);
-    EXPECT_EQ(box.at(state.at("position")).as<std::vector<double>>()[0], 1.0);
-    EXPECT_EQ(box.at(state.at("rotation")).as<std::vector<double>>().size(), 4u);
-    EXPECT_LT(states.at(3).at(state.at("position")).as<std::vector<double>>()[2], 4.0);
+    EXPECT_EQ(box.at(state.at("position")).as<Doubles>()[0], 1.0);
+    EXPECT_EQ(box.at(state.at("rotation")).as<Doubles>().size(), 4u);
+    EXPECT_LT(states.at(3).at(state.at("position")).as<Doubles>()[2], 4.0);
 }
 
 // ---- device markers --------------------------------------------------------------------------
@@ -236,7 +212,7 @@ TEST(ViewerMarkers, PointsOfEachFamilyAndNothingFromOthers) {
         const auto map = handle.get().as<std::map<std::string, msgpack::object>>();
         EXPECT_EQ(map.at("device").as<std::string>(), r.topic);
         EXPECT_EQ(map.at("kind").as<std::string>(), r.kind) << r.topic;
-        EXPECT_EQ(map.at("points").as<std::vector<double>>(), r.points) << r.topic;
+        EXPECT_EQ(map.at("points").as<Doubles>(), r.points) << r.topic;
     }
 }
 
@@ -301,13 +277,9 @@ TEST(ViewerListener, PlainRequestsGetThePageAndUpgradesStillJoin) {
 // request on its WebSocket port as any non-upgrade.
 TEST(ViewerListener, TheServerShipsNoPageWhenToldNot) {
     TempFolder data;
-    launch::LaunchOptions options;
-    options.executable = launch::executable_folder() + "/qor-sim-server";
-    options.args = {"--data-dir", data.str(), "--no-rawsocket", "--no-viewer"};
-    options.log_path = (data.path() / "server.log").string();
-    launch::ServerProcess server(options);
+    const auto server = test_support::start_server(data, {"--no-rawsocket", "--no-viewer"});
     const std::string answer =
-        raw_http(server.websocket_port(), "GET / HTTP/1.1\r\nHost: a\r\n\r\n");
+        raw_http(server->websocket_port(), "GET / HTTP/1.1\r\nHost: a\r\n\r\n");
     EXPECT_EQ(answer.substr(0, answer.find("\r\n")), "HTTP/1.1 400 Bad Request");
 }
 
