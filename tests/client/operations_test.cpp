@@ -28,18 +28,8 @@ struct OperationRow {
     const char* args;                      // their encoding, in hex
 };
 
-types::vector_string_t one_string() {
-    types::vector_string_t v;
-    v.values = {"x"};
-    return v;
-}
-
 // Accepts the result of any operation: the table only looks at what is sent.
-struct Ignore {
-    template <class T>
-    void operator()(RpcResult<T>) const {}
-};
-const Ignore ignore;
+const auto ignore = [](auto) {};
 
 std::vector<OperationRow> operation_table() {
     // Sample arguments: "ab" = a2 61 62, "c" = a1 63, true = c3, false = c2, 0.5 and 2.0 as
@@ -48,7 +38,7 @@ std::vector<OperationRow> operation_table() {
     return {
         {"AUTHENTICATE", [](DaxClient& c) { c.AUTHENTICATE("ab", ignore); }, 1, "a26162"},
         {"BROWSE_PERSISTENCES", [](DaxClient& c) { c.BROWSE_PERSISTENCES(ignore); }, 0, ""},
-        {"CLEAR_BODIES_PERSISTENCES", [](DaxClient& c) { c.CLEAR_BODIES_PERSISTENCES("ab", one_string(), true, ignore); }, 3, "a26162 9191a178 c3"},
+        {"CLEAR_BODIES_PERSISTENCES", [](DaxClient& c) { c.CLEAR_BODIES_PERSISTENCES("ab", types::vector_string_t{{"x"}}, true, ignore); }, 3, "a26162 9191a178 c3"},
         {"CLEAR_PERSISTENCES", [](DaxClient& c) { c.CLEAR_PERSISTENCES(ignore); }, 0, ""},
         {"CLEAR_SCENE", [](DaxClient& c) { c.CLEAR_SCENE(ignore); }, 0, ""},
         {"CLEAR_SCENE_PERSISTENCES", [](DaxClient& c) { c.CLEAR_SCENE_PERSISTENCES("ab", false, ignore); }, 2, "a26162 c2"},

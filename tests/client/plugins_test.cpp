@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -72,13 +71,6 @@ class ScratchFolder : public test_support::TempFolder {
     }
 };
 
-std::string slurp(const fs::path& file) {
-    std::ifstream in(file);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
 struct ProbeRun {
     int status;
     std::string out;
@@ -94,8 +86,8 @@ ProbeRun run_probe(const ScratchFolder& folder, const std::string& args) {
                                 quoted(folder.path() / "err.txt");
     ProbeRun run;
     run.status = std::system(for_shell(command).c_str());
-    run.out = slurp(folder.path() / "out.txt");
-    run.err = slurp(folder.path() / "err.txt");
+    run.out = test_support::read_text(folder.path() / "out.txt");
+    run.err = test_support::read_text(folder.path() / "err.txt");
     return run;
 }
 
@@ -187,16 +179,9 @@ TEST(PluginHandler, GoodPluginRegistersItsCreatorUntilUnloaded) {
     }
 
     // An exception thrown by an export passes through; the library stays held.
-    EXPECT_THROW(
-        {
-            try {
-                handler.load(dir.path().string(), "qor_throw_sdk_cpp", name);
-            } catch (const std::runtime_error& e) {
-                EXPECT_STREQ(e.what(), "test plugin refuses to load");
-                throw;
-            }
-        },
-        std::runtime_error);
+    EXPECT_EQ(test_support::error_of(
+                  [&] { handler.load(dir.path().string(), "qor_throw_sdk_cpp", name); }),
+              "test plugin refuses to load");
     EXPECT_EQ(handler.loaded_count(), 2u);
 
     handler.unload();

@@ -158,16 +158,9 @@ TEST(RecordLayout, DeviceFrames) {
 }
 
 TEST(RecordLayout, RecordsDeclaredElsewhereNest) {
-    user_side::robot_t robot{"r", {{pose7_t{}, 0.5}}};
-    std::vector<uint8_t> out;
-    dax::types::pack(out, robot);
-    EXPECT_EQ(to_hex(out),
-              to_hex(hex("92 A1 72 91 92 97 " + D0 + D0 + D0 + D1 + D0 + D0 + D0 + DHALF)));
-    user_side::robot_t back;
-    mp::ReadBuffer in(out.data(), out.size());
-    dax::types::read(in, back);
-    EXPECT_TRUE(same(back, robot));
-    EXPECT_EQ(read_error(hex("92 A1 72 91 93 00 00 00"), back),
+    expect_layout(user_side::robot_t{"r", {{pose7_t{}, 0.5}}},
+                  "92 A1 72 91 92 97 " + D0 + D0 + D0 + D1 + D0 + D0 + D0 + DHALF);
+    EXPECT_EQ(read_error<user_side::robot_t>(hex("92 A1 72 91 93 00 00 00")),
               "reading struct : wrong number of fields. 3 fields in message, 2 in struct");
 }
 
@@ -182,15 +175,11 @@ TEST(RecordAccepts, IndicesInEveryIntegerFormKeepTheirLow32Bits) {
                                  "93 CE FFFFFFFF E0 D1 FF80 "
                                  "93 CF 0000000100000002 D3 FFFFFFFFFFFFFFFE CE 00000003 "
                                  "93 CE 00000004 CE 00000005 CE 00000006"));
-    ASSERT_EQ(mesh.triangles.size(), 4u);
-    const std::vector<std::vector<uint32_t>> expected = {{5, 4294967295u, 200},
-                                                         {4294967295u, 0xFFFFFFE0u, 0xFFFFFF80u},
-                                                         {2, 0xFFFFFFFEu, 3},
-                                                         {4, 5, 6}};
-    for (std::size_t i = 0; i < expected.size(); ++i) {
-        const auto& t = mesh.triangles[i];
-        EXPECT_EQ((std::vector<uint32_t>{t.a, t.b, t.c}), expected[i]) << "triangle " << i;
-    }
+    const std::vector<index_triple_t> expected = {{5, 4294967295u, 200},
+                                                  {4294967295u, 0xFFFFFFE0u, 0xFFFFFF80u},
+                                                  {2, 0xFFFFFFFEu, 3},
+                                                  {4, 5, 6}};
+    EXPECT_TRUE(same(mesh.triangles, expected)) << to_hex(encode(mesh));
 }
 
 TEST(RecordAccepts, SinglePrecisionFromBothFloatForms) {
@@ -198,24 +187,15 @@ TEST(RecordAccepts, SinglePrecisionFromBothFloatForms) {
     const auto pose =
         decode<pose7_t>(hex("97 CB 3FB999999999999A CA 3F800000 CB 4000000000000000 "
                             "CA 3F000000 CA 00000000 CA 80000000 CB BFF0000000000000"));
-    EXPECT_EQ(pose.x, 0.1f);
-    EXPECT_EQ(pose.y, 1.0f);
-    EXPECT_EQ(pose.z, 2.0f);
-    EXPECT_EQ(pose.q0, 0.5f);
-    EXPECT_EQ(pose.q1, 0.0f);
-    EXPECT_TRUE(std::signbit(pose.q2));
-    EXPECT_EQ(pose.q3, -1.0f);
+    // Compared bitwise: the negative zero stays negative.
+    EXPECT_TRUE(same(pose, pose7_t{0.1f, 1, 2, 0.5f, 0, -0.0f, -1})) << to_hex(encode(pose));
 }
 
 TEST(RecordAccepts, DoublesFromFloat32AreWidenedExactly) {
     mesh_batch_t mesh = decode<mesh_batch_t>(
         hex("93 92 93 CA 3DCCCCCD " + D1 + D2 + "93 " + D3 + D0 + "CA 3F000000 90 90"));
-    ASSERT_EQ(mesh.vertices.size(), 2u);
-    EXPECT_EQ(mesh.vertices[0].x, static_cast<double>(0.1f));
-    EXPECT_NE(mesh.vertices[0].x, 0.1);
-    EXPECT_EQ(mesh.vertices[0].y, 1.0);
-    EXPECT_EQ(mesh.vertices[1].x, 3.0);
-    EXPECT_EQ(mesh.vertices[1].z, 0.5);
+    const std::vector<vec3d_t> expected = {{static_cast<double>(0.1f), 1, 2}, {3, 0, 0.5}};
+    EXPECT_TRUE(same(mesh.vertices, expected)) << to_hex(encode(mesh));
 
     // Plain number lists mix the forms the same way.
     const auto doubles = decode<double_list_t>(hex("91 93 CA 3F800000 " + D2 + "CA 3F000000"));

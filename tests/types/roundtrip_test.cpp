@@ -77,39 +77,26 @@ T random_record(uint64_t seed) {
 // Field by field through the codec's scalar functions only: what every record must produce and
 // accept, whatever shortcuts the records take.
 
-inline void ref_pack(std::vector<uint8_t>& out, float v) {
-    mp::pack(out, static_cast<double>(v));
-}
-inline void ref_pack(std::vector<uint8_t>& out, const std::vector<bool>& v) {
-    mp::pack(out, v);
-}
 template <class T>
-void ref_pack(std::vector<uint8_t>& out, const T& v);
+constexpr bool is_list_v = false;
 template <class E>
-void ref_pack(std::vector<uint8_t>& out, const std::vector<E>& v) {
-    mp::pack_array_header(out, v.size());
-    for (const E& e : v) ref_pack(out, e);
-}
+constexpr bool is_list_v<std::vector<E>> = !std::is_same_v<E, bool>;  // flags go whole
+
 template <class T>
 void ref_pack(std::vector<uint8_t>& out, const T& v) {
     if constexpr (dax::types::is_record_v<T>) {
         mp::pack_array_header(out, dax::types::field_count_v<T>);
         std::apply([&out](const auto&... f) { (ref_pack(out, f), ...); }, v.fields());
+    } else if constexpr (is_list_v<T>) {
+        mp::pack_array_header(out, v.size());
+        for (const auto& e : v) ref_pack(out, e);
+    } else if constexpr (std::is_same_v<T, float>) {
+        mp::pack(out, static_cast<double>(v));
     } else {
         mp::pack(out, v);
     }
 }
 
-inline void ref_read(mp::ReadBuffer& in, std::vector<bool>& v) {
-    mp::read(in, v);
-}
-template <class T>
-void ref_read(mp::ReadBuffer& in, T& v);
-template <class E>
-void ref_read(mp::ReadBuffer& in, std::vector<E>& v) {
-    v.resize(mp::read_array_header(in));
-    for (E& e : v) ref_read(in, e);
-}
 template <class T>
 void ref_read(mp::ReadBuffer& in, T& v) {
     if constexpr (dax::types::is_record_v<T>) {
@@ -117,6 +104,9 @@ void ref_read(mp::ReadBuffer& in, T& v) {
         if (n != dax::types::field_count_v<T>)
             mp::throw_struct_count(n, dax::types::field_count_v<T>);
         std::apply([&in](auto&... f) { (ref_read(in, f), ...); }, v.fields());
+    } else if constexpr (is_list_v<T>) {
+        v.resize(mp::read_array_header(in));
+        for (auto& e : v) ref_read(in, e);
     } else {
         mp::read(in, v);
     }
