@@ -71,9 +71,7 @@ TEST_F(DevicesTest, ConstructionSubscribesEveryTopicOnceInFamilyOrder) {
 }
 
 TEST_F(DevicesTest, NumberedStreamsKeepTheirOwnFrames) {
-    types::leap_frame_t leap;
-    leap.i1 = 33;
-    publish("leap_frame_3", leap);
+    publish("leap_frame_3", types::leap_frame_t{33, {}});
     EXPECT_THAT(client->get_leap_ids(), ElementsAre(3));
     EXPECT_TRUE(client->is_leap_available(3));
     EXPECT_FALSE(client->is_leap_available(2));
@@ -82,11 +80,8 @@ TEST_F(DevicesTest, NumberedStreamsKeepTheirOwnFrames) {
     EXPECT_EQ(got.i1, 33);
     EXPECT_FALSE(client->get_leap_frame(got, 2));
 
-    types::kinect_frame_t k4, k0;
-    k4.i1 = 4;
-    k0.i1 = 10;
-    publish("kinect_frame_4", k4);
-    publish("kinect_frame_0", k0);
+    publish("kinect_frame_4", types::kinect_frame_t{4, {}});
+    publish("kinect_frame_0", types::kinect_frame_t{10, {}});
     EXPECT_THAT(client->get_kinect_ids(), ElementsAre(0, 4));
     types::kinect_frame_t got_kinect;
     ASSERT_TRUE(client->get_kinect_frame(got_kinect, 4));

@@ -73,9 +73,7 @@ TEST_F(RegistryTest, FirstRegisteredFactoryThatMakesTheTypeWins) {
 }
 
 TEST_F(RegistryTest, AutomaticIdsCountUpAndResetStartsAgain) {
-    EXPECT_EQ(client->Create("T")->getId(), 0);
-    EXPECT_EQ(client->Create("T")->getId(), 1);
-    EXPECT_EQ(client->Create("T")->getId(), 2);
+    for (int64_t id : {0, 1, 2}) EXPECT_EQ(client->Create("T")->getId(), id);
     EXPECT_EQ(client->components.size(), 3u);
     client->Reset();
     EXPECT_TRUE(client->components.empty());

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -62,26 +63,20 @@ TEST_F(SceneTest, ComponentsGoInAscendingIdOrderWithTheirOwnData) {
 }
 
 TEST_F(SceneTest, IdsAndClientIdsUseTheCompactIntegerForm) {
-    struct Row {
-        int64_t id;
-        int client_id;
-        const char* encoded;  // the id, then the client id
-    };
     // The codec's tables pin every bound; these rows pin that the id goes as a 64-bit value
-    // and the client id as an int.
-    const Row rows[] = {
+    // and the client id as an int. `encoded`: the id, then the client id.
+    const std::tuple<int64_t, int, const char*> rows[] = {
         {128, 128, "cc80 cc80"},
         {-128, -128, "d1ff80 d1ff80"},
         {4294967296LL, 0, "cf0000000100000000 00"},
         {-2147483649LL, 0, "d3ffffffff7fffffff 00"},
     };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.id);
+    for (const auto& [id, client_id, encoded] : rows) {
+        SCOPED_TRACE(id);
         client->Clear();
-        client->Create("Body", row.id, row.client_id);
+        client->Create("Body", id, client_id);
         client->send_scene_to_server();
-        EXPECT_EQ(sent_scene(),
-                  to_hex(hex(std::string("91 94 a4 426f6479 ") + row.encoded + " c0")));
+        EXPECT_EQ(sent_scene(), to_hex(hex(std::string("91 94 a4 426f6479 ") + encoded + " c0")));
     }
 }
 
@@ -126,11 +121,7 @@ TEST_F(SceneTest, UpdateModeFeedsExistingComponentsAndRefusesUnknownIds) {
 }
 
 TEST_F(SceneTest, MalformedScenesRaiseTheirErrors) {
-    struct Row {
-        const char* bytes;
-        const char* error;
-    };
-    const Row rows[] = {
+    const std::pair<const char*, const char*> rows[] = {
         {"80", "inconsistent data while parsing array"},
         {"c0", "inconsistent data while parsing array"},
         {"91 a4 426f6479", "inconsistent data while parsing array"},
@@ -138,11 +129,11 @@ TEST_F(SceneTest, MalformedScenesRaiseTheirErrors) {
         {"92 94 a4 426f6479 01 00 c0  94 a4 4e6f7065 02 00 c0",
          "Error in DaxClient::Create : type 'Nope' not found"},
     };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.bytes);
+    for (const auto& [bytes, error] : rows) {
+        SCOPED_TRACE(bytes);
         client->Clear();
-        EXPECT_EQ(error_of([&] { client->deserialize_components(buffer(hex(row.bytes)), true); }),
-                  row.error);
+        EXPECT_EQ(error_of([&] { client->deserialize_components(buffer(hex(bytes)), true); }),
+                  error);
     }
     // Components created before the unknown type stay.
     EXPECT_NE(client->getComponent(1), nullptr);

@@ -280,22 +280,18 @@ TEST_F(CoreMisc, TryCallRunsOnlyQuickOperationsAndLeavesFailuresToCall) {
     EXPECT_EQ(value_of<int>(r), 17) << "the period it replaced";
     EXPECT_EQ(call_ok<int>(*core, "SET_SERVER_PERIOD_MS", 5.0), 20) << "the one it set";
 
-    const struct {
-        const char* name;
-        std::vector<uint8_t> args;
-        uint64_t count;
-    } declined[] = {
+    const std::tuple<const char*, std::vector<uint8_t>, uint64_t> declined[] = {
         {"SEND_SCENE", {0xc4, 0x01, 0x90}, 1},                           // builds a world
         {"SET_PROPERTY", {0xa1, 'a', 0xa1, 'b'}, 2},                     // writes a file
         {"GET_PROPERTY", {0xa7, 'm', 'i', 's', 's', 'i', 'n', 'g'}, 1},  // fails
         {"GET_PERSISTENCE_MODE", {0x01}, 1},                             // wrong argument count
         {"NO_SUCH_OPERATION", {}, 0},
     };
-    for (const auto& d : declined) {
+    for (const auto& [name, args, count] : declined) {
         CallResult out;
-        EXPECT_FALSE(try_run(d.name, d.args, d.count, out)) << d.name;
-        EXPECT_FALSE(out.ok) << d.name;
-        EXPECT_TRUE(out.value.empty() && out.error.empty()) << d.name;
+        EXPECT_FALSE(try_run(name, args, count, out)) << name;
+        EXPECT_FALSE(out.ok) << name;
+        EXPECT_TRUE(out.value.empty() && out.error.empty()) << name;
     }
     EXPECT_FALSE(call_ok<bool>(*core, "HAS_PROPERTY", "a"));
     EXPECT_TRUE(call_ok<dt::vector_string_t>(*core, "GET_LAST_ERRORS", false).values.empty());

@@ -43,11 +43,7 @@ TEST_F(CoreTest, StepAnswerIsTheRecordPackedWhole) {
         scene.push_back(ball(id, 2.0 + double(scene.size())));
     call_ok<int>(*core, "SEND_SCENE", scene_of(scene));
     const CallResult r = run(*core, "STEP_SIMULATION");
-    ASSERT_TRUE(r.ok) << r.message;
-    dt::integration_result_t decoded;
-    mp::ReadBuffer in(r.value.data(), r.value.size());
-    dt::read(in, decoded);
-    EXPECT_EQ(in.remaining(), 0u);
+    const auto decoded = value_of<dt::integration_result_t>(r);
     EXPECT_EQ(states_of(decoded).size(), 18u);
     std::vector<uint8_t> whole;
     dt::pack(whole, decoded);
@@ -261,9 +257,7 @@ TEST_F(CoreTest, ClockPublishesWhileRunningAndStopsWhenPaused) {
     std::vector<dt::integration_result_t> published;
     core->set_publisher([&](const std::string& topic, const std::vector<uint8_t>& value) {
         EXPECT_EQ(topic, "qor.server.update");
-        dt::integration_result_t r;
-        mp::ReadBuffer in(value.data(), value.size());
-        dax::types::read(in, r);
+        auto r = test_support::decode<dt::integration_result_t>(value);
         std::lock_guard<std::mutex> lock(m);
         published.push_back(std::move(r));
     });

@@ -5,6 +5,7 @@
 #include <fstream>
 #include <map>
 #include <string>
+#include <tuple>
 
 #include <gtest/gtest.h>
 #include <boost/asio.hpp>
@@ -29,13 +30,8 @@ using namespace sim::testing;
 using Doubles = std::vector<double>;
 
 TEST(ViewerFiles, ResolvesOnlyPlainFilesOfTheFolder) {
-    struct Row {
-        const char* method;
-        const char* target;
-        int status;
-        const char* path;  // on 200
-    };
-    std::vector<Row> rows = {
+    // Method, target, status and, on 200, the file's path.
+    std::vector<std::tuple<const char*, const char*, int, const char*>> rows = {
         {"GET", "/", 200, "index.html"},
         {"HEAD", "/", 200, "index.html"},
         {"GET", "/viewer.js", 200, "viewer.js"},
@@ -57,11 +53,12 @@ TEST(ViewerFiles, ResolvesOnlyPlainFilesOfTheFolder) {
           "/%5c..%5csecret.html", "/index.html%00.js", "/C:/secret.html", "/.hidden.js",
           "/server.log", "/viewer", "/caf%C3%A9.html"})
         rows.push_back({"GET", target, 404, ""});
-    for (const Row& r : rows) {
-        const FileRequest got = resolve(r.method, r.target);
-        EXPECT_EQ(got.status, r.status) << r.method << " " << r.target;
-        EXPECT_EQ(got.path, r.path) << r.method << " " << r.target;
-        EXPECT_EQ(got.content_type.empty(), r.status != 200) << r.target;
+    for (const auto& [method, target, status, path] : rows) {
+        SCOPED_TRACE(std::string(method) + " " + target);
+        const FileRequest got = resolve(method, target);
+        EXPECT_EQ(got.status, status);
+        EXPECT_EQ(got.path, path);
+        EXPECT_EQ(got.content_type.empty(), status != 200);
     }
     EXPECT_EQ(resolve("GET", "/").content_type, "text/html; charset=utf-8");
     EXPECT_EQ(resolve("GET", "/a.js").content_type, "text/javascript; charset=utf-8");
@@ -76,13 +73,7 @@ TEST(ViewerFiles, SiteReadsTheFileAndNothingElse) {
     std::filesystem::create_directories(root.path() / "site" / "dir.js");
     const Site site((root.path() / "site").string());
 
-    struct Row {
-        const char* method;
-        const char* target;
-        int status;
-        const char* body;
-    };
-    const Row rows[] = {
+    const std::tuple<const char*, const char*, int, const char*> rows[] = {
         {"GET", "/", 200, "<p>page</p>"},
         {"HEAD", "/", 200, "<p>page</p>"},  // the listener leaves the body out
         {"GET", "/lib/a.js", 200, "let a;"},
@@ -92,10 +83,10 @@ TEST(ViewerFiles, SiteReadsTheFileAndNothingElse) {
         {"GET", "/%", 400, "bad request\n"},
         {"DELETE", "/", 405, "method not allowed\n"},
     };
-    for (const Row& r : rows) {
-        const transport::HttpResponse got = site.answer({r.method, r.target});
-        EXPECT_EQ(got.status, r.status) << r.target;
-        EXPECT_EQ(got.body, r.body) << r.target;
+    for (const auto& [method, target, status, body] : rows) {
+        const transport::HttpResponse got = site.answer({method, target});
+        EXPECT_EQ(got.status, status) << target;
+        EXPECT_EQ(got.body, body) << target;
     }
     EXPECT_EQ(find_viewer_folder(root.str()), "");
     std::filesystem::rename(root.path() / "site", root.path() / "viewer");
