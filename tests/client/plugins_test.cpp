@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -191,15 +192,16 @@ TEST(PluginHandler, GoodPluginRegistersItsCreatorUntilUnloaded) {
 
 // ---- whole constructions, each in a folder of its own ----------------------------------------
 
-// Each row runs the probe in a folder of its own holding the plug-ins named ("built>as", names
-// without the platform's prefix and extension) and files that are no library ("!name");
+// Each row runs the probe in a folder of its own holding the files it names, separated by blanks:
+// plug-ins ("built>as", names without the platform's prefix and extension), files that are no
+// library ("!name");
 // "sdk" puts the SDK's own library there. `out` and `err` are the whole output, or a part of it
 // when the row says so. "{dir}" stands for the folder.
 TEST(ClientConstruction, EachFolderGivesItsOutputAndSubscriptions) {
     enum Match { whole, out_part, both_parts };
     struct Row {
         const char* name;
-        std::vector<std::string> files;
+        const char* files;
         std::string args, out, err;
         Match match;
     };
@@ -208,15 +210,12 @@ TEST(ClientConstruction, EachFolderGivesItsOutputAndSubscriptions) {
     const std::string logger = "--stderr-logger";
     const Row rows[] = {
         // The SDK itself is skipped by its exact name only: as a plug-in it would be reported.
-        {"only the exact own name is skipped",
-         {"sdk", "!qor_xsdk_cpp"},
-         logger,
-         plain,
+        {"only the exact own name is skipped", "sdk !qor_xsdk_cpp", logger, plain,
          "[Server] Failed to load plugin " + lib("qor_xsdk_cpp") + ": " + kNotALibraryCode,
          both_parts},
         // The defaults hold from the start, so the early return leaves them in place.
         {"a throwing plug-in stops the search and the subscriptions",
-         {"qor_test_throw_sdk_cpp>qor_1throw_sdk_cpp", "qor_test_good_sdk_cpp>qor_2good_sdk_cpp"},
+         "qor_test_throw_sdk_cpp>qor_1throw_sdk_cpp qor_test_good_sdk_cpp>qor_2good_sdk_cpp",
          logger,
          kStart + "probe: factories=0 bindings=0 timeout=1000 version=-1\n" +
              "[Client] Cleanup\nprobe: peer bindings=0 pending=0\n",
@@ -224,35 +223,29 @@ TEST(ClientConstruction, EachFolderGivesItsOutputAndSubscriptions) {
          whole},
         // The second library has no "PluginInit", yet its name finds the first one's function.
         {"plug-ins sharing a name use whatever the table holds at each load",
-         {"qor_test_twin_a_sdk_cpp>qor_1twin_sdk_cpp", "qor_test_noinit_sdk_cpp>qor_2twin_sdk_cpp",
-          "qor_test_twin_b_sdk_cpp>qor_3twin_sdk_cpp"},
+         "qor_test_twin_a_sdk_cpp>qor_1twin_sdk_cpp qor_test_noinit_sdk_cpp>qor_2twin_sdk_cpp "
+         "qor_test_twin_b_sdk_cpp>qor_3twin_sdk_cpp",
          logger,
          kStart + "[Client] * Loaded plugin twin (first twin)\n" +
              "[Client] * Loaded plugin twin (first twin)\n" +
              "[Client] * Loaded plugin twin (second twin)\n" + plain + ended,
-         "[Server] Failed initializing plugin : " + lib("qor_2twin_sdk_cpp") + "\n",
-         whole},
+         "[Server] Failed initializing plugin : " + lib("qor_2twin_sdk_cpp") + "\n", whole},
         // Not the search's own failure: the exception leaves the constructor, and the factory
         // appended before it is deleted while its library is still loaded.
         {"a throw from registerFactories releases what was gathered",
-         {"qor_test_throw_register_sdk_cpp>qor_bad_sdk_cpp"},
-         logger,
+         "qor_test_throw_register_sdk_cpp>qor_bad_sdk_cpp", logger,
          kStart + "plugin: factory released\n" +
              "probe: construction failed: test plugin cannot register\n" +
              "probe: peer bindings=0 pending=0\n",
-         "",
-         whole},
-        {"a failure without an application logger still gets reported",
-         {"!qor_broken_sdk_cpp"},
-         "",
-         "[Server] Failed to load plugin " + lib("qor_broken_sdk_cpp"),
-         "",
-         out_part},
+         "", whole},
+        {"a failure without an application logger still gets reported", "!qor_broken_sdk_cpp", "",
+         "[Server] Failed to load plugin " + lib("qor_broken_sdk_cpp"), "", out_part},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         ScratchFolder dir;
-        for (const std::string& file : row.files) {
+        std::istringstream files(row.files);
+        for (std::string file; files >> file;) {
             const auto arrow = file.find('>');
             if (file == "sdk")
                 dir.add_sdk();

@@ -219,21 +219,19 @@ TEST_F(SceneTest, StateNamingAnAbsentIdAppliesWhatCameBefore) {
 
 TEST_F(SceneTest, StatesInAnyOrderReachTheirComponents) {
     for (int64_t id : {2, 5, 9}) client->Create("Counter", id, 0);
-    const struct {
-        const char* states;
-        long long c2, c5, c9;
-    } rows[] = {
+    // The states, then the values of counters 2, 5 and 9 after them.
+    const std::tuple<const char*, long long, long long, long long> rows[] = {
         {"83 02 01 05 02 09 03", 1, 2, 3},  // ascending, as servers send them
         {"83 09 04 05 05 02 06", 6, 5, 4},  // descending
         {"83 05 07 09 08 05 09", 6, 9, 8},  // an id twice: the later state wins
         {"82 09 0a 02 0b", 11, 9, 10},      // skipping one
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.states);
-        client->update_scene_state(step_result(row.states));
-        EXPECT_EQ(counter(2)->value, row.c2);
-        EXPECT_EQ(counter(5)->value, row.c5);
-        EXPECT_EQ(counter(9)->value, row.c9);
+    for (const auto& [states, c2, c5, c9] : rows) {
+        SCOPED_TRACE(states);
+        client->update_scene_state(step_result(states));
+        EXPECT_EQ(counter(2)->value, c2);
+        EXPECT_EQ(counter(5)->value, c5);
+        EXPECT_EQ(counter(9)->value, c9);
     }
 }
 

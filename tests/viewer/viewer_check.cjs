@@ -1,10 +1,6 @@
-// Opens the viewer in headless Chromium and checks it against a simulation server holding a
-// stopped scene: the page connects and draws every body, its Start button runs the scene
-// and the bodies move between two published steps, Reset brings back the first poses, Pause
-// pauses, the step period is set and a single step of it is drawn, and a screenshot is not
-// blank. Then it prints "restart", and once the server is back on
-// the same port asking for a ticket, the page must ask for it and join again. Prints what it
-// saw as JSON lines; exits non-zero with the reason on the first failed check.
+// Drives the viewer in headless Chromium through the steps browser_test.cpp lists, printing
+// what it saw as JSON lines and "restart" when the server is to come back asking for a ticket;
+// exits non-zero with the reason on the first failed check.
 //
 // usage: node viewer_check.cjs URL BODIES SCREENSHOT NODE_MODULES [CHROMIUM]
 'use strict';

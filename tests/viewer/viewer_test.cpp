@@ -175,15 +175,10 @@ TEST(ViewerMarkers, PointsOfEachFamilyAndNothingFromOthers) {
     art.list_a.resize(2);
     dt::leap_frame_t leap;
 
-    struct Row {
-        std::string topic;
-        std::vector<uint8_t> frame;
-        const char* kind;  // null: no markers
-        std::vector<double> points;
-    };
     std::vector<uint8_t> truncated = encode(kinect);
     truncated.pop_back();
-    const Row rows[] = {
+    // The topic, the frame, the kind of markers (null: none) and their points.
+    const std::tuple<std::string, std::vector<uint8_t>, const char*, Doubles> rows[] = {
         {"kinect_frame_0", encode(kinect), "skeleton", {0, 0, 0, 0, 0, 1.5}},
         {"kinect_frame_4", encode(kinect), "skeleton", {0, 0, 0, 0, 0, 1.5}},
         {"xsens_frame", encode(xsens), "skeleton", {0, 0, 0, 0, 0, 0, 2, 0, 0}},
@@ -194,16 +189,17 @@ TEST(ViewerMarkers, PointsOfEachFamilyAndNothingFromOthers) {
         {"kinect_frame_0", truncated, nullptr, {}},
         {"xsens_frame", encode(kinect), nullptr, {}},
     };
-    for (const Row& r : rows) {
-        const auto got = markers_of(r.topic, r.frame);
-        ASSERT_EQ(got.has_value(), r.kind != nullptr) << r.topic;
+    for (const auto& [topic, frame, kind, points] : rows) {
+        SCOPED_TRACE(topic);
+        const auto got = markers_of(topic, frame);
+        ASSERT_EQ(got.has_value(), kind != nullptr);
         if (!got) continue;
         const auto handle =
             msgpack::unpack(reinterpret_cast<const char*>(got->data()), got->size());
         const auto map = handle.get().as<std::map<std::string, msgpack::object>>();
-        EXPECT_EQ(map.at("device").as<std::string>(), r.topic);
-        EXPECT_EQ(map.at("kind").as<std::string>(), r.kind) << r.topic;
-        EXPECT_EQ(map.at("points").as<Doubles>(), r.points) << r.topic;
+        EXPECT_EQ(map.at("device").as<std::string>(), topic);
+        EXPECT_EQ(map.at("kind").as<std::string>(), kind);
+        EXPECT_EQ(map.at("points").as<Doubles>(), points);
     }
 }
 

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -36,11 +37,8 @@ TEST(WindowsHeadersFirst, CallerTellsErrorFromResult) {
     session.write = [&sent](const uint8_t* data, uint64_t size) { sent.assign(data, data + size); };
     qor::wamp::Caller caller(&session);
 
-    struct Row {
-        uint32_t type;
-        bool is_error;
-    };
-    for (const Row row : {Row{qor::wamp::ERROR, true}, Row{qor::wamp::RESULT, false}}) {
+    const std::pair<uint32_t, bool> rows[] = {{qor::wamp::ERROR, true}, {qor::wamp::RESULT, false}};
+    for (const auto& [type, is_error] : rows) {
         qor::wamp::RPC<int> rpc("com.example.answer");
         qor::wamp::RpcResult<int> got;
         bool called = false;
@@ -50,12 +48,12 @@ TEST(WindowsHeadersFirst, CallerTellsErrorFromResult) {
         };
         caller.call(rpc);
         ASSERT_EQ(caller.pending.size(), 1u);
-        Message answer(row.type);
+        Message answer(type);
         answer.request = qor::wamp::Id(caller.pending.begin()->first);
         answer.error = "com.example.failed";
         EXPECT_TRUE(caller.handle(answer));
         EXPECT_TRUE(called);
-        EXPECT_EQ(got.isError, row.is_error) << qor::wamp::type_name(row.type);
+        EXPECT_EQ(got.isError, is_error) << qor::wamp::type_name(type);
     }
     EXPECT_FALSE(sent.empty());
 }
