@@ -134,9 +134,7 @@ TEST(DevicesLater, TopicsServedAfterConstructionAreBoundThen) {
     net.peer.serve_topic("leap_frame_7", &net.endpoint);
     net.link.confirm_subscription("leap_frame_7", qor::wamp::Id(4));
     client.full_update();
-    types::leap_frame_t frame;
-    frame.i1 = 70;
-    net.link.publish_event(qor::wamp::Id(4), frame);
+    net.link.publish_event(qor::wamp::Id(4), types::leap_frame_t{70, {}});
     client.full_update();
     EXPECT_THAT(client.get_leap_ids(), ElementsAre(7));
 }

@@ -194,9 +194,8 @@ TEST(PluginHandler, GoodPluginRegistersItsCreatorUntilUnloaded) {
 
 // Each row runs the probe in a folder of its own holding the files it names, separated by blanks:
 // plug-ins ("built>as", names without the platform's prefix and extension), files that are no
-// library ("!name");
-// "sdk" puts the SDK's own library there. `out` and `err` are the whole output, or a part of it
-// when the row says so. "{dir}" stands for the folder.
+// library ("!name") and "sdk", the SDK's own library. `out` and `err` are the whole output, or a
+// part of it when the row says so. "{dir}" stands for the folder.
 TEST(ClientConstruction, EachFolderGivesItsOutputAndSubscriptions) {
     enum Match { whole, out_part, both_parts };
     struct Row {

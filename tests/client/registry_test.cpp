@@ -25,19 +25,12 @@ using ::testing::ElementsAre;
 std::vector<std::string> events;  // destruction order, shared by the helpers below
 
 /// A component that records its destruction.
-class Tracked : public IClientComponent {
+class Tracked : public Body {
   public:
     Tracked(int64_t id, DaxClient* client, std::string tag)
-        : IClientComponent(id, client), tag(std::move(tag)) {}
+        : Body(id, client), tag(std::move(tag)) {}
     ~Tracked() override { events.push_back("component " + std::to_string(id)); }
     std::string getType() override { return "T"; }
-    void extension1() override {}
-    void extension2() override {}
-    void serialize(std::vector<uint8_t>& out) override { out.push_back(0xc0); }
-    void deserialize(qor::serialization::msgpack::ReadBuffer& in) override {
-        qor::serialization::msgpack::skip(in);
-    }
-    void onSceneLoaded() override {}
     std::string tag;
 };
 

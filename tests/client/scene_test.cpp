@@ -237,9 +237,9 @@ TEST_F(SceneTest, StatesInAnyOrderReachTheirComponents) {
 
 // Removes the component whose id its state names from the registry, as an application's
 // handler might while an update is applied.
-class Remover : public dax::client::IClientComponent {
+class Remover : public Counter {
   public:
-    Remover(int64_t id, DaxClient* owner) : IClientComponent(id, owner) {}
+    using Counter::Counter;
     std::string getType() override { return "Remover"; }
     void update_state(mp::ReadBuffer& in) override {
         long long victim = 0;
@@ -248,11 +248,6 @@ class Remover : public dax::client::IClientComponent {
         delete found->second;
         client->components.erase(found);
     }
-    void extension1() override {}
-    void extension2() override {}
-    void serialize(std::vector<uint8_t>&) override {}
-    void deserialize(mp::ReadBuffer&) override {}
-    void onSceneLoaded() override {}
 };
 
 TEST_F(SceneTest, StateOfAComponentRemovedByAnEarlierStateIsRefused) {

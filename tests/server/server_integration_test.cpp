@@ -99,13 +99,6 @@ TEST_P(ServerOverFraming, SceneStateAndErrorThroughDaxClient) {
     EXPECT_EQ(step.value_int, 31);
     EXPECT_EQ(states_of(step).count(1), 1u);
 
-    // The server's scene holds the pose of the last state.
-    c.sync_step();
-    const mp::buffer scene = c.GET_SERVER_SCENE();
-    const auto components = decode_scene(scene.data, scene.size);
-    ASSERT_EQ(components.size(), 2u);
-    EXPECT_EQ(decode_body(components[1].data).pose.position.z, ball->state.pose.position.z);
-
     // Errors: the blocking form throws the error URI; the server remembers the text.
     EXPECT_EQ(test_support::error_of([&] { c.GET_PROPERTY("missing"); }), "qor.error.not_found");
     const auto errors = c.GET_LAST_ERRORS(true);
