@@ -128,8 +128,7 @@ TEST_F(OperationsTest, OtherHandlersErrorsStayOutOfABlockingCall) {
     net.link.confirm_subscription("qor.server.update", qor::wamp::Id(900));
     client->full_update();
     // A state update naming a component this client lacks, then the call's own answer.
-    types::integration_result_t unknown;
-    unknown.states = buffer(hex("81 63 c0"));
+    const types::integration_result_t unknown{buffer(hex("81 63 c0")), 0, {}, {}, {}};
     net.on_pass(2, [&] {
         net.link.publish_event(qor::wamp::Id(900), unknown);
         net.link.reply_last_result(7);
@@ -186,7 +185,6 @@ TEST_F(OperationsTest, AsyncLimitCompletesTheCallWithAnErrorAndCancelsIt) {
 
 TEST_F(OperationsTest, TimeoutTextNamesTheOperationAndTheLimitIsReadInEveryPass) {
     struct Row {
-        const char* name;
         int timeout_ms;
         uint64_t answer_pass;  // 0: nobody answers
         std::function<void(DaxClient&)> call;
@@ -195,13 +193,12 @@ TEST_F(OperationsTest, TimeoutTextNamesTheOperationAndTheLimitIsReadInEveryPass)
     };
     const Row rows[] = {
         // Nobody answers: fails once a whole millisecond has passed.
-        {"no answer", 0, 0, [](DaxClient& c) { c.CLEAR_SCENE(); }, "CLEAR_SCENE", 0},
-        {"no answer", 0, 0, [](DaxClient& c) { c.SET_PUBLISH_PERIOD_MS(5.0); },
-         "SET_PUBLISH_PERIOD_MS", 0},
+        {0, 0, [](DaxClient& c) { c.CLEAR_SCENE(); }, "CLEAR_SCENE", 0},
+        {0, 0, [](DaxClient& c) { c.SET_PUBLISH_PERIOD_MS(5.0); }, "SET_PUBLISH_PERIOD_MS", 0},
         // A negative limit fails the first pass, even the one that delivers the result.
-        {"negative", -1, 1, [](DaxClient& c) { c.START_SIMULATION(); }, "START_SIMULATION", 1},
+        {-1, 1, [](DaxClient& c) { c.START_SIMULATION(); }, "START_SIMULATION", 1},
         // Lowered from inside the pass that also delivers the result: that pass fails.
-        {"lowered", 1000, 3, [](DaxClient& c) { c.DUMP(); }, "DUMP", 3},
+        {1000, 3, [](DaxClient& c) { c.DUMP(); }, "DUMP", 3},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.operation);

@@ -7,8 +7,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <dax/plugins/plugin_handler.hpp>
-
 #include "support/testing.hpp"
 #include "test_components.hpp"
 

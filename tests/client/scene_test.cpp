@@ -38,10 +38,7 @@ class SceneTest : public ClientTest {
     }
     /// A step result carrying `states` (hex of the map).
     static dax::types::integration_result_t step_result(const std::string& states) {
-        dax::types::integration_result_t result;
-        result.states = buffer(hex(states));
-        result.value_int = 3;
-        return result;
+        return {buffer(hex(states)), 3, {}, {}, {}};
     }
     Body* body(int64_t id) { return static_cast<Body*>(client->getComponent(id)); }
     Counter* counter(int64_t id) { return static_cast<Counter*>(client->getComponent(id)); }
@@ -334,10 +331,10 @@ TEST_F(SceneTest, SyncStepKeepsOtherHandlersErrorsAndLetsItsOwnThrough) {
 
     // The step's own state failing to apply, or its answer failing to decode, still leaves
     // through sync_step, and is not counted as someone else's.
-    const std::string missing = "update_scene_state: component not found id=99";
     net.on_pass(net.link.first_passes + 1,
                 [&] { net.link.reply_last_result(step_result("81 63 07")); });
-    EXPECT_EQ(error_of([&] { client->sync_step(); }), missing);
+    EXPECT_EQ(error_of([&] { client->sync_step(); }),
+              "update_scene_state: component not found id=99");
     net.on_pass(net.link.first_passes + 1, [&] { net.link.reply_last_result(7); });
     EXPECT_EQ(error_of([&] { client->sync_step(); }), "inconsistent data while parsing array");
     EXPECT_EQ(client->handler_errors, 1u);

@@ -20,7 +20,7 @@ namespace dt = dax::types;
 using ::testing::HasSubstr;
 
 /// Calls operation `name` with `count` arguments, encoded back to back as `args` (hex).
-CallResult call_hex(SimulationCore& core, const std::string& name, const char* args,
+CallResult call_hex(SimulationCore& core, const std::string& name, const std::string& args,
                     uint64_t count) {
     const std::vector<uint8_t> bytes = test_support::hex(args);
     return core.call("qor.server.operation." + name, bytes.data(), bytes.size(), count);
@@ -37,9 +37,11 @@ using CoreArguments = CoreTest;
 using CorePersistence = CoreTest;
 using CoreMisc = CoreTest;
 
+const std::string ZERO = "cb 0000000000000000 ";  // 0.0 as float 64
+
 struct BadCall {
     std::string name;
-    const char* args;  // hex
+    std::string args;  // hex
     uint64_t count;
     std::string text;
     std::string error = "wamp.error.invalid_argument";
@@ -64,7 +66,7 @@ TEST_F(CoreArguments, WrongCountOrTypeSaysWhichArgument) {
         {"SET_PROPERTY", "a1 61", 2,
          "argument 2 of SET_PROPERTY must be a string: unexpected end of data"},
         {"GET_PROPERTY", "a1 61 01", 1, "trailing bytes after the arguments"},
-        {"UPDATE_TRIMESH", "01 00 00 93 91 92 cb 0000000000000000 cb 0000000000000000 90 90", 4,
+        {"UPDATE_TRIMESH", "01 00 00 93 91 92 " + ZERO + ZERO + "90 90", 4,
          "2 fields in message, 3 in struct"},
         {"CLEAR_BODIES_PERSISTENCES", "a1 73 91 01 c2", 3,
          "argument 2 of CLEAR_BODIES_PERSISTENCES must be a list of strings"},
@@ -78,10 +80,8 @@ TEST_F(CoreArguments, WrongCountOrTypeSaysWhichArgument) {
         {"GET_PROPERTY", "a4 6e 6f 6e 65", 1, "no property named 'none'", "qor.error.not_found"},
         {"RESUME_SIMULATION", "", 0, "not started", "qor.error.invalid_state"},
         // Mesh 1 exists and has no vertices yet; the batch brings one.
-        {"UPDATE_TRIMESH",
-         "01 00 00 93 91 93 cb 0000000000000000 cb 0000000000000000 cb 0000000000000000 90 91 93 "
-         "00 01 00",
-         4, "triangle 0 names vertex 1 of a mesh of 1 vertices"},
+        {"UPDATE_TRIMESH", "01 00 00 93 91 93 " + ZERO + ZERO + ZERO + "90 91 93 00 01 00", 4,
+         "triangle 0 names vertex 1 of a mesh of 1 vertices"},
         {"UPDATE_TRIMESH", "01 00 00 93 90 91 92 00 05 90", 4,
          "pair 0 names vertex 0 of a mesh of 0 vertices"},
         {"SET_PERSISTENCE_MODE", "f9", 1, "persistence mode -7 is outside 0..2"},
@@ -154,10 +154,8 @@ TEST(CoreFiles, MeshDumpStaysInARelativeDataFolderWithoutDoublingIt) {
 
 TEST_F(CorePersistence, SavedScenesSettingsAndModeSurviveANewCore) {
     const long long mesh = call_ok<long long>(*core, "CREATE_TRIMESH", "tri", 3, 1, 0);
-    dt::mesh_batch_t batch;
-    batch.vertices = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}};
-    batch.triangles = {{0, 1, 2}};
-    call_ok<int>(*core, "UPDATE_TRIMESH", mesh, 0, 0, batch);
+    const dt::mesh_batch_t triangle{{{0, 0, 0}, {1, 0, 0}, {0, 1, 0}}, {}, {{0, 1, 2}}};
+    call_ok<int>(*core, "UPDATE_TRIMESH", mesh, 0, 0, triangle);
     call_ok<int>(
         *core, "SEND_SCENE",
         scene_of({ground(1), ball(2, 4.0), body(3, Shape::mesh, {1, 1, 1}, 0, {5, 5, 0}, mesh)}));

@@ -48,10 +48,8 @@ void expect_layout(const T& value, const std::string& expected_hex) {
 
 TEST(RecordLayout, Mesh) {
     expect_layout(mesh_batch_t{}, "93 90 90 90");
-    mesh_batch_t mesh;
-    mesh.vertices = {{1.0, -2.0, 0.5}};
-    mesh.pairs = {{0, 4294967295u}};
-    mesh.triangles = {{1, 2, 4294967295u}};
+    // Vertices, pairs, triangles.
+    const mesh_batch_t mesh{{{1.0, -2.0, 0.5}}, {{0, 4294967295u}}, {{1, 2, 4294967295u}}};
     expect_layout(mesh, "93 91 93 " + D1 + DM2 + DHALF +
                             "91 92 CE 00000000 CE FFFFFFFF "
                             "91 93 CE 00000001 CE 00000002 CE FFFFFFFF");
@@ -66,17 +64,13 @@ TEST(RecordLayout, Mesh) {
 }
 
 TEST(RecordLayout, IntegrationResult) {
-    integration_result_t r;
-    r.states = qor::serialization::msgpack::buffer(std::vector<uint8_t>{0x01, 0x02});
-    r.value_int = -33;
-    r.vec_a = {1, 2, 3};
-    r.vec_b = {0.5f, 0, -2};
-    r.details = {128, 1, 0, 0, -1, 0, 0, 0, 65536};
-    expect_layout(r,
-                  "95 C4 02 0102 D0 DF "
-                  "93 " +
-                      D1 + D2 + D3 + "93 " + DHALF + D0 + DM2 + "99 CC 80 " + D1 + D0 + D0 + "FF " +
-                      D0 + D0 + "00 CE 00010000");
+    const integration_result_t r{mp::buffer(std::vector<uint8_t>{0x01, 0x02}),
+                                 -33,
+                                 {1, 2, 3},
+                                 {0.5f, 0, -2},
+                                 {128, 1, 0, 0, -1, 0, 0, 0, 65536}};
+    expect_layout(r, "95 C4 02 0102 D0 DF 93 " + D1 + D2 + D3 + "93 " + DHALF + D0 + DM2 +
+                         "99 CC 80 " + D1 + D0 + D0 + "FF " + D0 + D0 + "00 CE 00010000");
     // An empty state block is still a bin value.
     expect_layout(integration_result_t{}, "95 C4 00 00 93 " + D0 + D0 + D0 + "93 " + D0 + D0 + D0 +
                                               "99 00 " + D0 + D0 + D0 + "00 " + D0 + D0 + "00 00");
@@ -233,8 +227,7 @@ TEST(RecordAccepts, ReadingOverwritesTheTarget) {
     frame.bodies[0].joints.resize(4);
     const auto bytes =
         hex("92 01 91 92 02 91 94 01 02 97 " + D1 + D1 + D1 + D1 + D1 + D1 + D1 + "03");
-    mp::ReadBuffer cursor(bytes.data(), bytes.size());
-    read(cursor, frame);
+    ASSERT_EQ(read_error(bytes, frame), "");
     EXPECT_EQ(frame.i1, 1);
     ASSERT_EQ(frame.bodies.size(), 1u);
     ASSERT_EQ(frame.bodies[0].joints.size(), 1u);

@@ -37,16 +37,11 @@ std::string find_tool(const char* env, const std::vector<std::string>& candidate
 int run(const std::string& command, const std::function<void(const std::string&)>& on_line) {
     FILE* pipe = ::popen(command.c_str(), "r");
     if (!pipe) return -1;
-    std::string line;
-    for (int c; (c = std::fgetc(pipe)) != EOF;) {
-        if (c != '\n') {
-            line += static_cast<char>(c);
-            continue;
-        }
-        on_line(line);
-        line.clear();
-    }
-    if (!line.empty()) on_line(line);
+    char* line = nullptr;
+    size_t size = 0;
+    for (ssize_t n; (n = ::getline(&line, &size, pipe)) > 0;)
+        on_line(std::string(line, line[n - 1] == '\n' ? n - 1 : n));
+    std::free(line);
     const int status = ::pclose(pipe);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }

@@ -106,10 +106,8 @@ using ViewerScene = CoreTest;
 
 TEST_F(ViewerScene, DescribesBodiesAndWhereAStepKeepsTheirPoses) {
     const long long mesh = call_ok<long long>(*core, "CREATE_TRIMESH", "tri", 3, 1, 0);
-    dt::mesh_batch_t batch;
-    batch.vertices = {{0, 0, 0}, {1, 0, 0}, {0, 1, 0}};
-    batch.triangles = {{0, 1, 2}};
-    call_ok<int>(*core, "UPDATE_TRIMESH", mesh, 0, 0, batch);
+    const dt::mesh_batch_t triangle{{{0, 0, 0}, {1, 0, 0}, {0, 1, 0}}, {}, {{0, 1, 2}}};
+    call_ok<int>(*core, "UPDATE_TRIMESH", mesh, 0, 0, triangle);
     call_ok<int>(*core, "SEND_SCENE",
                  scene_of({ground(1), body(2, sim::Shape::box, {0.5, 0.25, 1}, 1, {1, 2, 3}),
                            ball(3, 4), body(4, sim::Shape::mesh, {2, 2, 2}, 1, {0, 0, 6}, mesh)}));
