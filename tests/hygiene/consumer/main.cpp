@@ -31,12 +31,8 @@ int run(const std::string& url) {
     qor::transport::connect(peer, url, options);
     dax::client::DaxClient client(&peer);
     const std::string build = client.GET_SERVER_BUILD_NUMBER();
-    if (build != "consumer-build-7") {
-        std::fprintf(stderr, "%s: unexpected answer '%s'\n", url.c_str(), build.c_str());
-        return 1;
-    }
     std::printf("%s: GET_SERVER_BUILD_NUMBER -> %s\n", url.c_str(), build.c_str());
-    return 0;
+    return build == "consumer-build-7" ? 0 : 1;
 }
 
 }  // namespace
@@ -51,10 +47,8 @@ int main() {
             broker.on_message(session, message);
         });
         server.start();
-        const std::string port_rs = std::to_string(server.rawsocket_port());
-        const std::string port_ws = std::to_string(server.websocket_port());
-        int failures = run("rs://127.0.0.1:" + port_rs);
-        failures += run("ws://127.0.0.1:" + port_ws + "/ws");
+        int failures = run("rs://127.0.0.1:" + std::to_string(server.rawsocket_port()));
+        failures += run("ws://127.0.0.1:" + std::to_string(server.websocket_port()) + "/ws");
         server.stop();
         return failures == 0 ? 0 : 1;
     } catch (const std::exception& e) {
