@@ -196,10 +196,10 @@ struct LoopbackPeer {
         const bool second = peer.update_second();
         return first || second;
     }
-    /// In the first pass numbered `pass` (from 1), run `action` before delivery.
+    /// In the `pass`-th first pass from now (1: the next one), run `action` before delivery.
     void on_pass(uint64_t pass, std::function<void()> action) {
-        link.before_first = [this, pass, action] {
-            if (link.first_passes == pass) action();
+        link.before_first = [this, at = link.first_passes + pass, action] {
+            if (link.first_passes == at) action();
         };
     }
 };

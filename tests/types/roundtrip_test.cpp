@@ -22,7 +22,6 @@ struct Filler {
 
     explicit Filler(uint64_t seed) : rng(seed) {}
 
-    uint64_t bits() { return rng(); }
     // Integers spread over every width so each encoded form turns up.
     int64_t spread() {
         const int shift = static_cast<int>(rng() % 64);
