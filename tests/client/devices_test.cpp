@@ -37,9 +37,8 @@ class DevicesTest : public ::testing::Test {
     std::unique_ptr<dax::client::DaxClient> client;
 
     void SetUp() override {
-        for (const std::string& topic : types::device_topics()) {
+        for (const std::string& topic : types::device_topics())
             net.peer.topic_endpoints[topic] = &net.endpoint;
-        }
         client = std::make_unique<dax::client::DaxClient>(&net.peer);
     }
 

@@ -35,16 +35,12 @@ const std::string kLibPrefix = "", kLibExt = ".dll";
 const std::string kNotALibraryCode = "error code 193";  // ERROR_BAD_EXE_FORMAT
 const char kQuote = '"';
 // cmd.exe drops the first and the last quote of its command line: give it an outer pair.
-std::string for_shell(const std::string& command) {
-    return '"' + command + '"';
-}
+const std::string kOuterQuote = "\"";
 #else
 const std::string kLibPrefix = "lib", kLibExt = ".so";
 const std::string kNotALibraryCode = "error code ";  // dlerror's text follows
 const char kQuote = '\'';
-std::string for_shell(const std::string& command) {
-    return command;
-}
+const std::string kOuterQuote;
 #endif
 
 /// The file name of library `name` on this platform.
@@ -86,7 +82,7 @@ ProbeRun run_probe(const ScratchFolder& folder, const std::string& args) {
                                 quoted(folder.path() / "out.txt") + " 2> " +
                                 quoted(folder.path() / "err.txt");
     ProbeRun run;
-    run.status = std::system(for_shell(command).c_str());
+    run.status = std::system((kOuterQuote + command + kOuterQuote).c_str());
     run.out = test_support::read_text(folder.path() / "out.txt");
     run.err = test_support::read_text(folder.path() / "err.txt");
     return run;

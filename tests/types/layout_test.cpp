@@ -76,7 +76,7 @@ TEST(RecordLayout, IntegrationResult) {
                                               "99 00 " + D0 + D0 + D0 + "00 " + D0 + D0 + "00 00");
 }
 
-TEST(RecordLayout, Lists) {
+TEST(RecordLayout, ListsAndPoses) {
     expect_layout(vector_bool_t{{true, false}}, "91 92 C3 C2");
     expect_layout(vector_string_t{{"a", ""}}, "91 92 A1 61 A0");
     expect_layout(vector_string_t{}, "91 90");
@@ -87,9 +87,6 @@ TEST(RecordLayout, Lists) {
     expect_layout(double_list_t{{2.0}}, "91 91 " + D2);
     // Single precision travels as float 64.
     expect_layout(float_list_t{{0.5f, -2.0f}}, "91 92 " + DHALF + DM2);
-}
-
-TEST(RecordLayout, Poses) {
     expect_layout(pose7_t{}, "97 " + D0 + D0 + D0 + D1 + D0 + D0 + D0);
     expect_layout(pose7_t{1, 2, 3, 0.5f, 0, 0, -2}, "97 " + D1 + D2 + D3 + DHALF + D0 + D0 + DM2);
     expect_layout(quat4f_t{1, 0, 0, 2}, "94 " + D1 + D0 + D0 + D2);

@@ -1,8 +1,6 @@
 // Drives the viewer in headless Chromium through the steps browser_test.cpp lists, printing
 // what it saw as JSON lines and "restart" when the server is to come back asking for a ticket;
 // exits non-zero with the reason on the first failed check.
-//
-// usage: node viewer_check.cjs URL BODIES SCREENSHOT NODE_MODULES [CHROMIUM]
 'use strict';
 
 const path = require('path');
