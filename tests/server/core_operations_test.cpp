@@ -250,17 +250,16 @@ TEST_F(CorePersistence, DamagedSceneFileIsReportedNotFatal) {
 }
 
 TEST_F(CoreMisc, AuthenticateVerboseBuildAndLabels) {
-    SimulationCore* open = core.get();
-    EXPECT_EQ(call_ok<std::string>(*open, "AUTHENTICATE", "anything"), "anonymous");
+    EXPECT_EQ(call_ok<std::string>(*core, "AUTHENTICATE", "anything"), "anonymous");
     auto guarded = core_in(folder, "s3cret");
     EXPECT_EQ(call_ok<std::string>(*guarded, "AUTHENTICATE", "s3cret"), "authenticated");
     EXPECT_EQ(run(*guarded, "AUTHENTICATE", "guess").error, "qor.error.not_authorized");
-    EXPECT_EQ(call_ok<int>(*open, "SET_VERBOSE", true), 0);
-    EXPECT_EQ(call_ok<int>(*open, "SET_VERBOSE", false), 1);
-    EXPECT_FALSE(call_ok<std::string>(*open, "GET_SERVER_BUILD_NUMBER").empty());
-    EXPECT_THAT(call_ok<std::string>(*open, "GET_LOGS_LABELS"), HasSubstr("physics"));
-    call_ok<int>(*open, "SEND_SCENE", scene_of({ground(1), ball(2, 1)}));
-    EXPECT_EQ(call_ok<int>(*open, "DUMP"), 2);
+    EXPECT_EQ(call_ok<int>(*core, "SET_VERBOSE", true), 0);
+    EXPECT_EQ(call_ok<int>(*core, "SET_VERBOSE", false), 1);
+    EXPECT_FALSE(call_ok<std::string>(*core, "GET_SERVER_BUILD_NUMBER").empty());
+    EXPECT_THAT(call_ok<std::string>(*core, "GET_LOGS_LABELS"), HasSubstr("physics"));
+    call_ok<int>(*core, "SEND_SCENE", scene_of({ground(1), ball(2, 1)}));
+    EXPECT_EQ(call_ok<int>(*core, "DUMP"), 2);
     EXPECT_EQ(SimulationCore::procedures().size(), 43u);
 }
 

@@ -49,14 +49,11 @@ struct Filler {
         for (uint8_t& b : bytes) b = static_cast<uint8_t>(rng());
         v = mp::buffer(bytes);
     }
-    void operator()(std::vector<bool>& v) {
-        v.resize(rng() % (max_elements + 1));
-        for (std::size_t i = 0; i < v.size(); ++i) v[i] = rng() & 1;
-    }
+    void operator()(std::vector<bool>::reference v) { v = rng() & 1; }
     template <class E>
     void operator()(std::vector<E>& v) {
         v.resize(rng() % (max_elements + 1));
-        for (E& e : v) (*this)(e);
+        for (auto&& e : v) (*this)(e);  // a vector<bool> hands out proxies
     }
     template <class T, std::enable_if_t<dax::types::is_record_v<T>, int> = 0>
     void operator()(T& record) {
