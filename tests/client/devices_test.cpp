@@ -18,17 +18,6 @@ using namespace test_support;
 using ::testing::ElementsAre;
 namespace types = dax::types;
 
-std::vector<std::string> device_topics_in_subscription_order() {
-    std::vector<std::string> topics{"art_frame"};
-    for (int i = 0; i < 10; ++i) topics.push_back("leap_frame_" + std::to_string(i));
-    topics.push_back("optitrack_frame");
-    topics.push_back("xsens_frame");
-    for (int i = 0; i < 5; ++i) topics.push_back("kinect_frame_" + std::to_string(i));
-    for (int i = 0; i < 10; ++i) topics.push_back("openvr_frame_" + std::to_string(i));
-    topics.push_back("moticon_frame");
-    return topics;
-}
-
 /// A client whose peer already knows that the loopback endpoint serves every device topic,
 /// so construction subscribes each one at once.
 class DevicesTest : public ::testing::Test {
@@ -60,11 +49,16 @@ class DevicesTest : public ::testing::Test {
 };
 
 TEST_F(DevicesTest, ConstructionSubscribesEveryTopicOnceInFamilyOrder) {
+    std::vector<std::string> expected{"art_frame"};
+    for (int i = 0; i < 10; ++i) expected.push_back("leap_frame_" + std::to_string(i));
+    expected.insert(expected.end(), {"optitrack_frame", "xsens_frame"});
+    for (int i = 0; i < 5; ++i) expected.push_back("kinect_frame_" + std::to_string(i));
+    for (int i = 0; i < 10; ++i) expected.push_back("openvr_frame_" + std::to_string(i));
+    expected.push_back("moticon_frame");
     std::vector<std::string> subscribed;
-    for (const qor::wamp::Message& m : net.link.written) {
+    for (const qor::wamp::Message& m : net.link.written)
         if (m.type == qor::wamp::SUBSCRIBE) subscribed.push_back(m.topic);
-    }
-    EXPECT_EQ(subscribed, device_topics_in_subscription_order());
+    EXPECT_EQ(subscribed, expected);
     // What a user passes to ConnectOptions::served_topics is the same list.
     EXPECT_EQ(types::device_topics(), subscribed);
 }

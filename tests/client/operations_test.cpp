@@ -31,11 +31,13 @@ struct OperationRow {
 // Accepts the result of any operation: the table only looks at what is sent.
 const auto ignore = [](auto) {};
 
-std::vector<OperationRow> operation_table() {
+using OperationsTest = ClientTest;
+
+TEST_F(OperationsTest, EveryOperationSendsItsUriAndArgumentsInOrder) {
     // Sample arguments: "ab" = a2 61 62, "c" = a1 63, true = c3, false = c2, 0.5 and 2.0 as
     // float 64, 300 as uint 16, 5000000000 as uint 64, an empty mesh batch = 93 90 90 90.
     // clang-format off
-    return {
+    const std::vector<OperationRow> table = {
         {"AUTHENTICATE", [](DaxClient& c) { c.AUTHENTICATE("ab", ignore); }, 1, "a26162"},
         {"BROWSE_PERSISTENCES", [](DaxClient& c) { c.BROWSE_PERSISTENCES(ignore); }, 0, ""},
         {"CLEAR_BODIES_PERSISTENCES", [](DaxClient& c) { c.CLEAR_BODIES_PERSISTENCES("ab", types::vector_string_t{{"x"}}, true, ignore); }, 3, "a26162 9191a178 c3"},
@@ -81,12 +83,6 @@ std::vector<OperationRow> operation_table() {
         {"UPDATE_TRIMESH", [](DaxClient& c) { c.UPDATE_TRIMESH(5000000000LL, 1, 2, types::mesh_batch_t{}, ignore); }, 4, "cf000000012a05f200 01 02 93909090"},
     };
     // clang-format on
-}
-
-using OperationsTest = ClientTest;
-
-TEST_F(OperationsTest, EveryOperationSendsItsUriAndArgumentsInOrder) {
-    const auto table = operation_table();
     ASSERT_EQ(table.size(), 43u);
     for (const OperationRow& row : table) {
         SCOPED_TRACE(row.name);

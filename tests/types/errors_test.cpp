@@ -17,6 +17,7 @@ const std::string POSE = "97 " + D0 + D0 + D0 + D1 + D0 + D0 + D0;
 const std::string VEC3 = "93 " + D0 + D0 + D0;
 const std::string TRIANGLE = "93 CE 00000001 CE 00000002 CE 00000003 ";
 const std::string CUT_TRIANGLES = "94 " + TRIANGLE + TRIANGLE + TRIANGLE + "93 CE 00000001 CE 0000";
+const std::string DEVICE = "96 C2 C2 " + POSE + "96 " + D0 + D0 + D0 + D0 + D0 + D0 + "00 00 ";
 const std::string DETAILS = "99 00 " + D0 + D0 + D0 + "00 " + D0 + D0 + "00 00";
 
 std::string fields(int in_message, int in_struct) {
@@ -69,11 +70,7 @@ TEST(RecordErrors, EachMalformedRecordGivesItsText) {
         {"xsens rotation", "91 91 95 00 00 93 " + D0 + D0 + D0, of_xsens, fields(3, 4)},
         {"openvr six values given five", "96 96 C2 C2 " + POSE + "95 " + D0 + D0 + D0 + D0 + D0,
          of_openvr, fields(5, 6)},
-        {"openvr int list",
-         "96 " + std::string("96 C2 C2 ") + POSE + "96 " + D0 + D0 + D0 + D0 + D0 + D0 +
-             "00 00 96 C2 C2 " + POSE + "96 " + D0 + D0 + D0 + D0 + D0 + D0 + "00 00 96 C2 C2 " +
-             POSE + "96 " + D0 + D0 + D0 + D0 + D0 + D0 + "00 00 92 90 90",
-         of_openvr, fields(2, 1)},
+        {"openvr int list", "96 " + DEVICE + DEVICE + DEVICE + "92 90 90", of_openvr, fields(2, 1)},
         {"leap bone",
          "92 00 91 99 00 C2 " + D0 + POSE + POSE + POSE + D0 + D0 +
              "91 93 00 00 91 97 00 00 00 00 00 00 00",
