@@ -84,8 +84,7 @@ TEST(PluginFolders, ListsOnlyMatchingLibrariesWithoutPrefixAndExtension) {
     EXPECT_EQ(dax::plugins::get_plugins(dir.path().string(), "qor_", "sdk_cpp"),
               (std::vector<std::string>{"qor_a_sdk_cpp", "qor_b_sdk_cpp", "qor_sdk_cpp"}));
     // Prefix and suffix may not share characters.
-    dir.touch(lib("abc"));
-    dir.touch(lib("abbc"));
+    for (const char* name : {"abc", "abbc"}) dir.touch(lib(name));
     EXPECT_EQ(dax::plugins::get_plugins(dir.str(), "ab", "bc"), std::vector<std::string>{"abbc"});
     EXPECT_THAT(dax::plugins::get_plugins(dir.str(), "none_", "sdk_cpp"), IsEmpty());
     EXPECT_THAT(dax::plugins::get_plugins(dir.str() + "/absent", "qor_", "sdk_cpp"), IsEmpty());

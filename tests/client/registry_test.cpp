@@ -95,17 +95,14 @@ TEST_F(RegistryTest, ExplicitIdKeepsTheCounterAndOverwritesWithoutRelease) {
 TEST_F(RegistryTest, ClearDeletesInAscendingIdOrder) {
     client->Clear();  // empty: nothing happens
     EXPECT_TRUE(events.empty());
-    client->Create("T", 30, 0);
-    client->Create("T", -4, 0);
-    client->Create("T", 12, 0);
+    for (int64_t id : {30, -4, 12}) client->Create("T", id, 0);
     client->Clear();
     EXPECT_THAT(events, ElementsAre("component -4", "component 12", "component 30"));
     EXPECT_TRUE(client->components.empty());
 }
 
 TEST_F(RegistryTest, DestructionReleasesComponentsThenFactoriesThenPrintsCleanup) {
-    client->Create("T", 1, 0);
-    client->Create("T", 0, 0);
+    for (int64_t id : {1, 0}) client->Create("T", id, 0);
     ::testing::internal::CaptureStdout();
     client.reset();
     EXPECT_EQ(::testing::internal::GetCapturedStdout(), "[Client] Cleanup\n");

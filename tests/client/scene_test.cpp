@@ -249,8 +249,7 @@ class Remover : public Counter {
 
 TEST_F(SceneTest, StateOfAComponentRemovedByAnEarlierStateIsRefused) {
     client->components[1] = new Remover(1, client.get());
-    client->Create("Counter", 2, 0);
-    client->Create("Counter", 3, 0);
+    for (int64_t id : {2, 3}) client->Create("Counter", id, 0);
     // The removed component came right after the remover, where the next state is looked for
     // first.
     EXPECT_EQ(error_of([&] { client->update_scene_state(step_result("82 01 02 02 08")); }),

@@ -54,8 +54,7 @@ TEST(RecordLayout, Mesh) {
                             "91 92 CE 00000000 CE FFFFFFFF "
                             "91 93 CE 00000001 CE 00000002 CE FFFFFFFF");
     // Sixteen vertices switch the vertex array to array 16.
-    mesh_batch_t many;
-    many.vertices.resize(16);
+    const mesh_batch_t many{std::vector<vec3d_t>(16), {}, {}};
     std::string body;
     for (int i = 0; i < 16; ++i) body += "93 " + D0 + D0 + D0;
     expect_layout(many, "93 DC 0010 " + body + "90 90");
