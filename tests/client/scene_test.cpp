@@ -129,8 +129,8 @@ TEST_F(SceneTest, MalformedScenesRaiseTheirErrors) {
     for (const auto& [bytes, error] : rows) {
         SCOPED_TRACE(bytes);
         client->Clear();
-        EXPECT_EQ(error_of([&] { client->deserialize_components(buffer(hex(bytes)), true); }),
-                  error);
+        const buffer scene(hex(bytes));  // structured bindings cannot be captured before C++20
+        EXPECT_EQ(error_of([&] { client->deserialize_components(scene, true); }), error);
     }
     // Components created before the unknown type stay.
     EXPECT_NE(client->getComponent(1), nullptr);
