@@ -120,11 +120,7 @@ TEST(Truncation, EveryPrefixOfEveryValidValueFailsWithEndOfData) {
 }
 
 TEST(HostileHeaders, CountsThatCannotFitAreRefusedBeforeAnyAllocation) {
-    struct Row {
-        const char* bytes;
-        Reader reader;
-    };
-    const Row rows[] = {
+    const std::pair<const char*, Reader> rows[] = {
         {"dd ff ff ff ff", reader_of<std::vector<std::vector<int>>>()},
         {"dd ff ff ff ff", reader_of<std::vector<bool>>()},
         {"dd 00 00 00 02 01", reader_of<std::vector<int>>()},
@@ -136,11 +132,11 @@ TEST(HostileHeaders, CountsThatCannotFitAreRefusedBeforeAnyAllocation) {
         {"c6 ff ff ff ff 61", reader_of<msgpack::buffer>()},
         {"c6 ff ff ff fb 00 00 00 00", reader_of<msgpack::buffer>()},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.bytes);
-        const Block block(hex(row.bytes));
+    for (const auto& [text, reader] : rows) {
+        SCOPED_TRACE(text);
+        const Block block(hex(text));
         auto in = block.cursor();
-        EXPECT_EQ(error_of([&] { row.reader(in); }), "unexpected end of data");
+        EXPECT_EQ(error_of([&in, &read = reader] { read(in); }), "unexpected end of data");
         EXPECT_EQ(in.position, 0u);
     }
 }
@@ -227,14 +223,8 @@ TEST(HostileInput, EachFaultIsNamedAndTheCursorStaysAtTheValue) {
     const Reader skip = [](msgpack::ReadBuffer& in) { msgpack::skip(in); };
     const Reader array = [](msgpack::ReadBuffer& in) { msgpack::read_array_header(in); };
     const Reader map = [](msgpack::ReadBuffer& in) { msgpack::read_map_header(in); };
-    struct Row {
-        const char* bytes;
-        uint64_t from;
-        Reader reader;
-        const char* error;
-        uint64_t position;
-    };
-    const Row rows[] = {
+    // Bytes, the position read from, the reader, its error, and the position it leaves.
+    const std::tuple<const char*, uint64_t, Reader, const char*, uint64_t> rows[] = {
         {"01 cd 01", 1, reader_of<int>(), "unexpected end of data", 1},
         // A str 32 header cut short is still a string.
         {"db 00", 0, reader_of<int>(), "expecting integer value", 0},
@@ -255,12 +245,12 @@ TEST(HostileInput, EachFaultIsNamedAndTheCursorStaysAtTheValue) {
         // Nested array 32 headers each claiming four billion elements fail fast.
         {"dd ff ff ff ff dd ff ff ff ff dd ff ff ff ff 01", 0, skip, "unexpected end of data", 0},
     };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.bytes);
-        const Block block(hex(row.bytes));
+    for (const auto& [text, from, reader, error, position] : rows) {
+        SCOPED_TRACE(text);
+        const Block block(hex(text));
         auto in = block.cursor();
-        in.position = row.from;
-        EXPECT_EQ(error_of([&] { row.reader(in); }), row.error);
-        EXPECT_EQ(in.position, row.position);
+        in.position = from;
+        EXPECT_EQ(error_of([&in, &read = reader] { read(in); }), error);
+        EXPECT_EQ(in.position, position);
     }
 }

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <memory>
 #include <optional>
+#include <tuple>
 
 #include <dax/client.hpp>
 
@@ -428,15 +429,9 @@ TEST_P(Transport, ConnectionsOverTheLimitAreRefusedAndClosedOnesLeaveNothingBehi
 // opening's own tables pin every byte, these pin that each failure reaches the caller whole.
 TEST(ConnectFailures, EachStepNamesUrlAndCause) {
     enum class Peer { none, mute, scripted };  // nobody listening, never accepts, scripted
-    struct Row {
-        const char* scheme;
-        Peer peer;
-        const char* handshake;    // the scripted peer's answer to the handshake, hex
-        const char* after_hello;  // and to the HELLO
-        const char* error;
-        bool whole;  // the whole text, not its start
-    };
-    const Row rows[] = {
+    // The scheme, the peer, a scripted peer's answers (hex) to the handshake and to the HELLO, the
+    // cause, and whether it is the whole text rather than its start.
+    const std::tuple<const char*, Peer, const char*, const char*, const char*, bool> rows[] = {
         {"rs", Peer::none, "", "", "connection refused", true},
         {"rs", Peer::mute, "", "", "timed out after 1000 ms", true},
         {"ws", Peer::mute, "", "", "timed out after 1000 ms", true},
@@ -448,26 +443,25 @@ TEST(ConnectFailures, EachStepNamesUrlAndCause) {
         {"rs", Peer::scripted, "7F F2 00 00", "00 FF FF FF", "rawsocket: frame too large", false},
         {"rs", Peer::scripted, "7F F2 00 00", "00 00 00 03 92 06 80", "protocol error: ", false},
     };
-    for (const Row& row : rows) {
+    for (const auto& [scheme, kind, handshake, after_hello, cause, whole] : rows) {
         std::optional<RawPeer> listening(std::in_place);
         const uint16_t port = listening->port;
-        if (row.peer == Peer::none) listening.reset();  // a port that was just free
-        if (row.peer == Peer::scripted)
-            listening->script(4, test_support::hex(row.handshake),
-                              test_support::hex(row.after_hello));
+        if (kind == Peer::none) listening.reset();  // a port that was just free
+        if (kind == Peer::scripted)
+            listening->script(4, test_support::hex(handshake), test_support::hex(after_hello));
         ConnectOptions options;
         options.connect_timeout = 1000ms;
         options.max_message_size = 64 * 1024;
-        const std::string url = std::string(row.scheme) + "://127.0.0.1:" + std::to_string(port);
+        const std::string url = std::string(scheme) + "://127.0.0.1:" + std::to_string(port);
         qor::QorClient peer;
         const std::string error = error_of([&] { qor::transport::connect(peer, url, options); });
-        const std::string expected = "cannot connect to '" + url + "': " + row.error;
-        if (row.whole)
+        const std::string expected = "cannot connect to '" + url + "': " + cause;
+        if (whole)
             EXPECT_EQ(expected, error);
         else
             EXPECT_EQ(0u, error.find(expected)) << error;
-        EXPECT_FALSE(peer.has_server) << row.error;
-        EXPECT_TRUE(peer.owned_connections.empty()) << row.error;
+        EXPECT_FALSE(peer.has_server) << cause;
+        EXPECT_TRUE(peer.owned_connections.empty()) << cause;
     }
 }
 

@@ -359,12 +359,7 @@ TEST(WampReceive, AcceptsIdsInAnyNonNegativeIntegerForm) {
 }
 
 TEST(WampReceive, MalformedMessagesRaiseClearErrors) {
-    struct Row {
-        const char* why;
-        const char* bytes;
-        const char* error;
-    };
-    const Row rows[] = {
+    const std::tuple<const char*, const char*, const char*> rows[] = {
         {"not an array", "81 A1 61 01",
          "WAMP message: bad message: inconsistent data while parsing array"},
         {"empty array", "90", "WAMP message: empty array"},
@@ -399,9 +394,10 @@ TEST(WampReceive, MalformedMessagesRaiseClearErrors) {
          "WAMP message: bad request type: expecting integer value"},
         {"trailing bytes", "93 32 07 80 00", "WAMP message: trailing bytes after the message"},
     };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.why);
-        EXPECT_EQ(error_of([&] { parse(hex(row.bytes)); }), row.error);
+    for (const auto& [why, text, error] : rows) {
+        SCOPED_TRACE(why);
+        const std::vector<uint8_t> bytes = hex(text);
+        EXPECT_EQ(error_of([&] { parse(bytes); }), error);
     }
 }
 

@@ -3,6 +3,7 @@
 #include <functional>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "support/testing.hpp"
@@ -151,14 +152,8 @@ TEST(WampSessionLog, TraceLinesAtTraceLevelOnlyShortenedByThePrintLimit) {
     Message bogus(CALL, Id(7), "p");
     const std::vector<uint8_t> bogus_bytes = hex("DB FF FF FF FF");
     bogus.args = {mp::buffer(bogus_bytes.data(), bogus_bytes.size())};
-    struct Row {
-        spdlog::level::level_enum level;
-        uint64_t limit;
-        Message message;
-        uint64_t written;  // 0: the send throws
-        std::string log;
-    };
-    const Row rows[] = {
+    // Log level, print limit, message, bytes written (0: the send throws), lines logged.
+    const std::tuple<spdlog::level::level_enum, uint64_t, Message, uint64_t, std::string> rows[] = {
         {spdlog::level::trace, print_limit, Message(CALL, Id(7), clear_scene), 38,
          "trace [s WAMP Out] [48, 7, {}, \"qor.server.operation.CLEAR_SCENE\"]\n"},
         {spdlog::level::debug, print_limit, Message(CALL, Id(7), clear_scene), 38, ""},
@@ -169,9 +164,9 @@ TEST(WampSessionLog, TraceLinesAtTraceLevelOnlyShortenedByThePrintLimit) {
         {spdlog::level::trace, print_limit, Message(49), 0, ""},
     };
     const uint64_t saved = print_limit;
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.log);
-        CapturedLog log(row.level);
+    for (const auto& [level, limit, message, sent, lines] : rows) {
+        SCOPED_TRACE(lines);
+        CapturedLog log(level);
         Client client("s", log.logger.get());
         std::string logged_before_write;
         uint64_t written = 0;
@@ -179,13 +174,13 @@ TEST(WampSessionLog, TraceLinesAtTraceLevelOnlyShortenedByThePrintLimit) {
             logged_before_write = log.text();
             written = size;
         };
-        print_limit = row.limit;
-        const std::string error = error_of([&] { client.session.send(row.message); });
+        print_limit = limit;
+        const std::string error = error_of([&, &m = message] { client.session.send(m); });
         print_limit = saved;
-        EXPECT_EQ(error.empty(), row.written != 0) << error;
-        EXPECT_EQ(written, row.written);
-        EXPECT_EQ(log.text(), row.log);
-        EXPECT_EQ(logged_before_write, row.written != 0 ? row.log : "");
+        EXPECT_EQ(error.empty(), sent != 0) << error;
+        EXPECT_EQ(written, sent);
+        EXPECT_EQ(log.text(), lines);
+        EXPECT_EQ(logged_before_write, sent != 0 ? lines : "");
     }
 }
 
