@@ -152,8 +152,8 @@ Options parse(int argc, char** argv) {
     return o;
 }
 
-qor::router::Answer answer_of(const qor::sim::CallResult& r) {
-    if (r.ok) return qor::router::Answer::result(mp::buffer(r.value));
+qor::router::Answer answer_of(qor::sim::CallResult&& r) {
+    if (r.ok) return qor::router::Answer::result(std::move(r.value));
     return qor::router::Answer::failure(r.error, r.message);
 }
 
@@ -161,11 +161,10 @@ qor::router::Answer answer_of(const qor::sim::CallResult& r) {
 qor::router::Broker::Dealer serve_operation(SimulationCore& core) {
     return [&core](uint64_t, const wamp::Message& m) -> std::optional<qor::router::Answer> {
         const uint8_t* args = m.raw.data + m.args_offset;
-        const qor::sim::CallResult r =
+        return answer_of(
             m.procedure == qor::viewer::kSceneProcedure
                 ? qor::viewer::describe_scene(core)
-                : core.call(m.procedure, args, m.args_end - m.args_offset, m.args_count);
-        return answer_of(r);
+                : core.call(m.procedure, args, m.args_end - m.args_offset, m.args_count));
     };
 }
 
@@ -177,7 +176,7 @@ bool serve_quick(SimulationCore& core, const wamp::Message& m,
     if (!core.try_call(m.procedure, m.raw.data + m.args_offset, m.args_end - m.args_offset,
                        m.args_count, r))
         return false;
-    answer = answer_of(r);
+    answer = answer_of(std::move(r));
     return true;
 }
 

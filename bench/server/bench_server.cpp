@@ -72,7 +72,7 @@ std::vector<sim::Component> grid_scene(int bodies) {
     return scene;
 }
 
-const std::string kOp = "qor.server.operation.";
+const std::string kOp = dax::types::kOperationPrefix;
 
 // One "@row" line, printed after the benchmarks.
 struct Row {

@@ -6,6 +6,7 @@
 #include <dax/types/devices.hpp>
 #include <dax/types/geometry.hpp>
 #include <dax/types/mesh.hpp>
+#include <dax/types/operations.hpp>
 #include <dax/types/persistence.hpp>
 #include <dax/types/record.hpp>
 #include <dax/types/simulation.hpp>

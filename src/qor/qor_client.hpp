@@ -7,6 +7,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -100,13 +101,23 @@ template <class T, class... Args>
 void QorClient::call(const std::function<void(wamp::RpcResult<T>)>& cb,
                      const std::string& procedure, const Args&... args) {
     check_connected();
-    wamp::RPC<T> rpc(procedure, args...);
-    rpc.onResult = [cb](const wamp::RpcResult<T>& result) {
-        // The result is the pending call's own, discarded once this returns: it moves on to
-        // `cb`, so a large decoded value (millions of strings) is never held twice.
-        cb(std::move(const_cast<wamp::RpcResult<T>&>(result)));
-    };
-    server_endpoint->caller.call(std::move(rpc));
+    std::function<void(const wamp::RpcResult<T>&)> on_result =
+        [cb](const wamp::RpcResult<T>& result) {
+            // The result is the pending call's own, discarded once this returns: it moves on
+            // to `cb`, so a large decoded value (millions of strings) is never held twice.
+            cb(std::move(const_cast<wamp::RpcResult<T>&>(result)));
+        };
+    if constexpr (sizeof...(Args) == 1 &&
+                  (std::is_same_v<Args, serialization::msgpack::buffer> && ...)) {
+        // A binary argument (a scene of megabytes) goes from the caller's block into the frame.
+        const serialization::msgpack::buffer& value = (args, ...);
+        server_endpoint->caller.call_binary(procedure, value.data, value.size,
+                                            std::move(on_result));
+    } else {
+        wamp::RPC<T> rpc(procedure, args...);
+        rpc.onResult = std::move(on_result);
+        server_endpoint->caller.call(std::move(rpc));
+    }
 }
 
 template <class T>

@@ -196,8 +196,9 @@ class Router {
                 qor::wamp::IncomingMessage in(m);
                 long long size = 0;
                 in.fillArgsNS(size);
-                answer.args.push_back(test_support::encoded(
-                    msgpack::buffer(std::vector<uint8_t>(size_t(size), 0x5A))));
+                std::vector<uint8_t> blob;  // sent as it is, written in place
+                msgpack::pack(blob, msgpack::buffer(std::vector<uint8_t>(size_t(size), 0x5A)));
+                answer = qor::router::Answer::result(std::move(blob));
             } else {
                 return std::nullopt;
             }

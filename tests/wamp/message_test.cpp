@@ -175,7 +175,8 @@ TEST(WampSerialize, EveryKindAndFormIsExact) {
     }
 }
 
-// A last argument given as bytes lands exactly where the same argument in `args` would.
+// A last argument given as bytes lands exactly where the same argument in `args` would; raw
+// bytes given as binary get the bin header of their length.
 TEST(WampSerialize, LastArgumentGivenAsBytesIsAnArgumentLikeAnyOther) {
     const mp::buffer last = encoded(std::string("x"));
     for (size_t before : {0u, 1u, 15u}) {
@@ -187,6 +188,16 @@ TEST(WampSerialize, LastArgumentGivenAsBytesIsAnArgumentLikeAnyOther) {
         const std::vector<uint8_t> out = bytes_of(serialize(m, last.data, last.size));
         m.args.push_back(last);
         EXPECT_EQ(out, bytes_of(serialize(m)));
+    }
+    for (size_t size : {0u, 255u, 256u, 65535u, 65536u}) {
+        SCOPED_TRACE(size);
+        Message m(CALL, Id(7), "p");
+        const mp::buffer raw(std::vector<uint8_t>(size, 0xAB));
+        const Trailing binary = Trailing::binary(raw.data, raw.size);
+        mp::buffer out(serialized_size(m, binary));
+        serialize_into(m, binary, out.data);
+        m.args.push_back(mp::pack_bin(raw));
+        EXPECT_EQ(bytes_of(out), bytes_of(serialize(m)));
     }
 }
 

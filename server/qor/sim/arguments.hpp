@@ -13,7 +13,7 @@
 // the error URIs a caller sees, the strict argument readers and the result packing.
 namespace qor::sim {
 
-constexpr const char* kOperationPrefix = "qor.server.operation.";
+using dax::types::kOperationPrefix;
 
 // Error URIs of failed operations.
 constexpr const char* kInvalidArgument = "wamp.error.invalid_argument";

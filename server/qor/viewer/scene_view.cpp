@@ -38,7 +38,7 @@ void pack_numbers(std::vector<uint8_t>& out, std::initializer_list<double> value
 
 std::vector<uint8_t> call_value(sim::SimulationCore& core, const std::string& operation,
                                 const std::vector<uint8_t>& args, uint64_t count) {
-    const sim::CallResult r = core.call("qor.server.operation." + operation, args.data(),
+    const sim::CallResult r = core.call(dax::types::kOperationPrefix + operation, args.data(),
                                         args.size(), count);
     if (!r.ok) throw std::runtime_error(r.message);
     return r.value;

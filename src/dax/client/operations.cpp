@@ -8,13 +8,12 @@
 #include <utility>
 
 #include <dax/plugins/plugin_handler.hpp>
+#include <dax/types/operations.hpp>
 #include <qor/qor_client.hpp>
 
 namespace dax::client {
 
 namespace {
-
-constexpr const char* kOperationPrefix = "qor.server.operation.";
 
 // The server's error for a blocking call, raised from its completion inside the pump; `slot`
 // tells the wait it belongs to from a nested blocking call's.
@@ -31,7 +30,7 @@ void DaxClient::call(const char* name, const Callback<T>& callback, const Args&.
     // The peer refuses (and sends nothing) while it has no server session.
     if (peer->server_endpoint != nullptr)
         peer->server_endpoint->caller.call_limit = std::chrono::milliseconds(async_timeout_ms);
-    peer->call<T>(callback, kOperationPrefix + std::string(name), args...);
+    peer->call<T>(callback, dax::types::kOperationPrefix + std::string(name), args...);
 }
 
 template <class T, class Send>

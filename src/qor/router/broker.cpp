@@ -20,6 +20,12 @@ Answer Answer::result(mp::buffer value) {
     return a;
 }
 
+Answer Answer::result(std::vector<uint8_t>&& value) {
+    Answer a;
+    a.last = std::move(value);
+    return a;
+}
+
 Answer Answer::failure(std::string uri, const std::string& text) {
     Answer a;
     a.error = std::move(uri);
@@ -197,17 +203,22 @@ void Broker::reply(uint64_t session, const wamp::Message& m, std::optional<Answe
         reply.error = std::move(a->error);
     }
     reply.args = std::move(a->args);
-    mp::buffer encoded = wamp::serialize(reply);
+    const bool last = !a->last.empty();
+    const uint64_t size =
+        last ? wamp::serialized_size(reply, wamp::Trailing::encoded(a->last.data(), a->last.size()))
+             : wamp::serialized_size(reply);
     const size_t limit = server_.max_send(session);
-    if (limit != 0 && encoded.size > limit) {
+    if (limit != 0 && size > limit) {
         // Sent, it would be dropped (the caller then waits out its time-out) or end the link.
         return send_error(session, wamp::CALL, m.request, "wamp.error.payload_size_exceeded",
-                          "the answer of " + std::to_string(encoded.size) +
+                          "the answer of " + std::to_string(size) +
                               " bytes is larger than the " + std::to_string(limit) +
                               " bytes the client accepts");
     }
     // A client that left while its call ran is simply gone; nothing else is affected.
-    if (!server_.send_encoded(session, std::move(encoded)) && options_.logger)
+    const bool sent = last ? server_.send(session, std::move(reply), std::move(a->last))
+                           : server_.send_encoded(session, wamp::serialize(reply));
+    if (!sent && options_.logger)
         options_.logger->debug("session {} left before its result", session);
 }
 

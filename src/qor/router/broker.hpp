@@ -30,9 +30,14 @@ class Server;
 struct Answer {
     std::string error;                                 ///< empty: the call succeeded
     std::vector<serialization::msgpack::buffer> args;  ///< one encoded value each
+    /// One more encoded value after `args` when not empty, written from here straight into the
+    /// outgoing frame: a result of megabytes is not copied on its way.
+    std::vector<uint8_t> last;
 
     /// RESULT with one encoded value.
     static Answer result(serialization::msgpack::buffer value);
+    /// RESULT with one encoded value, taken as it is.
+    static Answer result(std::vector<uint8_t>&& value);
     /// ERROR `uri` with one string argument, `text`.
     static Answer failure(std::string uri, const std::string& text = {});
 };

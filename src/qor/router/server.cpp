@@ -175,18 +175,37 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
         deliver(peer, bytes.data, bytes.size);
     }
 
-    // Every message to a peer goes out here, on the I/O thread.
-    void deliver(const std::shared_ptr<Peer>& peer, const uint8_t* data, size_t size) {
-        if (!peer->channel) return;
+    // Ends the session of a peer that does not read rather than queue `size` more bytes.
+    bool refuse_backlog(const std::shared_ptr<Peer>& peer, size_t size) {
         const size_t waiting = peer->channel->queued();
-        if (options.max_send_queue != 0 && waiting + size > options.max_send_queue) {
-            const std::string cause = "dropped: the peer does not read (" +
-                                      std::to_string(waiting) + " bytes waiting to be sent)";
-            log_warn("[transport server] session {} from {} {}", peer->info.id, peer->info.peer,
-                     cause);
-            return end(peer, cause);
-        }
+        if (options.max_send_queue == 0 || waiting + size <= options.max_send_queue) return false;
+        const std::string cause = "dropped: the peer does not read (" + std::to_string(waiting) +
+                                  " bytes waiting to be sent)";
+        log_warn("[transport server] session {} from {} {}", peer->info.id, peer->info.peer,
+                 cause);
+        end(peer, cause);
+        return true;
+    }
+
+    // Every message to a peer goes out here or below, on the I/O thread.
+    void deliver(const std::shared_ptr<Peer>& peer, const uint8_t* data, size_t size) {
+        if (!peer->channel || refuse_backlog(peer, size)) return;
         peer->channel->send(data, size);
+    }
+
+    // `message` with `last` after its arguments, written straight into the outgoing frame
+    // where the link frames in place.
+    void deliver(const std::shared_ptr<Peer>& peer, const wamp::Message& message,
+                 const std::vector<uint8_t>& last) {
+        const wamp::Trailing trailing = wamp::Trailing::encoded(last.data(), last.size());
+        const uint64_t size = wamp::serialized_size(message, trailing);
+        if (!peer->channel || refuse_backlog(peer, size)) return;
+        const auto fill = [&message, &trailing](uint8_t* frame) {
+            wamp::serialize_into(message, trailing, frame);
+        };
+        if (peer->channel->send_in_place(size, fill)) return;
+        const msgpack::buffer bytes = wamp::serialize(message, last.data(), last.size());
+        peer->channel->send(bytes.data, bytes.size);
     }
 
     // ABORT with `reason` and the detail "message" `text`, then the link closes: the opening's
@@ -505,6 +524,20 @@ uint16_t Server::websocket_port() const {
 
 bool Server::send(uint64_t session, const wamp::Message& message) {
     return send_encoded(session, wamp::serialize(message));
+}
+
+bool Server::send(uint64_t session, wamp::Message&& message, std::vector<uint8_t>&& last) {
+    auto peer = impl_->find(session);
+    if (!peer) return false;
+    if (impl_->on_io_thread()) {
+        impl_->deliver(peer, message, last);
+        return true;
+    }
+    asio::post(impl_->io,
+               [impl = impl_, peer, message = std::move(message), last = std::move(last)] {
+                   if (peer->stage == Stage::joined) impl->deliver(peer, message, last);
+               });
+    return true;
 }
 
 bool Server::send_encoded(uint64_t session, const serialization::msgpack::buffer& encoded) {

@@ -119,6 +119,9 @@ class Server {
 
     /// Queues one message to a joined session; false when no such session exists.
     bool send(uint64_t session, const wamp::Message& message);
+    /// Queues `message` with `last`, one more encoded positional argument, both written on
+    /// the I/O thread straight into the outgoing frame; false when no such session exists.
+    bool send(uint64_t session, wamp::Message&& message, std::vector<uint8_t>&& last);
     /// Queues one already serialized message (lets one EVENT be encoded once for many sessions).
     bool send_encoded(uint64_t session, const serialization::msgpack::buffer& encoded);
     /// Same, taking the bytes: from another thread they travel to the I/O thread uncopied.

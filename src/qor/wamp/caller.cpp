@@ -14,12 +14,15 @@ Id Caller::register_call(std::function<void(const Message&)> handler) {
 }
 
 void Caller::send_call(Id request, const std::string& procedure,
-                       std::vector<serialization::msgpack::buffer> args) {
+                       std::vector<serialization::msgpack::buffer> args, const Trailing* last) {
     if (logger != nullptr) logger->trace("[{}] CALL procedure '{}'", name, procedure);
     Message message(CALL, request, procedure);
     message.args = std::move(args);
     try {
-        session->send(message);
+        if (last)
+            session->send(message, *last);
+        else
+            session->send(message);
     } catch (...) {
         // The caller sees the failure as an exception; a handler left behind would fire a
         // second time on a later fail_all.

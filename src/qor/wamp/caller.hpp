@@ -45,6 +45,12 @@ class Caller {
     /// large argument goes out without a copy of its own.
     template <class T>
     void call(RPC<T>&& rpc);
+    /// Registers and sends a call whose one argument is the `size` raw bytes at `data`, as
+    /// binary, written from there straight into the outgoing frame: a scene of megabytes is
+    /// not copied into an argument first. The bytes are needed only during the call.
+    template <class T>
+    void call_binary(const std::string& procedure, const uint8_t* data, uint64_t size,
+                     std::function<void(const RpcResult<T>&)> on_result);
 
     /// Runs and removes the handler of a RESULT or ERROR; an unknown request is logged and
     /// dropped. Returns whether a handler ran.
@@ -65,7 +71,8 @@ class Caller {
         std::function<void(const RpcResult<T>&)> on_result);
     Id register_call(std::function<void(const Message&)> handler);
     void send_call(Id request, const std::string& procedure,
-                   std::vector<serialization::msgpack::buffer> args);
+                   std::vector<serialization::msgpack::buffer> args,
+                   const Trailing* last = nullptr);
 };
 
 // ERROR is a macro of <windows.h>; see message.hpp.
@@ -98,6 +105,13 @@ template <class T>
 void Caller::call(RPC<T>&& rpc) {
     send_call(register_call(answer_handler<T>(std::move(rpc.onResult))), rpc.procedure,
               std::move(rpc.args));
+}
+
+template <class T>
+void Caller::call_binary(const std::string& procedure, const uint8_t* data, uint64_t size,
+                         std::function<void(const RpcResult<T>&)> on_result) {
+    const Trailing value = Trailing::binary(data, size);
+    send_call(register_call(answer_handler<T>(std::move(on_result))), procedure, {}, &value);
 }
 #pragma pop_macro("ERROR")
 

@@ -1,11 +1,13 @@
 #include <qor/wamp/message.hpp>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <sstream>
 #include <stdexcept>
 
 #include <qor/serialization/msgpack/fixed.hpp>
+#include <qor/serialization/msgpack/pack.hpp>
 #include <qor/serialization/msgpack/read.hpp>
 #include <qor/wamp/detail/layout.hpp>
 
@@ -127,18 +129,16 @@ uint64_t details_size(const std::map<std::string, mp::buffer>& details) {
     return n;
 }
 
-// One more positional argument, after the message's own, given as the bytes of its encoded
-// value where they already are.
+// A `Trailing` argument, or none.
 struct LastArg {
-    const uint8_t* data = nullptr;
-    uint64_t size = 0;
+    Trailing value;
     bool present = false;
 };
 
 uint64_t args_size(const std::vector<mp::buffer>& args, const LastArg& last) {
     uint64_t n = header_size(args.size() + last.present, "array too large");
     for (const mp::buffer& arg : args) n += arg.size;
-    return n + last.size;
+    return n + last.value.head_size + last.value.size;
 }
 
 uint8_t* put_int(uint8_t* p, int32_t v) {
@@ -247,7 +247,8 @@ uint8_t* put_element(uint8_t* p, const Message& m, Element e, const LastArg& las
         if (m.args.empty() && !last.present) return p;
         p = put_header(p, m.args.size() + last.present, 0x90, 0xDC, 0xDD);
         for (const mp::buffer& arg : m.args) p = put_bytes(p, arg.data, arg.size);
-        return put_bytes(p, last.data, last.size);
+        p = put_bytes(p, last.value.head, last.value.head_size);
+        return put_bytes(p, last.value.data, last.value.size);
     }
     if (e == Element::request_type) return put_int(p, m.request_type);
     if (is_id(e)) return put_id(p, id_of(m, e));
@@ -296,10 +297,34 @@ mp::buffer serialize(const Message& message) {
 }
 
 mp::buffer serialize(const Message& message, const uint8_t* arg, uint64_t size) {
-    const LastArg last{arg, size, true};
+    const LastArg last{Trailing::encoded(arg, size), true};
     mp::buffer block(serialized_size(message, last));
     serialize_into(message, block.data, last);
     return block;
+}
+
+Trailing Trailing::encoded(const uint8_t* data, uint64_t size) {
+    Trailing t;
+    t.data = data;
+    t.size = size;
+    return t;
+}
+
+Trailing Trailing::binary(const uint8_t* data, uint64_t size) {
+    std::vector<uint8_t> head;
+    mp::pack_bin_header(head, size);
+    Trailing t = encoded(data, size);
+    std::copy(head.begin(), head.end(), t.head);
+    t.head_size = uint8_t(head.size());
+    return t;
+}
+
+uint64_t serialized_size(const Message& message, const Trailing& last) {
+    return serialized_size(message, LastArg{last, true});
+}
+
+void serialize_into(const Message& message, const Trailing& last, uint8_t* out) {
+    serialize_into(message, out, LastArg{last, true});
 }
 
 uint64_t print_limit = 10;

@@ -104,6 +104,26 @@ void serialize_into(const Message& message, uint8_t* out);
 serialization::msgpack::buffer serialize(const Message& message, const uint8_t* arg,
                                          uint64_t size);
 
+/// One more positional argument after `Message::args`, sent from where its bytes lie: `head`
+/// then the `size` bytes at `data` make one encoded value. They must stay valid while the
+/// message is serialized. A large result or binary argument then goes straight into its frame.
+struct Trailing {
+    const uint8_t* data = nullptr;
+    uint64_t size = 0;
+    uint8_t head[5] = {};   ///< the bin header of raw bytes; nothing for an encoded value
+    uint8_t head_size = 0;  ///< bytes of `head` in use
+
+    /// `size` bytes at `data` that are already one encoded value.
+    static Trailing encoded(const uint8_t* data, uint64_t size);
+    /// `size` raw bytes at `data`, sent as one bin value; "binary data too large" above
+    /// 4294967295 bytes.
+    static Trailing binary(const uint8_t* data, uint64_t size);
+};
+/// The number of bytes `message` takes with `last` after its arguments.
+uint64_t serialized_size(const Message& message, const Trailing& last);
+/// `serialize_into` with `last` after the message's arguments.
+void serialize_into(const Message& message, const Trailing& last, uint8_t* out);
+
 /// Element count limit used by the send path's trace text; 0 shows every element.
 extern QOR_API uint64_t print_limit;
 

@@ -28,6 +28,11 @@ class Session {
 
     /// Serializes, logs "[{name} WAMP Out] {text}" when trace is on, then writes.
     void send(const Message& message) const;
+    /// The same with `last` after the message's arguments, written from where it lies.
+    void send(const Message& message, const Trailing& last) const;
+
+  private:
+    void send(const Message& message, const Trailing* last) const;
 };
 
 }  // namespace qor::wamp
