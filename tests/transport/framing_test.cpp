@@ -187,5 +187,5 @@ TEST(Url, RefusedFormsNameTheReason) {
         {"ws://[::1:80", "invalid URL 'ws://[::1:80': unclosed IPv6 address"},
     };
     for (const auto& [text, error] : rows)
-        EXPECT_EQ(error, error_of([&] { qor::transport::parse_url(text); })) << text;
+        EXPECT_EQ(error, error_of([&url = text] { qor::transport::parse_url(url); })) << text;
 }
