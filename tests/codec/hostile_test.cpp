@@ -88,6 +88,13 @@ std::vector<ValidRow> valid_rows() {
          "93 92 cb 3ff0000000000000 cb 4000000000000000 92 cb 4008000000000000 cb "
          "4010000000000000 92 ca 3f800000 cb 4000000000000000",
          reader_of<std::vector<std::vector<double>>>()},
+        // Index triples checked four records at a time, the sixth of another form.
+        {"triple records",
+         "98 93 ce00000001 ce00000002 ce00000003 93 ce00000004 ce00000005 ce00000006 "
+         "93 ce00000007 ce00000008 ce00000009 93 ce0000000a ce0000000b ce0000000c "
+         "93 ce0000000d ce0000000e ce0000000f 93 ce00000010 ce00000011 cc12 "
+         "93 ce00000013 ce00000014 ce00000015 93 ce00000016 ce00000017 ce00000018",
+         reader_of<std::vector<std::vector<uint32_t>>>()},
     };
 }
 

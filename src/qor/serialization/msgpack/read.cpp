@@ -1,5 +1,6 @@
 #include <qor/serialization/msgpack/read.hpp>
 
+#include <cstring>
 #include <sstream>
 #include <stdexcept>
 
@@ -237,10 +238,37 @@ constexpr uint8_t scalar_size(uint8_t b) {
     return 0;
 }
 
+// Records of `size` bytes (at least 8) whose type bytes all match the first's, counted from
+// `p` with whole-word compares: `off`, `pattern` and `mask` give `Words` 8-byte windows inside a
+// record, each masked to the type bytes it holds. Every load stays inside the `most` records,
+// which the caller has bounded by the bytes present.
+template <unsigned Words>
+uint64_t matching_records(const uint8_t* p, uint64_t most, uint64_t size, const uint8_t* off,
+                          const uint64_t* pattern, const uint64_t* mask) {
+    const auto differs = [&](const uint8_t* r) {
+        uint64_t diff = 0;
+        for (unsigned k = 0; k < Words; ++k) {
+            uint64_t word;
+            std::memcpy(&word, r + off[k], 8);
+            diff |= (word ^ pattern[k]) & mask[k];
+        }
+        return diff;
+    };
+    uint64_t count = 0;
+    // Four records a test: within a run they almost always match, so one branch serves four.
+    while (most - count >= 4) {
+        const uint8_t* r = p + count * size;
+        if (differs(r) | differs(r + size) | differs(r + 2 * size) | differs(r + 3 * size)) break;
+        count += 4;
+    }
+    while (count < most && differs(p + count * size) == 0) ++count;
+    return count;
+}
+
 // The number of consecutive fixarray records at `p` of the same form as the first: a header
 // of n fields, each a scalar of one type byte and size. Arrays of such records (vertices,
-// index triples, poses) are the bulk of large messages; checking a whole record with
-// independent loads instead of walking it value by value keeps skipping near memory speed.
+// index triples, poses) are the bulk of large messages; checking a record's type bytes with
+// a few word compares instead of walking it value by value keeps skipping at memory speed.
 // Reads only within `avail` bytes and at most `most` records.
 uint64_t same_records(const uint8_t* p, uint64_t avail, uint64_t most, uint64_t& record_bytes) {
     const uint8_t header = p[0];
@@ -250,12 +278,45 @@ uint64_t same_records(const uint8_t* p, uint64_t avail, uint64_t most, uint64_t&
     const uint64_t each = scalar_size(type);
     if (each == 0) return 0;
     const uint64_t size = 1 + fields * each;
+    if (avail / size < most) most = avail / size;
     uint64_t count = 0;
-    for (const uint8_t* r = p; count < most && avail - uint64_t(r - p) >= size; r += size) {
-        bool same = r[0] == header;
-        for (unsigned f = 0; f < fields; ++f) same &= r[1 + f * each] == type;
-        if (!same) break;
-        ++count;
+    // The windows a record's type bytes fall in, each kept inside the record.
+    uint8_t off[16];
+    uint64_t pattern[16] = {};
+    uint64_t mask[16] = {};
+    unsigned words = 0;
+    if (size >= 8) {
+        for (unsigned f = 0; f <= fields; ++f) {
+            const uint64_t at = f == 0 ? 0 : 1 + (f - 1) * each;
+            uint64_t window = at & ~uint64_t(7);
+            if (window + 8 > size) window = size - 8;
+            if (words == 0 || off[words - 1] != window) off[words++] = uint8_t(window);
+            const unsigned shift = unsigned(at - window) * 8;
+            pattern[words - 1] |= uint64_t(f == 0 ? header : type) << shift;
+            mask[words - 1] |= uint64_t(0xFF) << shift;
+        }
+    }
+    switch (size >= 8 ? words : 0) {
+        case 1:
+            count = matching_records<1>(p, most, size, off, pattern, mask);
+            break;
+        case 2:
+            count = matching_records<2>(p, most, size, off, pattern, mask);
+            break;
+        case 3:
+            count = matching_records<3>(p, most, size, off, pattern, mask);
+            break;
+        case 4:
+            count = matching_records<4>(p, most, size, off, pattern, mask);
+            break;
+        default:
+            // Short records, or long ones with many fields: byte by byte.
+            for (const uint8_t* r = p; count < most; r += size, ++count) {
+                bool same = r[0] == header;
+                for (unsigned f = 0; f < fields; ++f) same &= r[1 + f * each] == type;
+                if (!same) break;
+            }
+            break;
     }
     record_bytes = count * size;
     return count;
