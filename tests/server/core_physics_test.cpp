@@ -1,6 +1,8 @@
 // The simulation core driven directly: physics, the scene record, meshes and the clock.
 
+#include <atomic>
 #include <cmath>
+#include <future>
 #include <mutex>
 #include <thread>
 
@@ -291,6 +293,38 @@ TEST_F(CoreTest, ClockPublishesWhileRunningAndStopsWhenPaused) {
     }
     EXPECT_GT(published.back().value_int, published.front().value_int);
     EXPECT_EQ(published.front().details.i9, 1) << "published while running";
+}
+
+// A Reset stops, then sends the first scene again: a state taken before the stop but handed to
+// the publisher after it would reach the client after the new scene and undo it.
+TEST_F(CoreTest, ACallWaitsForAStateAlreadyOnItsWayOut) {
+    std::promise<void> entered;
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    std::atomic<bool> first{true};
+    core->set_publisher([&](const std::string&, const std::vector<uint8_t>&) {
+        if (!first.exchange(false)) return;
+        entered.set_value();
+        released.wait();
+    });
+    call_ok<int>(*core, "SEND_SCENE", scene_of({ball(2, 5.0)}));
+    call_ok<int>(*core, "START_SIMULATION");
+    entered.get_future().wait();
+    CallResult quick;
+    EXPECT_FALSE(core->try_call(std::string(dax::types::kOperationPrefix) + "PAUSE_SIMULATION",
+                                nullptr, 0, 0, quick))
+        << "a quick call neither overtakes the state nor waits for it";
+    std::atomic<bool> stopped{false};
+    std::thread stopper([&] {
+        call_ok<int>(*core, "STOP_SIMULATION");
+        stopped = true;
+    });
+    // Room for a STOP that did not wait to be answered.
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_FALSE(stopped) << "answered while a state taken before it was still going out";
+    release.set_value();
+    stopper.join();
+    EXPECT_TRUE(stopped);
 }
 
 }  // namespace

@@ -113,6 +113,12 @@ SimulationCore::Impl::Handler SimulationCore::Impl::handler(const char* name, Pr
             lock.lock();
         else if (!lock.try_lock())
             return false;
+        // A state on its way to the publisher was taken before this call: it goes out first,
+        // or a Reset's answer could be followed by a state of the world it replaced.
+        if (publishing) {
+            if (!wait) return false;
+            published.wait(lock, [this] { return !publishing; });
+        }
         std::apply([&out, &produce](const auto&... a) { produce(out, a...); }, args);
         return true;
     };

@@ -54,11 +54,12 @@ class SimulationCore {
     void set_publisher(Publisher publisher);
 
     /// Runs `procedure` with `count` positional arguments encoded back to back in
-    /// [args, args + size). Never throws: every failure is a `CallResult` error.
+    /// [args, args + size), after any state already on its way to the publisher has been
+    /// handed over. Never throws: every failure is a `CallResult` error.
     CallResult call(const std::string& procedure, const uint8_t* args, uint64_t size,
                     uint64_t count);
     /// Runs `procedure` like `call` only when that is quick: an operation that touches no file
-    /// and builds no world, while no other call or step holds the core. Returns false, having
+    /// and builds no world, while no other call, step or publication holds the core. Returns false, having
     /// run nothing, otherwise (or when it fails: the failure is reported by `call`). For a
     /// network thread that must never wait.
     bool try_call(const std::string& procedure, const uint8_t* args, uint64_t size,
