@@ -7,7 +7,8 @@
 //           and one decode of the mesh into a fresh value
 //   link    a GET_TRIMESH of a 16 MiB result over a RawSocket link, from the socket to the
 //           value the blocking call returns, against reading the same bytes from a plain
-//           socket into a reused buffer and decoding them
+//           socket into a reused buffer and decoding them; ours also walks the whole message
+//           once before dispatch, to refuse a malformed one as a protocol error
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
