@@ -1,6 +1,7 @@
 #include <qor/serialization/msgpack/read.hpp>
 
 #include <cstring>
+#include <iterator>
 #include <sstream>
 #include <stdexcept>
 
@@ -296,27 +297,19 @@ uint64_t same_records(const uint8_t* p, uint64_t avail, uint64_t most, uint64_t&
             mask[words - 1] |= uint64_t(0xFF) << shift;
         }
     }
-    switch (size >= 8 ? words : 0) {
-        case 1:
-            count = matching_records<1>(p, most, size, off, pattern, mask);
-            break;
-        case 2:
-            count = matching_records<2>(p, most, size, off, pattern, mask);
-            break;
-        case 3:
-            count = matching_records<3>(p, most, size, off, pattern, mask);
-            break;
-        case 4:
-            count = matching_records<4>(p, most, size, off, pattern, mask);
-            break;
-        default:
-            // Short records, or long ones with many fields: byte by byte.
-            for (const uint8_t* r = p; count < most; r += size, ++count) {
-                bool same = r[0] == header;
-                for (unsigned f = 0; f < fields; ++f) same &= r[1 + f * each] == type;
-                if (!same) break;
-            }
-            break;
+    using Matching = uint64_t (*)(const uint8_t*, uint64_t, uint64_t, const uint8_t*,
+                                  const uint64_t*, const uint64_t*);
+    static constexpr Matching by_words[] = {nullptr, matching_records<1>, matching_records<2>,
+                                            matching_records<3>, matching_records<4>};
+    if (size >= 8 && words < std::size(by_words)) {
+        count = by_words[words](p, most, size, off, pattern, mask);
+    } else {
+        // Short records, or long ones with many fields: byte by byte.
+        for (const uint8_t* r = p; count < most; r += size, ++count) {
+            bool same = r[0] == header;
+            for (unsigned f = 0; f < fields; ++f) same &= r[1 + f * each] == type;
+            if (!same) break;
+        }
     }
     record_bytes = count * size;
     return count;
