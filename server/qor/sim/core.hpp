@@ -59,9 +59,9 @@ class SimulationCore {
     CallResult call(const std::string& procedure, const uint8_t* args, uint64_t size,
                     uint64_t count);
     /// Runs `procedure` like `call` only when that is quick: an operation that touches no file
-    /// and builds no world, while no other call, step or publication holds the core. Returns false, having
-    /// run nothing, otherwise (or when it fails: the failure is reported by `call`). For a
-    /// network thread that must never wait.
+    /// and builds no world, while no other call, step or publication holds the core. Returns
+    /// false, having run nothing, otherwise (or when it fails: the failure is reported by
+    /// `call`). For a network thread that must never wait.
     bool try_call(const std::string& procedure, const uint8_t* args, uint64_t size,
                   uint64_t count, CallResult& result);
     /// Same with no arguments.
